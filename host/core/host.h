@@ -1,0 +1,42 @@
+/*
+ * The plug-in's side of the host: the C interface in platform/ on top of loop, data model and process runner.
+ */
+#ifndef HOST_CORE_HOST_H
+#define HOST_CORE_HOST_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/core/loop.h"
+#include "host/core/model.h"
+
+namespace keel {
+
+/* Runs programs for process objects. The real one (process_runner.h) uses libuv, its twin records. */
+class ProcessRunner {
+public:
+    using OnExit = std::function<void(int status)>;
+
+    virtual ~ProcessRunner() = default;
+    /* Starts argv[0] with its arguments; on_exit is called on the loop. False when it cannot be started. */
+    virtual bool run(const std::vector<std::string> &argv, OnExit on_exit) = 0;
+};
+
+/* Connects platform/ to a loop, a model and a runner, which must outlive the connection. One at a time. */
+void host_attach(Loop &loop, Model &model, ProcessRunner &runner);
+/* Ends it: drops requests, timers, queries and processes that the plug-in left open, and traces how many. */
+void host_detach();
+
+/* Loads a plug-in (its load-time constructors register its sub-modules) and starts the sub-modules in order. False with
+ * the reason in *error when it cannot be loaded. */
+bool plugin_load(const std::string &file, std::string *error);
+/* Stops the sub-modules in reverse order, completes what they pushed, and unloads the plug-in. */
+void plugin_unload();
+/* The names of the sub-modules that started, in order. */
+std::vector<std::string> plugin_modules();
+
+} // namespace keel
+
+#endif
