@@ -120,6 +120,7 @@ bool variant_setInt32(variant_t *variant, int32_t value);
 bool variant_setUInt8(variant_t *variant, uint8_t value);
 bool variant_setUInt16(variant_t *variant, uint16_t value);
 bool variant_setUInt32(variant_t *variant, uint32_t value);
+bool variant_setUInt64(variant_t *variant, uint64_t value);
 
 /* The text inside, borrowed; null for null or for a variant that holds no text. */
 const char *variant_da_char(const variant_t *variant);
@@ -151,6 +152,7 @@ variant_list_iterator_t *variant_list_iterator_next(const variant_list_iterator_
 variant_t *variant_list_iterator_data(const variant_list_iterator_t *iterator);
 size_t variant_list_size(const variant_list_t *list);
 /* Append copies. False for a null argument or when out of memory. */
+bool variant_list_add(variant_list_t *list, const variant_t *value);
 bool variant_list_addChar(variant_list_t *list, const char *text);
 bool variant_list_addMapCopy(variant_list_t *list, const variant_map_t *map);
 

@@ -28,7 +28,8 @@ typedef const char *weft_traverse_t;
 #define weft_traverse_one_level_up "one level up"
 #define weft_traverse_all "all" /* every interface of the model, the start interface first */
 
-/* Counted: the client is up until as many cleanups as initialisations were made. False on failure. */
+/* Counted: the client is up until as many cleanups as initialisations were made; the last one closes what queries are
+ * still open. False on failure, which is not counted. */
 bool weft_client_initialize(hull_t *hull, sysbus_t *bus);
 void weft_client_cleanup(void);
 
@@ -40,14 +41,15 @@ void weft_client_cleanup(void);
 typedef void (*weft_handler_t)(const variant_t *result, void *userData);
 
 /* Each opens a query for a subscriber (a name for traces) and returns its handle, or null when it cannot be opened
- * (null interface or handler, unknown traversal, malformed flags). */
+ * (client not initialised, null interface or handler, unknown traversal, malformed flags); the reason is traced. The
+ * start interface need not exist: until it does, the result is empty. */
 /* Result: a list of interface names. */
 weft_query_t *weft_openQuery_getIntfs(const char *intf, const char *subscriber, const char *flags,
                                       weft_traverse_t traversal, weft_handler_t handler, void *userData);
 /* Result: a text, the first matching interface, "" for none. */
 weft_query_t *weft_openQuery_luckyIntf(const char *intf, const char *subscriber, const char *flags,
                                        weft_traverse_t traversal, weft_handler_t handler, void *userData);
-/* Result: a text, the first address found, "" for none. Family is "ipv4". */
+/* Result: a text, the first address found, "" for none; a disabled address does not count. Family is "ipv4". */
 weft_query_t *weft_openQuery_luckyAddrAddress(const char *intf, const char *subscriber, const char *family,
                                               weft_traverse_t traversal, weft_handler_t handler, void *userData);
 /* Result: a boolean, true when an interface reached that satisfies the flags carries "up". */
@@ -66,24 +68,26 @@ bool weft_hasFlag(const char *intf, const char *flag, const char *condition, wef
 void weft_setFlag(const char *intf, const char *flags, const char *condition, weft_traverse_t traversal);
 void weft_clearFlag(const char *intf, const char *flags, const char *condition, weft_traverse_t traversal);
 /* Write a parameter of the first, or of every, interface reached that satisfies the condition. The parameter may be a
- * path below the interface ("IPv4Addr.iptv.Enable"). A refusal is traced. */
+ * path below the interface ("IPv4Addr.iptv.Enable"); an interface without that object is passed over. A refusal is
+ * traced. */
 void weft_setFirstParameter(const char *intf, const char *parameter, const variant_t *value, const char *condition,
                             weft_traverse_t traversal);
 void weft_setParameters(const char *intf, const char *parameter, const variant_t *value, const char *condition,
                         weft_traverse_t traversal);
 /* Link the upper interface over the lower one, or undo it. Linking twice is one link. A missing interface and a link
- * that would close a loop are traced and ignored, and so is a null name. */
+ * that would close a loop are traced and ignored, and so is a null name. A deleted interface takes the links to it
+ * along. */
 void weft_linkIntfs(const char *upper, const char *lower);
 void weft_unlinkIntfs(const char *upper, const char *lower);
 /* A newly allocated map {MIB name -> {interface name -> map of values}} of the named MIBs (joined by blanks) of the
  * interfaces reached; an interface without the MIB has no entry, a MIB that none has no entry either. Release it with
  * variant_map_cleanup() and free(). Null for an unknown interface. */
 variant_map_t *weft_getMIBs(const char *intf, const char *mibs, const char *condition, weft_traverse_t traversal);
-/* Writes the entries of such a map that name the interface. */
+/* Writes the entries of such a map that name the interface; it gets a MIB that it did not have. A refusal is traced. */
 void weft_setMIBs(const char *intf, const variant_map_t *map);
 /* The parsed value of a received DHCP option, newly allocated (variant_cleanup() and free()), or null when it was not
- * received. Kind is "req". Option 121 (RFC 3442) is a list of maps with "Destination" (text), "PrefixLength" (unsigned
- * 8-bit) and "Router" (text), in the order received; any other is its text. */
+ * received or is malformed, which is traced. Kind is "req". Option 121 (RFC 3442) is a list of maps with "Destination"
+ * (text), "PrefixLength" (unsigned 8-bit) and "Router" (text), in the order received; any other is its text. */
 variant_t *weft_getDHCPOption(const char *intf, const char *kind, uint16_t option, weft_traverse_t traversal);
 
 #ifdef __cplusplus

@@ -45,6 +45,7 @@ struct Parameter {
     std::string name;
     Type type;
     Value value;
+    bool present = true; /* false: never written, and without a default */
 };
 
 struct Shape; /* model.cpp: what an object of this kind looks like */
@@ -77,6 +78,7 @@ struct Event {
     Values values;
     Values before;
     std::uint32_t custom_type = 0;
+    std::uint64_t number = 0; /* counts all events of the model, from 1 */
 
     std::string path() const;
 };
@@ -117,6 +119,8 @@ public:
     bool boolean(std::string_view path, std::string_view parameter, bool fallback = false) const;
     std::int64_t integer(std::string_view path, std::string_view parameter, std::int64_t fallback = 0) const;
     std::vector<std::string> instances(std::string_view path) const;
+    /* The parameters that an instance below this object has, with their defaults; empty when it has no instances. */
+    std::vector<Parameter> instance_parameters(std::string_view path) const;
 
     /* Writes. A set with values that are already in force changes nothing and tells nothing. */
     Outcome set(std::string_view path, const Values &values);
@@ -132,8 +136,13 @@ public:
     WatchId watch(std::string_view path, Watcher watcher);
     void unwatch(WatchId id);
 
+    /* Tells the watchers now what has happened up to now; for who cannot wait for the next turn. Not from a watcher. */
+    void dispatch_now();
+
     /* Counts the writes done; for caches. */
     std::uint64_t generation() const { return generation_; }
+    /* The number of the latest event: what has a higher one happened after this call. */
+    std::uint64_t latest_event() const { return last_event_; }
 
 private:
     struct Watch {
@@ -143,7 +152,6 @@ private:
     };
 
     void tell(Event event);
-    void dispatch();
 
     Loop &loop_;
     std::unique_ptr<Node> root_;
@@ -152,6 +160,7 @@ private:
     std::vector<std::shared_ptr<Watch>> watches_;
     std::shared_ptr<bool> alive_; /* false once the model is gone: tasks still posted then do nothing */
     WatchId last_watch_ = 0;
+    std::uint64_t last_event_ = 0;
     std::uint64_t generation_ = 0;
     bool dispatch_posted_ = false;
 };

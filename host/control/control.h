@@ -1,0 +1,55 @@
+/*
+ * The control socket: keelctl's way in.
+ *
+ * A client sends JSON objects, one a line, and gets JSON objects back, one a line:
+ *   {"op": "get", "path": "Keel"}                        -> {"ok": true, "tree": {...}}
+ *   {"op": "set", "path": "...", "values": {"A": "1"}}   -> {"ok": true}
+ *   {"op": "add", "path": "...", "key": "x", "values": {...}}   -> {"ok": true, "name": "x"}  (key optional)
+ *   {"op": "del", "path": "..."}                         -> {"ok": true}
+ *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
+ *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
+ * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
+ * parameter's type wants. A tree is {"name", "parameters": {...}, "children": [...]}.
+ */
+#ifndef HOST_CONTROL_CONTROL_H
+#define HOST_CONTROL_CONTROL_H
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "host/core/model.h"
+#include "host/core/uv_loop.h"
+
+namespace keel {
+
+class Control {
+public:
+    /* Listens on a Unix socket with mode 0600. The socket of a host that is gone is replaced. make_safe is called after
+     * each write and before its answer. Throws std::runtime_error when the socket cannot be had, in particular when a
+     * living host listens on it. */
+    Control(UvLoop &loop, Model &model, std::string socket_path, std::function<void()> make_safe);
+    Control(const Control &) = delete;
+    Control &operator=(const Control &) = delete;
+    ~Control();
+
+private:
+    struct Client;
+    struct Listener;
+
+    void accept();
+    void take(Client &client, const std::string &line);
+    void drop(Client &client);
+
+    UvLoop &loop_;
+    Model &model_;
+    std::string path_;
+    std::function<void()> make_safe_;
+    Listener *listener_ = nullptr;
+    std::set<Client *> clients_;
+};
+
+} // namespace keel
+
+#endif

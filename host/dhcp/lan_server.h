@@ -1,0 +1,92 @@
+/*
+ * The LAN DHCP server (RFC 2131) of the gateway: pools, rules, leases and holds as the data model has them below
+ * "DHCPv4.Server", on messages that a port brings and takes.
+ */
+#ifndef HOST_DHCP_LAN_SERVER_H
+#define HOST_DHCP_LAN_SERVER_H
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/core/model.h"
+#include "host/dhcp/packet.h"
+
+namespace keel {
+
+/* Where a reply goes. */
+struct DhcpDestination {
+    HardwareAddress hardware{};
+    std::uint32_t address = 0; /* host order; 255.255.255.255 for a broadcast */
+    std::uint32_t source = 0;  /* the server's */
+};
+
+/* The network, real or simulated. */
+class LanPort {
+public:
+    virtual ~LanPort() = default;
+    virtual void send(const Bytes &message, const DhcpDestination &destination) = 0;
+};
+
+/* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else to the pool
+ * whose rule has none. While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold"
+ * true and the device is not answered; when "OnHold" turns false, its waiting request is answered at once, with the lease
+ * time and the options of that moment. Leases are kept by the store and taken up again at the start. */
+class LanDhcpServer {
+public:
+    LanDhcpServer(Loop &loop, Model &model, LanPort &port);
+    LanDhcpServer(const LanDhcpServer &) = delete;
+    LanDhcpServer &operator=(const LanDhcpServer &) = delete;
+    ~LanDhcpServer();
+
+    /* One UDP payload from a client. */
+    void received(const std::uint8_t *data, std::size_t size);
+    /* How many messages were dropped, by reason. */
+    const std::map<std::string, std::uint64_t> &dropped() const { return dropped_; }
+
+private:
+    struct Rule { /* where a device's lease belongs */
+        std::string pool;
+        std::string path;
+        std::uint32_t low;
+        std::uint32_t high;
+    };
+
+    std::optional<Rule> rule_for(const DhcpMessage &message) const;
+    std::string lease_path(const Rule &rule, const std::string &id) const;
+
+    void discover(const DhcpMessage &message, const Rule &rule, const std::string &id);
+    void request(const DhcpMessage &message, const Rule &rule, const std::string &id);
+    void release(const DhcpMessage &message, const Rule &rule, const std::string &id, bool declined);
+    void inform(const DhcpMessage &message, const Rule &rule);
+
+    bool add_lease(const DhcpMessage &message, const Rule &rule, const std::string &id);
+    std::uint32_t choose_address(const DhcpMessage &message, const Rule &rule) const;
+    bool in_use(std::uint32_t address) const;
+    void drop_lease_elsewhere(const Rule &rule, const std::string &id);
+    void park(const DhcpMessage &message, const Rule &rule, const std::string &id);
+    void answer_lease(const DhcpMessage &message, const Rule &rule, const std::string &id, DhcpType type);
+    void answer(const DhcpMessage &message, const Rule &rule, DhcpReply reply);
+    std::uint32_t lease_time(const Rule &rule) const;
+
+    void on_event(const Event &event);
+    void lease_changed(const std::string &path, const Event &event);
+    void release_pool(const std::string &pool);
+    void follow_expiry();
+    void expire();
+    void drop(const std::string &reason);
+
+    Loop &loop_;
+    Model &model_;
+    LanPort &port_;
+    Model::WatchId watch_;
+    std::map<std::string, DhcpMessage> parked_;             /* lease path -> the request that waits for its release */
+    std::map<std::uint32_t, std::uint64_t> declined_until_; /* address -> wall clock, s */
+    std::map<std::string, std::uint64_t> dropped_;
+    Loop::TimerId expiry_ = 0;
+};
+
+} // namespace keel
+
+#endif

@@ -1,0 +1,66 @@
+/*
+ * DHCP messages (RFC 2131, RFC 2132): bytes become a plain record at the door, or are dropped there with a reason.
+ */
+#ifndef HOST_DHCP_PACKET_H
+#define HOST_DHCP_PACKET_H
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace keel {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/* IPv4 addresses in host order; 0 for none. */
+std::uint32_t parse_ipv4(const std::string &dotted);
+std::string format_ipv4(std::uint32_t address);
+/* Bytes of a hexadecimal text; empty for anything else. */
+Bytes parse_hex(const std::string &hex);
+std::string format_hex(const Bytes &bytes);
+
+enum class DhcpType : std::uint8_t {
+    Discover = 1,
+    Offer = 2,
+    Request = 3,
+    Decline = 4,
+    Ack = 5,
+    Nak = 6,
+    Release = 7,
+    Inform = 8
+};
+
+using HardwareAddress = std::array<std::uint8_t, 6>;
+
+/* What the server reads of a client's message. */
+struct DhcpMessage {
+    DhcpType type = DhcpType::Discover;
+    std::uint32_t xid = 0;
+    bool broadcast = false;
+    std::uint32_t client_address = 0; /* ciaddr */
+    std::uint32_t relay = 0;          /* giaddr */
+    HardwareAddress hardware{};
+    Bytes client_id; /* option 61, may be empty */
+    std::string vendor_class;
+    std::uint32_t requested_address = 0;
+    std::uint32_t server_id = 0;
+};
+
+/* What the server answers; options in the order of their numbers. */
+struct DhcpReply {
+    DhcpType type = DhcpType::Offer;
+    std::uint32_t your_address = 0; /* yiaddr */
+    std::uint32_t server = 0;
+    std::map<std::uint8_t, Bytes> options; /* besides 53 and 54 */
+};
+
+/* False with the reason in *error for anything but a client's message over Ethernet. */
+bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error);
+/* The reply to a client's message, at least 300 bytes long (RFC 1542). */
+Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply);
+
+} // namespace keel
+
+#endif

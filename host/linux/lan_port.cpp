@@ -1,0 +1,157 @@
+#include "host/linux/lan_port.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <tins/ip.h>
+#include <tins/rawpdu.h>
+#include <tins/udp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "host/core/trace.h"
+
+namespace keel {
+
+namespace {
+
+constexpr std::uint64_t retry_ms = 3000;
+constexpr std::uint16_t server_port = 67;
+constexpr std::uint16_t client_port = 68;
+constexpr int frames_per_turn = 32;
+constexpr std::size_t ip_header = 20;
+constexpr std::size_t udp_header = 8;
+
+/* IPv4, UDP, no later fragment, destination port 67; counted from the IP header. */
+sock_filter filter_code[] = {
+    BPF_STMT(BPF_LD + BPF_B + BPF_ABS, 9),  BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, IPPROTO_UDP, 0, 6),
+    BPF_STMT(BPF_LD + BPF_H + BPF_ABS, 6),  BPF_JUMP(BPF_JMP + BPF_JSET + BPF_K, 0x1fff, 4, 0),
+    BPF_STMT(BPF_LDX + BPF_B + BPF_MSH, 0), BPF_STMT(BPF_LD + BPF_H + BPF_IND, 2),
+    BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, server_port, 0, 1), BPF_STMT(BPF_RET + BPF_K, 0xffff),
+    BPF_STMT(BPF_RET + BPF_K, 0),
+};
+
+} // namespace
+
+struct PacketLanPort::Poll {
+    uv_poll_t handle;
+    PacketLanPort *owner;
+};
+
+PacketLanPort::PacketLanPort(UvLoop &loop, std::string interface, Receiver receiver)
+    : loop_(loop), interface_(std::move(interface)), receiver_(std::move(receiver)) {
+    open_or_retry();
+}
+
+PacketLanPort::~PacketLanPort() {
+    loop_.cancel_timer(retry_);
+    close();
+}
+
+void PacketLanPort::open_or_retry() {
+    retry_ = 0;
+    if (open()) {
+        complained_ = false;
+        return;
+    }
+    if (!complained_)
+        trace(Level::Error, "lan", "cannot serve DHCP on %s: %s; it is tried again", interface_.c_str(),
+              std::strerror(errno));
+    complained_ = true;
+    close();
+    retry_ = loop_.start_timer(retry_ms, [this] { open_or_retry(); });
+}
+
+bool PacketLanPort::open() {
+    index_ = static_cast<int>(if_nametoindex(interface_.c_str()));
+    if (index_ == 0)
+        return false;
+    socket_ = socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_IP));
+    const sock_fprog filter{std::size(filter_code), filter_code};
+    sockaddr_ll address{};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(ETH_P_IP);
+    address.sll_ifindex = index_;
+    if (socket_ < 0 || setsockopt(socket_, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) < 0 ||
+        bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0)
+        return false;
+    poll_ = new Poll{{}, this};
+    uv_poll_init(loop_.handle(), &poll_->handle, socket_);
+    poll_->handle.data = poll_;
+    uv_poll_start(&poll_->handle, UV_READABLE,
+                  [](uv_poll_t *handle, int, int) { static_cast<Poll *>(handle->data)->owner->take_frames(); });
+    return true;
+}
+
+void PacketLanPort::close() {
+    if (poll_) {
+        uv_poll_stop(&poll_->handle);
+        uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
+                 [](uv_handle_t *handle) { delete static_cast<Poll *>(handle->data); });
+        poll_ = nullptr;
+    }
+    if (socket_ >= 0)
+        ::close(socket_);
+    socket_ = -1;
+}
+
+void PacketLanPort::take_frames() {
+    std::uint8_t frame[2048];
+    for (int count = 0; count < frames_per_turn; ++count) {
+        sockaddr_ll from{};
+        socklen_t from_size = sizeof from;
+        const ssize_t size = recvfrom(socket_, frame, sizeof frame, 0, reinterpret_cast<sockaddr *>(&from), &from_size);
+        if (size < 0) {
+            if (errno == EAGAIN || errno == EINTR)
+                return;
+            trace(Level::Warning, "lan", "%s: %s", interface_.c_str(), std::strerror(errno));
+            if (errno != ENETDOWN) { /* the interface is gone */
+                close();
+                retry_ = loop_.start_timer(retry_ms, [this] { open_or_retry(); });
+            }
+            return;
+        }
+        const auto length = static_cast<std::size_t>(size);
+        if (from.sll_pkttype == PACKET_OUTGOING || length < ip_header + udp_header)
+            continue;
+        const std::size_t header = static_cast<std::size_t>(frame[0] & 0x0f) * 4;
+        if (header < ip_header || header + udp_header > length)
+            continue;
+        const std::size_t told = static_cast<std::size_t>(frame[header + 4]) << 8 | frame[header + 5];
+        if (told < udp_header || header + told > length)
+            continue;
+        receiver_(frame + header + udp_header, told - udp_header);
+        if (socket_ < 0)
+            return;
+    }
+}
+
+void PacketLanPort::send(const Bytes &message, const DhcpDestination &destination) {
+    if (socket_ < 0)
+        return;
+    try {
+        Tins::IP packet = Tins::IP(Tins::IPv4Address(htonl(destination.address)),
+                                   Tins::IPv4Address(htonl(destination.source))) /
+                          Tins::UDP(client_port, server_port) / Tins::RawPDU(message.begin(), message.end());
+        const Bytes bytes = packet.serialize();
+        sockaddr_ll to{};
+        to.sll_family = AF_PACKET;
+        to.sll_protocol = htons(ETH_P_IP);
+        to.sll_ifindex = index_;
+        to.sll_halen = ETH_ALEN;
+        std::copy(destination.hardware.begin(), destination.hardware.end(), to.sll_addr);
+        if (sendto(socket_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
+            trace(Level::Warning, "lan", "%s: a DHCP reply could not be sent: %s", interface_.c_str(),
+                  std::strerror(errno));
+    } catch (const std::exception &error) {
+        trace(Level::Warning, "lan", "a DHCP reply could not be formed: %s", error.what());
+    }
+}
+
+} // namespace keel

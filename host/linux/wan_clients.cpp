@@ -1,0 +1,128 @@
+#include "host/linux/wan_clients.h"
+
+#include "host/core/graph.h"
+#include "host/core/trace.h"
+#include "host/core/wan_client_model.h"
+
+namespace keel {
+
+namespace {
+constexpr std::uint64_t restart_delay_ms = 2000; /* of a client that ended by itself */
+}
+
+WanClients::WanClients(UvLoop &loop, Model &model, std::string udhcpc, std::string report_script)
+    : loop_(loop), model_(model), udhcpc_(std::move(udhcpc)), script_(std::move(report_script)),
+      alive_(std::make_shared<bool>(true)) {
+    watch_ = model_.watch("Weft.Intf", [this](const Event &) { schedule(); });
+    schedule();
+}
+
+WanClients::~WanClients() {
+    *alive_ = false;
+    model_.unwatch(watch_);
+    while (!clients_.empty())
+        stop(clients_.begin()->first);
+}
+
+void WanClients::schedule() {
+    if (scheduled_)
+        return;
+    scheduled_ = true;
+    loop_.post([this, alive = alive_] {
+        if (!*alive)
+            return;
+        scheduled_ = false;
+        follow_model();
+    });
+}
+
+void WanClients::follow_model() {
+    const auto wanted = wanted_wan_clients(model_);
+    std::vector<std::string> unwanted;
+    for (const auto &[name, client] : clients_)
+        if (const auto found = wanted.find(name); found == wanted.end() || found->second != client->device)
+            unwanted.push_back(name);
+    for (const std::string &name : unwanted)
+        stop(name);
+    for (const auto &[name, device] : wanted) {
+        auto &client = clients_[name];
+        if (client)
+            continue;
+        client = std::make_unique<Client>();
+        client->device = device;
+        start(name, *client);
+    }
+}
+
+void WanClients::start(const std::string &name, Client &client) {
+    const std::string path = interface_path(name);
+    UdhcpcSettings settings;
+    settings.program = udhcpc_;
+    settings.script = script_;
+    settings.interface = client.device;
+    settings.client_id = model_.text(path + ".SentOption.61", "Value");
+    settings.vendor_class = model_.text(path + ".MIB.dhcp", "VendorClass");
+    settings.requested_options = split_words(model_.text(path + ".MIB.dhcp", "RequestedOptions"));
+    settings.last_address = model_.text(path, "IPAddress");
+    std::string error;
+    client.process = Child::start(
+        loop_, udhcpc_command(settings),
+        [this, name, &client](const std::string &line) { take(name, client.reader.take(line)); },
+        [this, name](int status) { ended(name, status); }, &error);
+    if (!client.process) {
+        trace(Level::Error, "wan", "%s: %s cannot be started: %s", name.c_str(), udhcpc_.c_str(), error.c_str());
+        ended(name, 0);
+    }
+}
+
+void WanClients::stop(const std::string &name) {
+    const auto found = clients_.find(name);
+    if (found->second->restart)
+        loop_.cancel_timer(found->second->restart);
+    clients_.erase(found);
+    if (model_.find(interface_path(name)))
+        set_wan_status(model_, name, "Idle");
+}
+
+void WanClients::take(const std::string &name, const UdhcpcReport &report) {
+    switch (report.kind) {
+    case UdhcpcReport::Kind::Selecting:
+        set_wan_status(model_, name, "Selecting");
+        break;
+    case UdhcpcReport::Kind::Requesting:
+        set_wan_status(model_, name, "Requesting");
+        break;
+    case UdhcpcReport::Kind::Renewing:
+        set_wan_status(model_, name, "Renewing");
+        break;
+    case UdhcpcReport::Kind::Rebinding:
+        set_wan_status(model_, name, "Rebinding");
+        break;
+    case UdhcpcReport::Kind::Bound:
+        set_wan_bound(model_, name, report.lease.address, report.lease.mask, report.lease.options);
+        break;
+    case UdhcpcReport::Kind::Nak:
+        set_wan_nak(model_, name);
+        break;
+    default:
+        break;
+    }
+}
+
+void WanClients::ended(const std::string &name, int status) {
+    const auto found = clients_.find(name);
+    if (found == clients_.end())
+        return;
+    trace(Level::Warning, "wan", "%s: its DHCP client ended with status %d; it is started again", name.c_str(), status);
+    set_wan_status(model_, name, "Idle");
+    found->second->restart = loop_.start_timer(restart_delay_ms, [this, name] {
+        const auto client = clients_.find(name);
+        if (client == clients_.end())
+            return;
+        client->second->restart = 0;
+        client->second->reader = {};
+        start(name, *client->second);
+    });
+}
+
+} // namespace keel

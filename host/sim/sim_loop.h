@@ -1,0 +1,42 @@
+/*
+ * The loop's twin on a virtual clock: time passes only when advance() says so.
+ */
+#ifndef HOST_SIM_SIM_LOOP_H
+#define HOST_SIM_SIM_LOOP_H
+
+#include <deque>
+#include <map>
+#include <utility>
+
+#include "host/core/loop.h"
+
+namespace keel {
+
+class SimLoop : public Loop {
+public:
+    void post(Task task) override;
+    TimerId start_timer(std::uint64_t milliseconds, Task task) override;
+    void cancel_timer(TimerId id) override;
+    std::uint64_t now_ms() const override { return now_; }
+    std::uint64_t wall_clock_s() const override { return epoch_s + now_ / 1000; }
+
+    /* Runs every task posted and every timer due now, until nothing is left. Throws when that does not end. */
+    void run_until_idle();
+    /* Lets the time pass; timers run at their times, in order. */
+    void advance(std::uint64_t milliseconds);
+
+private:
+    static constexpr std::uint64_t epoch_s = 1700000000;
+
+    bool run_one();
+
+    std::uint64_t now_ = 0;
+    TimerId last_timer_ = 0;
+    std::deque<Task> posted_;
+    std::map<std::pair<std::uint64_t, TimerId>, Task> timers_; /* by due time, then by age */
+    std::map<TimerId, std::uint64_t> due_;
+};
+
+} // namespace keel
+
+#endif

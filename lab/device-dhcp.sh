@@ -1,0 +1,12 @@
+#!/bin/sh
+# What a LAN device of the lab does with its lease: takes the address and the default route, or lets go of both.
+case "$1" in
+bound | renew)
+    ip -4 addr flush dev "$interface"
+    ip addr add "$ip/${mask:-24}" broadcast + dev "$interface"
+    [ -z "$router" ] || ip route replace default via "${router%% *}" dev "$interface"
+    ;;
+deconfig)
+    ip -4 addr flush dev "$interface"
+    ;;
+esac

@@ -1,0 +1,96 @@
+"""Faults on a real network: the operator goes away and comes back, the host is killed and serves again.
+
+Runs inside namespaces of its own: script/in-namespaces python3 tests/network_test.py PROGRAMS
+"""
+
+import os
+import shutil
+import signal
+import sys
+import tempfile
+import time
+import unittest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "lab"))
+
+from lab import DEVICES, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
+from network import wait_for  # noqa: E402
+from tap import ACK, OFFER  # noqa: E402
+
+PROGRAMS = os.path.abspath(sys.argv.pop(1))
+STB1, STB2, ITF, PC = DEVICES
+
+
+class NetworkTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(dir="/run")
+        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder)
+        cls.lab.build()
+        cls.lab.start_operator(lease_seconds=120)
+        cls.lab.start_gateway()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.lab.close()
+        shutil.rmtree(cls.folder)
+
+    def await_service(self, device, seconds=40):
+        """Waits until the device plays: its packets reach the server with its WAN address as source."""
+        def plays():
+            address = self.lab.address(device)
+            wan = address and self.lab.mapped(address)
+            return wan if wan and self.lab.connect(device.name, "server", SERVER_ADDRESS, SERVER_PORT, 1) == wan else None
+        wan = wait_for(plays, seconds)
+        self.assertTrue(wan, f"{device.name} does not play\n{self.lab.network.log('gateway.log')[-4000:]}")
+        return wan
+
+    def test_1_operator_away_and_back(self):
+        lab = self.lab
+        lab.start_device(STB1)
+        wan = self.await_service(STB1)
+
+        lab.stop_operator()
+        lab.start_device(STB2)
+        self.assertTrue(wait_for(lambda: lab.keel.hold(STB2, lab), 15), "STB2 is not held while the operator is away")
+        # STB1's WAN lease is due for renewal after 60 s and would be lost after 120 s.
+        state = wait_for(lambda: lab.keel.wan_state(STB1, lab) in ("Renewing", "Rebinding"), 75, pause=1)
+        self.assertTrue(state, f"STB1's WAN client does not renew: {lab.keel.wan_state(STB1, lab)}")
+        self.assertFalse([m for m in lab.taps["stb2"].poll() if m.kind in (OFFER, ACK)] and
+                         lab.keel.hold(STB2, lab), "STB2 was answered while on hold")
+        self.assertEqual(self.await_service(STB1), wan, "STB1 lost its address while its lease was in force")
+
+        lab.start_operator(lease_seconds=120)
+        self.assertTrue(wait_for(lambda: lab.keel.wan_state(STB1, lab) == "Bound", 60, pause=1), "STB1 is not bound again")
+        self.assertEqual(self.await_service(STB1), wan)
+        self.assertNotEqual(self.await_service(STB2, 150), wan)
+
+    def test_2_killed_host_serves_again(self):
+        lab = self.lab
+        before = {device.name: self.await_service(device) for device in (STB1, STB2)}
+        clients = lab.wan_clients()
+        self.assertEqual(len(clients), 2)
+
+        lab.stop_gateway(signal.SIGKILL)
+        self.assertTrue(wait_for(lambda: not lab.wan_clients(), 5), "WAN clients outlive the host")
+
+        lab.start_gateway()
+        after = {device.name: self.await_service(device) for device in (STB1, STB2)}
+        self.assertEqual(before, after)
+        routes = lab.network.run("gateway", "ip", "route", "show", "dev", IPTV)
+        self.assertEqual(routes.count("10.60.0.0/24 via 10.20.0.1"), 1)
+        addresses = lab.network.run("gateway", "ip", "-4", "-o", "addr", "show", "dev", IPTV)
+        self.assertEqual(sorted(word.split("/")[0] for word in addresses.split() if word.startswith("10.20.0.") and
+                                "/" in word), sorted(after.values()))
+
+    def test_3_stopped_host_leaves_nothing(self):
+        lab = self.lab
+        self.assertEqual(lab.stop_gateway(), 0)
+        self.assertEqual(lab.wan_clients(), [])
+        self.assertEqual(lab.network.run("gateway", "ip", "-4", "addr", "show", "dev", IPTV).count("inet "), 0)
+        self.assertEqual([rule for rule in lab.rules("nat") if "_zep" in rule and not rule.startswith("-N")], [])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
