@@ -89,9 +89,10 @@ class Lab:
 
     # ------------------------------------------------------------------------------------------ operator
 
-    def start_operator(self):
+    def start_operator(self, lease_seconds=3600):
         self.dhcp_server = self.network.spawn(
             "operator", "dnsmasq", "--no-daemon", f"--conf-file={HERE}/operator-dhcp.conf",
+            f"--dhcp-range=10.20.0.50,10.20.0.99,255.255.255.0,{lease_seconds}",
             f"--dhcp-leasefile={self.folder}/operator.leases", "--pid-file=", log="operator.log")
 
     def stop_operator(self):
@@ -103,13 +104,14 @@ class Lab:
     def start_gateway(self):
         self.gateway = self.network.spawn(
             "gateway", os.path.join(self.programs, "keelhost"),
-            "--model", os.path.join(self.share, "gateway.json"),
+            "--share", self.share,
             "--store", os.path.join(self.folder, "keel.db"),
             "--socket", self.socket,
             "--plugin", os.path.join(self.programs, "zephyrin.so"), log="gateway.log")
         if not wait_for(lambda: self.keel.answers() or self.gateway.poll() is not None, 15) or \
                 self.gateway.poll() is not None:
             raise RuntimeError("keelhost did not start; its last words:\n" + self.network.log("gateway.log")[-2000:])
+        self.keel.watch_wan_clients()
 
     def stop_gateway(self, how=signal.SIGTERM):
         status = self.network.stop(self.gateway, how)
@@ -129,6 +131,11 @@ class Lab:
 
     def stop_device(self, device):
         self.network.stop(self.clients.pop(device.name))
+
+    def mac(self, device):
+        """The device's MAC address, upper case."""
+        words = self.network.run(device.name, "ip", "-o", "link", "show", "dev", "eth0").split()
+        return words[words.index("link/ether") + 1].upper()
 
     def address(self, device):
         """The address that the device itself has, or None."""

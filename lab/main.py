@@ -6,6 +6,7 @@ import signal
 import sys
 import time
 
+from keel import stored_identities
 from lab import DEVICE_PORT, DEVICES, IPTV, LAN_ADDRESS, SERVER_ADDRESS, SERVER_PORT, Lab
 from network import CommandFailed, wait_for
 from tap import ACK, OFFER
@@ -56,7 +57,7 @@ class Run:
         wait_for(lambda: self.lab.taps[pc.name].last(ACK), 20, self.tick)
         wait_for(lambda: False, HOLD_SECONDS, self.tick)
         for device in self.iptv_devices:
-            held = self.lab.keel.hold(device, self.lab)
+            held = self.lab.keel.hold(self.lab.mac(device))
             offers = len([m for m in self.lab.taps[device.name].poll() if m.kind in (OFFER, ACK)])
             self.prove(held is True and offers == 0,
                        f"(a) {device.name} asked, is held, and got no LAN offer while it has no WAN lease",
@@ -102,7 +103,7 @@ class Run:
     def prove_order(self, device):
         offer = self.lab.taps[device.name].messages and min(
             (m.when for m in self.lab.taps[device.name].messages if m.kind == OFFER), default=None)
-        bound = self.lab.keel.bound_at(device, self.lab)
+        bound = self.lab.keel.bound_at(self.lab.mac(device))
         self.prove(offer and bound and offer > bound,
                    f"(a) {device.name}: the first LAN offer came after the WAN lease was bound",
                    f"bound at {bound}, offer at {offer}")
@@ -150,7 +151,7 @@ class Run:
         self.prove(not routes, f"(g) no route is left on {IPTV}", routes)
         clients = self.lab.wan_clients()
         self.prove(not clients, "(g) no WAN DHCP client process is left", clients)
-        stored = self.lab.keel.stored_identities(os.path.join(self.lab.folder, "keel.db"))
+        stored = stored_identities(os.path.join(self.lab.folder, "keel.db"))
         self.prove(not stored, "(g) no identity is left in the store", stored)
 
     def stay(self):

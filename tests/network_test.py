@@ -53,16 +53,16 @@ class NetworkTest(unittest.TestCase):
 
         lab.stop_operator()
         lab.start_device(STB2)
-        self.assertTrue(wait_for(lambda: lab.keel.hold(STB2, lab), 15), "STB2 is not held while the operator is away")
+        self.assertTrue(wait_for(lambda: lab.keel.hold(lab.mac(STB2)), 15), "STB2 is not held while the operator is away")
         # STB1's WAN lease is due for renewal after 60 s and would be lost after 120 s.
-        state = wait_for(lambda: lab.keel.wan_state(STB1, lab) in ("Renewing", "Rebinding"), 75, pause=1)
-        self.assertTrue(state, f"STB1's WAN client does not renew: {lab.keel.wan_state(STB1, lab)}")
+        state = wait_for(lambda: lab.keel.wan_state(lab.mac(STB1)) in ("Renewing", "Rebinding"), 75, pause=1)
+        self.assertTrue(state, f"STB1's WAN client does not renew: {lab.keel.wan_state(lab.mac(STB1))}")
         self.assertFalse([m for m in lab.taps["stb2"].poll() if m.kind in (OFFER, ACK)] and
-                         lab.keel.hold(STB2, lab), "STB2 was answered while on hold")
+                         lab.keel.hold(lab.mac(STB2)), "STB2 was answered while on hold")
         self.assertEqual(self.await_service(STB1), wan, "STB1 lost its address while its lease was in force")
 
         lab.start_operator(lease_seconds=120)
-        self.assertTrue(wait_for(lambda: lab.keel.wan_state(STB1, lab) == "Bound", 60, pause=1), "STB1 is not bound again")
+        self.assertTrue(wait_for(lambda: lab.keel.wan_state(lab.mac(STB1)) == "Bound", 60, pause=1), "STB1 is not bound again")
         self.assertEqual(self.await_service(STB1), wan)
         self.assertNotEqual(self.await_service(STB2, 150), wan)
 

@@ -24,6 +24,9 @@ Json descend(Json tree, std::initializer_list<const char *> names) {
     return tree;
 }
 
+/* By value: a loop over it keeps it alive. */
+Json children(const Json &tree, std::initializer_list<const char *> names) { return descend(tree, names)["children"]; }
+
 std::string text(const Json &tree, const char *parameter) {
     const Json &value = tree["parameters"].value(parameter, Json());
     return value.is_string() ? value.get<std::string>() : value.is_null() ? "" : value.dump();
@@ -74,8 +77,8 @@ std::string iptv_device(const Json &interfaces) {
 std::map<std::string, Json> iptv_leases(const Json &pools) {
     std::map<std::string, Json> leases;
     for (const char *pool : {"zep_stb", "zep_itf"})
-        for (const Json &rule : descend(pools, {pool, "Rule"})["children"])
-            for (const Json &lease : child(rule, "Lease")["children"])
+        for (const Json &rule : children(pools, {pool, "Rule"}))
+            for (const Json &lease : children(rule, {"Lease"}))
                 leases[lease["name"]] = {{"id", lease["name"]},
                                          {"pool", pool},
                                          {"address", text(lease, "IPAddress")},
@@ -121,11 +124,11 @@ Json gather_status(Client &client) {
                 {"routes", Json::array()},
                 {"identities", Json::array()},
                 {"waiting", Json::array()}};
-    for (const Json &route : descend(interfaces, {device.c_str(), "IPv4Route"})["children"])
+    for (const Json &route : children(interfaces, {device.c_str(), "IPv4Route"}))
         status["routes"].push_back({{"destination", text(route, "Dst") + "/" + text(route, "DstLen")},
                                     {"router", text(route, "Gateway")},
                                     {"status", text(route, "Status")}});
-    for (const Json &identity : child(service, "ClientLease")["children"]) {
+    for (const Json &identity : children(service, {"ClientLease"})) {
         const Json wan = child(interfaces, "dhcp_zep_" + text(identity, "Name"));
         Json one{{"name", text(identity, "Name")},
                  {"slot", text(identity, "ClientIDOffset")},
@@ -139,7 +142,7 @@ Json gather_status(Client &client) {
             one["wan_address"] = text(wan, "IPAddress");
             one["status"] = "Connected";
         }
-        for (const Json &stored : child(identity, "ServerLease")["children"]) {
+        for (const Json &stored : children(identity, {"ServerLease"})) {
             one["devices"].push_back(device_json(stored, leases, hosts));
             leases.erase(text(stored, "Id"));
         }
