@@ -1,0 +1,141 @@
+#include "host/sim/sim_lan.h"
+
+#include <tins/dhcp.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace keel {
+
+namespace {
+constexpr std::uint64_t retry_ms = 3000;
+constexpr const char *server_address = "192.168.1.1";
+} // namespace
+
+void SimLan::send(const Bytes &message, const DhcpDestination &) {
+    loop_.post([this, message] {
+        const auto devices = devices_;
+        for (SimDevice *device : devices)
+            device->take(message);
+    });
+}
+
+void SimLan::to_server(const Bytes &message) {
+    loop_.post([this, message] {
+        if (server_)
+            server_->received(message.data(), message.size());
+    });
+}
+
+std::uint32_t SimDevice::Answer::lease_time() const {
+    const auto found = options.find(51);
+    if (found == options.end() || found->second.size() != 4)
+        return 0;
+    const Bytes &bytes = found->second;
+    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+}
+
+SimDevice::SimDevice(Loop &loop, SimLan &lan, unsigned number, std::string vendor_class)
+    : loop_(loop), lan_(lan), hardware_{0x02, 0xab, 0, 0, static_cast<std::uint8_t>(number >> 8),
+                                        static_cast<std::uint8_t>(number)},
+      vendor_class_(std::move(vendor_class)) {
+    lan_.devices_.push_back(this);
+}
+
+SimDevice::~SimDevice() {
+    stop();
+    std::erase(lan_.devices_, this);
+}
+
+std::string SimDevice::mac() const {
+    char text[18];
+    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", hardware_[0], hardware_[1], hardware_[2],
+                  hardware_[3], hardware_[4], hardware_[5]);
+    return text;
+}
+
+std::string SimDevice::id() const {
+    return client_id.empty() ? "01" + format_hex(Bytes(hardware_.begin(), hardware_.end())) : format_hex(client_id);
+}
+
+const SimDevice::Answer *SimDevice::last(DhcpType type) const {
+    const auto found =
+        std::find_if(answers_.rbegin(), answers_.rend(), [&](const Answer &answer) { return answer.type == type; });
+    return found == answers_.rend() ? nullptr : &*found;
+}
+
+Bytes SimDevice::message(DhcpType type, const std::string &requested, const std::string &current) const {
+    Tins::DHCP packet;
+    packet.opcode(1);
+    packet.htype(1);
+    packet.hlen(6);
+    packet.xid(0x2000U + hardware_[5]);
+    packet.chaddr(Tins::HWAddress<6>(hardware_.data()));
+    packet.type(static_cast<Tins::DHCP::Flags>(type));
+    if (!current.empty())
+        packet.ciaddr(Tins::IPv4Address(current));
+    if (!requested.empty()) {
+        const std::uint32_t wanted = parse_ipv4(requested);
+        const Bytes bytes{static_cast<std::uint8_t>(wanted >> 24), static_cast<std::uint8_t>(wanted >> 16),
+                          static_cast<std::uint8_t>(wanted >> 8), static_cast<std::uint8_t>(wanted)};
+        packet.add_option({Tins::DHCP::DHCP_REQUESTED_ADDRESS, bytes.begin(), bytes.end()});
+        packet.server_identifier(Tins::IPv4Address(server_address));
+    }
+    packet.add_option({Tins::DHCP::VENDOR_CLASS_IDENTIFIER, vendor_class_.begin(), vendor_class_.end()});
+    if (!client_id.empty())
+        packet.add_option({Tins::DHCP::DHCP_CLIENT_IDENTIFIER, client_id.begin(), client_id.end()});
+    packet.end();
+    return packet.serialize();
+}
+
+void SimDevice::start() {
+    running_ = true;
+    address_.clear();
+    discover();
+}
+
+void SimDevice::stop() {
+    running_ = false;
+    address_.clear();
+    loop_.cancel_timer(timer_);
+}
+
+void SimDevice::leave() {
+    if (!address_.empty())
+        lan_.to_server(message(DhcpType::Release, "", address_));
+    stop();
+}
+
+void SimDevice::discover() {
+    lan_.to_server(message(DhcpType::Discover, "", ""));
+    loop_.cancel_timer(timer_);
+    timer_ = loop_.start_timer(retry_ms, [this] { discover(); });
+}
+
+void SimDevice::renew() {
+    lan_.to_server(message(DhcpType::Request, "", address_));
+    timer_ = loop_.start_timer(retry_ms, [this] { discover(); });
+}
+
+void SimDevice::take(const Bytes &bytes) {
+    const Tins::DHCP packet(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    const auto hardware = packet.chaddr();
+    if (!running_ || !std::equal(hardware_.begin(), hardware_.end(), hardware.begin()))
+        return;
+    Answer answer{loop_.now_ms(), static_cast<DhcpType>(packet.type()), packet.yiaddr().to_string(), {}};
+    for (const auto &option : packet.options())
+        answer.options[option.option()] = Bytes(option.data_ptr(), option.data_ptr() + option.data_size());
+    answers_.push_back(answer);
+    if (answer.type == DhcpType::Offer && address_.empty()) {
+        lan_.to_server(message(DhcpType::Request, answer.address, ""));
+    } else if (answer.type == DhcpType::Ack) {
+        address_ = answer.address;
+        loop_.cancel_timer(timer_);
+        timer_ = loop_.start_timer(std::uint64_t{answer.lease_time()} * 500, [this] { renew(); });
+    } else if (answer.type == DhcpType::Nak) {
+        address_.clear();
+        discover();
+    }
+}
+
+} // namespace keel

@@ -1,0 +1,84 @@
+/*
+ * A LAN of simulated devices, for the LAN DHCP server to talk to.
+ */
+#ifndef HOST_SIM_SIM_LAN_H
+#define HOST_SIM_SIM_LAN_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/core/loop.h"
+#include "host/dhcp/lan_server.h"
+
+namespace keel {
+
+class SimDevice;
+
+/* The wire between the server and the devices. */
+class SimLan : public LanPort {
+public:
+    explicit SimLan(Loop &loop) : loop_(loop) {}
+
+    void send(const Bytes &message, const DhcpDestination &destination) override;
+    void to_server(const Bytes &message);
+    void plug_in(LanDhcpServer *server) { server_ = server; }
+
+private:
+    friend class SimDevice;
+
+    Loop &loop_;
+    LanDhcpServer *server_ = nullptr;
+    std::vector<SimDevice *> devices_;
+};
+
+/* A DHCP client on the LAN: asks, takes the first offer, renews at half time. */
+class SimDevice {
+public:
+    struct Answer {
+        std::uint64_t at_ms;
+        DhcpType type;
+        std::string address;
+        std::map<int, Bytes> options;
+        std::uint32_t lease_time() const;
+    };
+
+    SimDevice(Loop &loop, SimLan &lan, unsigned number, std::string vendor_class);
+    SimDevice(const SimDevice &) = delete;
+    SimDevice &operator=(const SimDevice &) = delete;
+    ~SimDevice();
+
+    void start();
+    /* Without a word to the server. */
+    void stop();
+    /* Gives its lease back, then stops. */
+    void leave();
+
+    std::string mac() const;          /* upper case */
+    std::string id() const;           /* the name of its lease */
+    const std::string &address() const { return address_; } /* "" for none */
+    const std::vector<Answer> &answers() const { return answers_; }
+    const Answer *last(DhcpType type) const;
+    Bytes client_id;          /* option 61; may be empty */
+
+private:
+    friend class SimLan;
+
+    Bytes message(DhcpType type, const std::string &requested, const std::string &current) const;
+    void discover();
+    void renew();
+    void take(const Bytes &message);
+
+    Loop &loop_;
+    SimLan &lan_;
+    HardwareAddress hardware_;
+    std::string vendor_class_;
+    std::string address_;
+    std::vector<Answer> answers_;
+    Loop::TimerId timer_ = 0;
+    bool running_ = false;
+};
+
+} // namespace keel
+
+#endif

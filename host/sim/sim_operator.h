@@ -1,0 +1,69 @@
+/*
+ * The twin of the WAN DHCP clients together with the operator's DHCP server behind them: the interfaces that want a
+ * client go through its states, with what this operator leases, at virtual times.
+ */
+#ifndef HOST_SIM_SIM_OPERATOR_H
+#define HOST_SIM_SIM_OPERATOR_H
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/core/model.h"
+
+namespace keel {
+
+class SimOperator {
+public:
+    SimOperator(Loop &loop, Model &model);
+    SimOperator(const SimOperator &) = delete;
+    SimOperator &operator=(const SimOperator &) = delete;
+    ~SimOperator();
+
+    /* What it leases; changes take effect at the next binding or renewal. */
+    bool online = true;
+    std::uint64_t lease_s = 3600;
+    std::string mask = "255.255.255.0";
+    std::map<int, std::string> options; /* hexadecimal texts */
+    /* Gives a client identifier (option 61 text) an address of its choice. */
+    void lease_address(const std::string &client_id, const std::string &address) { addresses_[client_id] = address; }
+    /* The next request of that WAN client is answered by a NAK. */
+    void refuse_once(const std::string &interface) { refused_[interface] = true; }
+    /* Has a bound client renew now. */
+    void renew(const std::string &interface);
+
+    /* How often each WAN client was started. */
+    std::map<std::string, unsigned> starts;
+
+private:
+    struct Client {
+        std::string device;
+        Loop::TimerId timer = 0;
+        std::uint64_t bound_at_ms = 0;
+    };
+
+    void schedule();
+    void follow_model();
+    void after(const std::string &name, std::uint64_t milliseconds, void (SimOperator::*step)(const std::string &));
+    void select(const std::string &name);
+    void request(const std::string &name);
+    void bind(const std::string &name);
+    void try_renewal(const std::string &name);
+    void stop(const std::string &name);
+    std::string address_for(const std::string &client_id);
+
+    Loop &loop_;
+    Model &model_;
+    Model::WatchId watch_;
+    std::map<std::string, Client> clients_;
+    std::map<std::string, std::string> addresses_;
+    std::map<std::string, bool> refused_;
+    unsigned next_host_ = 10;
+    bool scheduled_ = false;
+    std::shared_ptr<bool> alive_;
+};
+
+} // namespace keel
+
+#endif
