@@ -37,10 +37,11 @@ class Keel:
                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
 
         def follow():
-            for line in watch.stdout:
-                event = json.loads(line)
-                if event.get("values", {}).get("DHCPStatus") == "Bound":
-                    self._bound.setdefault(event["path"].rsplit(".", 1)[1], time.monotonic())
+            with watch.stdout:
+                for line in watch.stdout:
+                    event = json.loads(line)
+                    if event.get("values", {}).get("DHCPStatus") == "Bound":
+                        self._bound.setdefault(event["path"].rsplit(".", 1)[1], time.monotonic())
             watch.wait()
 
         threading.Thread(target=follow, daemon=True).start()

@@ -281,6 +281,7 @@ TEST_F(Life, StoredIdentitiesServeAgainAfterAPowerCut) {
     SimDevice &again = serve(1);
     EXPECT_EQ(identity(id, "DHCPCStatus"), "Connected");
     EXPECT_TRUE(firewall.mapped(again.address(), identity(id, "IPAddress")));
+    EXPECT_EQ(routes().size(), 2U) << "the stored set does not differ, so the routes themselves must come back";
 }
 
 TEST_F(Life, RestoredIdentitiesWithoutDevicesGoAfter48Hours) {

@@ -1,0 +1,364 @@
+/* The bus as the plug-in relies on it. */
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/core/host.h"
+#include "host/core/trace.h"
+#include "host/sim/sim_loop.h"
+#include "platform/keel.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *tree = R"({"objects": {
+  "Box": {"parameters": {"Name": ["text", "a"], "Count": ["uint8", 1], "On": ["bool", false]},
+          "objects": {"Item": {"instance": {"parameters": {"Value": ["text", "x"]},
+                                            "objects": {"Sub": {"instance": {"parameters": {"N": ["int32", 0]}}}}}}}}}})";
+
+/* Runs nothing by itself: the test ends each run. */
+class HeldRunner : public ProcessRunner {
+public:
+    std::vector<std::vector<std::string>> started;
+    std::vector<OnExit> exits;
+    bool run(const std::vector<std::string> &argv, OnExit on_exit) override {
+        if (argv.front() == "missing")
+            return false;
+        started.push_back(argv);
+        exits.push_back(std::move(on_exit));
+        return true;
+    }
+};
+
+/* What a handler was told, in short. */
+using Told = std::vector<std::string>;
+
+std::string short_form(reply_item_t *item) {
+    if (reply_item_type(item) == reply_type_object) {
+        const char *name = variant_da_char(object_parameterValue(reply_item_object(item), "Name"));
+        const char *value = variant_da_char(object_parameterValue(reply_item_object(item), "Value"));
+        return std::string("object ") + (name ? name : value ? value : "");
+    }
+    if (reply_item_type(item) == reply_type_error)
+        return std::string("error ") + reply_item_errorInfo(item);
+    const notification_t *news = reply_item_notification(item);
+    std::string told = std::to_string(notification_type(news)) + " " + notification_objectPath(news);
+    for (const char *name : {"parameter", "newvalue", "Mode"})
+        if (notification_parameter_t *parameter = notification_getParameter(news, name)) {
+            char *text = variant_char(notification_parameter_variant(parameter));
+            told += std::string(" ") + text;
+            std::free(text);
+        }
+    return told;
+}
+
+bool record(request_t *, reply_item_t *item, sysbus_t *, sysbus_t *, void *data) {
+    static_cast<Told *>(data)->push_back(short_form(item));
+    return true;
+}
+
+} // namespace
+
+class BusTest : public testing::Test {
+protected:
+    BusTest() {
+        TraceLog::instance().set_print(false);
+        TraceLog::instance().clear();
+        model.load_text(tree, "test");
+        host_attach(loop, model, runner);
+    }
+    ~BusTest() override { host_detach(); }
+
+    request_t *watch(const char *path, int depth, std::uint32_t attributes, const char *parameter = nullptr) {
+        request_t *request = request_create_getObject(path, depth, attributes);
+        if (parameter)
+            request_addParameter(request, parameter, nullptr);
+        return open(request);
+    }
+    request_t *open(request_t *request) {
+        request_setReplyItemHandler(request, record);
+        request_setData(request, &told);
+        EXPECT_TRUE(hull_sendRequest(rig_getHull(), rig_getSysbus(), request));
+        return request;
+    }
+    void set(const char *path, const Values &values) {
+        const Outcome refusal = model.set(path, values);
+        ASSERT_FALSE(refusal) << refusal->reason;
+    }
+    static void push_set(const char *path, const char *name, const char *value) {
+        variant_t text{};
+        variant_setChar(&text, value);
+        request_t *request = keel_request_create_setObject("%s", path);
+        request_addParameter(request, name, &text);
+        variant_cleanup(&text);
+        keel_request_push("test", rig_getSysbus(), request, "Set %s", path);
+    }
+    static std::size_t warnings(const std::string &part) {
+        std::size_t count = 0;
+        for (const TraceLine &line : TraceLog::instance().recent())
+            count += line.level == Level::Warning && line.text.find(part) != std::string::npos;
+        return count;
+    }
+
+    static constexpr std::uint32_t all_news =
+        request_notify_values | request_notify_added | request_notify_deleted | request_notify_custom;
+    SimLoop loop;
+    Model model{loop};
+    HeldRunner runner;
+    Told told;
+};
+
+TEST_F(BusTest, ARequestIsAnsweredOnceOnALaterTurn) {
+    request_t *request = watch("Box", 0, 0);
+    request_t *missing = watch("Box.Item.none", 0, 0);
+    EXPECT_TRUE(told.empty());
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"object a", "error Box.Item.none"}));
+    set("Box", {{"Name", std::string("b")}});
+    loop.run_until_idle();
+    EXPECT_EQ(told.size(), 2U) << "a plain read is no watch";
+    request_destroy(request);
+    request_destroy(missing);
+}
+
+TEST_F(BusTest, AWatchReportsItsPathAndDepthInOrder) {
+    request_t *request = watch("Box.Item", 1, all_news);
+    model.add("Box.Item", std::nullopt, {{"Value", std::string("early")}}); /* before the answer: part of it */
+    loop.run_until_idle();
+    EXPECT_EQ(told.size(), 1U);
+    told.clear();
+    std::string key;
+    model.add("Box.Item", "k.1", {{"Value", std::string("v")}}, &key);
+    set("Box.Item.k.1", {{"Value", std::string("w")}});
+    model.add("Box.Item.k.1.Sub", "deep", {});
+    set("Box", {{"Name", std::string("other")}});
+    model.notify("Box.Item", 102, {{"Mode", std::string("Routed")}});
+    model.remove("Box.Item.k.1");
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"2 Box.Item.k.1", "1 Box.Item.k.1 Value w", "102 Box.Item Routed", "3 Box.Item.k.1"}))
+        << "what lies deeper or elsewhere is not reported";
+    request_destroy(request);
+    set("Box.Item.1", {{"Value", std::string("z")}});
+    loop.run_until_idle();
+    EXPECT_EQ(told.size(), 4U);
+}
+
+TEST_F(BusTest, AWatchIsOnAPathAndOutlivesTheObject) {
+    request_t *values = watch("Box.Item.k", 0, request_notify_values, "Value");
+    request_t *objects = open(keel_request_create_getObject("Box.Item.%s", 0, "k"));
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"error Box.Item.k", "error Box.Item.k"}));
+    for (int life = 0; life < 2; ++life) {
+        told.clear();
+        model.add("Box.Item", "k", {{"Value", std::string("1")}});
+        loop.run_until_idle();
+        set("Box.Item.k", {{"Value", std::string("2")}});
+        loop.run_until_idle();
+        model.remove("Box.Item.k");
+        loop.run_until_idle();
+        EXPECT_EQ(told.size(), 4U);
+        EXPECT_EQ(std::count(told.begin(), told.end(), "object 1"), 2) << "both report that it appears";
+        EXPECT_EQ(std::count(told.begin(), told.end(), "1 Box.Item.k Value 2"), 1);
+        EXPECT_EQ(std::count(told.begin(), told.end(), "object 2"), 1);
+    }
+    request_destroy(values);
+    request_destroy(objects);
+}
+
+TEST_F(BusTest, NamedParametersLimitWhatIsReported) {
+    request_t *values = watch("Box", 0, request_notify_values, "Count");
+    request_t *objects = keel_request_create_getObject("Box", 0);
+    request_addParameter(objects, "On", nullptr);
+    open(objects);
+    loop.run_until_idle();
+    told.clear();
+    set("Box", {{"Name", std::string("b")}});
+    set("Box", {{"Count", std::int64_t{2}}, {"Name", std::string("c")}});
+    set("Box", {{"On", true}});
+    set("Box", {{"On", true}}); /* no change */
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"1 Box Count 2", "object "}));
+    request_destroy(values);
+    request_destroy(objects);
+}
+
+TEST_F(BusTest, PushesAreCarriedOutInOrderLaterAndBeforeSynchronousCalls) {
+    push_set("Box", "Name", "first");
+    push_set("Box", "Name", "second");
+    EXPECT_EQ(model.text("Box", "Name"), "a");
+    push_set("Box", "Count", "text"); /* wrong type */
+    push_set("Box.Item.none", "Value", "y");
+    EXPECT_STREQ(variant_da_char(hull_client_get(rig_getSysbus(), "Box", "Name")), "second");
+    EXPECT_EQ(warnings("Set Box refused: Box: \"Count\""), 1U);
+    EXPECT_EQ(warnings("Set Box.Item.none refused: Box.Item.none: no such object"), 1U);
+    push_set("Box", "Name", "third");
+    keel_request_flush("test");
+    EXPECT_EQ(model.text("Box", "Name"), "third");
+    push_set("Box", "Name", "fourth");
+    loop.run_until_idle();
+    EXPECT_EQ(model.text("Box", "Name"), "fourth");
+}
+
+TEST_F(BusTest, InvokeRunsToTheEndAndLeavesTheRequestToItsCaller) {
+    push_set("Box", "Name", "pushed");
+    request_t *request = request_create_getObject("Box", -1, 0);
+    request_setReplyItemHandler(request, record);
+    request_setData(request, &told);
+    EXPECT_TRUE(keel_request_invoke("test", rig_getSysbus(), request, "Get"));
+    EXPECT_EQ(told, (Told{"object pushed"}));
+    request_destroy(request);
+    request_t *twice = keel_request_create_addInstance("Box.Item.%s", "k");
+    EXPECT_TRUE(keel_request_invoke("test", rig_getSysbus(), twice, "Add"));
+    request_destroy(twice);
+    twice = keel_request_create_addInstance("Box.Item.%s", "k");
+    EXPECT_FALSE(keel_request_invoke("test", rig_getSysbus(), twice, "Add"));
+    request_destroy(twice);
+    EXPECT_EQ(model.instances("Box.Item"), std::vector<std::string>{"k"});
+}
+
+TEST_F(BusTest, AWriteIsAcceptedWholeOrRefusedWhole) {
+    variant_map_t map;
+    variant_map_initialize(&map);
+    variant_map_addChar(&map, "Name", "new");
+    variant_map_addUInt32(&map, "Count", 256); /* out of range for 8 bits */
+    EXPECT_FALSE(hull_client_set_object(rig_getSysbus(), "Box", &map));
+    EXPECT_EQ(model.text("Box", "Name"), "a");
+    variant_map_addUInt32(&map, "Count", 255);
+    EXPECT_TRUE(hull_client_set_object(rig_getSysbus(), "Box", &map));
+    variant_map_addBool(&map, "Unknown", true);
+    variant_map_addChar(&map, "Name", "newer");
+    EXPECT_FALSE(hull_client_set_object(rig_getSysbus(), "Box", &map));
+    EXPECT_EQ(model.text("Box", "Name"), "new");
+    EXPECT_EQ(model.integer("Box", "Count"), 255);
+    variant_map_cleanup(&map);
+}
+
+TEST_F(BusTest, AnAdditionTellsItsOutcomeWhenItIsDone) {
+    static std::string outcome;
+    const auto done = [](request_t *request, sysbus_t *, sysbus_t *, void *) {
+        outcome = "done";
+        for (reply_item_t *item = reply_firstItem(request_reply(request)); item; item = reply_nextItem(item))
+            if (reply_item_type(item) == reply_type_error)
+                outcome = reply_item_errorDescription(item);
+        request_destroy(request);
+        return true;
+    };
+    for (const char *expected : {"done", "exists already"}) {
+        request_t *request = request_create_addInstance("Box.Item", 0, "k", 1);
+        request_setDoneHandler(request, done);
+        hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
+        EXPECT_TRUE(outcome != expected);
+        loop.run_until_idle();
+        EXPECT_EQ(outcome, expected);
+    }
+}
+
+TEST_F(BusTest, RequestsMayBeDestroyedAtAnyTime) {
+    static int calls;
+    calls = 0;
+    request_t *own = request_create_getObject("Box", 0, all_news);
+    request_setReplyItemHandler(own, [](request_t *request, reply_item_t *item, sysbus_t *, sysbus_t *, void *) {
+        ++calls;
+        request_destroy(request);
+        EXPECT_NE(reply_item_object(item), nullptr) << "the item lives as long as the handler runs";
+        return true;
+    });
+    hull_sendRequest(rig_getHull(), rig_getSysbus(), own);
+    set("Box", {{"Name", std::string("b")}});
+    loop.run_until_idle();
+    set("Box", {{"Name", std::string("c")}});
+    loop.run_until_idle();
+    EXPECT_EQ(calls, 1);
+
+    request_t *queued = watch("Box", 0, all_news);
+    loop.run_until_idle();
+    told.clear();
+    for (const char *name : {"d", "e", "f"})
+        set("Box", {{"Name", std::string(name)}});
+    struct Destroyer {
+        SimLoop &loop;
+        request_t *request;
+        Told &told;
+    } destroyer{loop, queued, told};
+    model.watch("Box", [&](const Event &) { /* told before the bus hands anything out */
+        request_destroy(destroyer.request);
+    });
+    loop.run_until_idle();
+    EXPECT_TRUE(told.empty()) << "nothing of what was queued is delivered";
+    request_destroy(queued); /* again: harmless */
+}
+
+TEST_F(BusTest, CachedObjectsFollowTheModelAndCanBeCleared) {
+    object_t *before = hull_client_get_object(rig_getSysbus(), "Box");
+    EXPECT_EQ(before, hull_client_get_object(rig_getSysbus(), "Box"));
+    set("Box", {{"Name", std::string("b")}});
+    object_t *after = hull_client_get_object(rig_getSysbus(), "Box");
+    EXPECT_STREQ(variant_da_char(object_parameterValue(after, "Name")), "b");
+    EXPECT_STREQ(variant_da_char(object_parameterValue(before, "Name")), "a") << "still valid within the turn";
+    hull_cacheClear(rig_getHull());
+    EXPECT_EQ(hull_client_get_object(rig_getSysbus(), "Box.None"), nullptr);
+
+    for (const char *key : {"x", "y", "z"})
+        model.add("Box.Item", key, {});
+    object_t *items = hull_client_get_object(rig_getSysbus(), "Box.Item");
+    object_delete(object_firstInstance(items));
+    object_delete(object_nextInstance(object_firstInstance(items)));
+    EXPECT_EQ(model.instances("Box.Item").size(), 3U);
+    EXPECT_TRUE(object_commit(items));
+    EXPECT_EQ(model.instances("Box.Item"), std::vector<std::string>{"z"});
+}
+
+TEST_F(BusTest, TimersRunLaterOnceAndMayEndThemselves) {
+    static std::vector<std::string> ran;
+    ran.clear();
+    hull_timer_t *timer = hull_timer_create();
+    hull_timer_setHandler(timer, [](hull_timer_t *, void *) { ran.emplace_back("timer"); });
+    hull_timer_start(timer, 0);
+    EXPECT_TRUE(ran.empty()) << "never inside the call";
+    loop.run_until_idle();
+    EXPECT_EQ(ran.size(), 1U);
+    hull_timer_start(timer, 100);
+    loop.advance(50);
+    hull_timer_start(timer, 100); /* the new period replaces the old */
+    loop.advance(60);
+    EXPECT_EQ(ran.size(), 1U);
+    loop.advance(40);
+    EXPECT_EQ(ran.size(), 2U);
+    hull_timer_start(timer, 10);
+    hull_timer_stop(timer);
+    loop.advance(20);
+    EXPECT_EQ(ran.size(), 2U);
+    hull_timer_setHandler(timer, [](hull_timer_t *self, void *) { hull_timer_destroy(self); });
+    hull_timer_start(timer, 1);
+    loop.advance(5);
+    hull_timer_defer([](void *) { ran.emplace_back("deferred"); }, nullptr, 0);
+    EXPECT_EQ(ran.size(), 2U);
+    loop.run_until_idle();
+    EXPECT_EQ(ran.back(), "deferred");
+}
+
+TEST_F(BusTest, AProcessObjectRunsOneChildAtATime) {
+    static int exits;
+    exits = 0;
+    process_t *process = process_create(hull_connection(rig_getHull()));
+    process_setExitHandler(process, [](process_t *) { return ++exits > 0; });
+    EXPECT_FALSE(process_start(process, "missing", nullptr));
+    EXPECT_TRUE(process_start(process, "one", "a", "b", nullptr));
+    EXPECT_TRUE(process_start(process, "two", nullptr));
+    EXPECT_TRUE(process_start(process, "three", nullptr));
+    EXPECT_EQ(runner.started, (std::vector<std::vector<std::string>>{{"one", "a", "b"}}));
+    runner.exits[0](0);
+    EXPECT_EQ(exits, 1);
+    EXPECT_EQ(runner.started.back(), std::vector<std::string>{"two"});
+    EXPECT_TRUE(process_isRunning(process));
+    process_destroy(process);
+    runner.exits[1](0); /* of an object that is gone */
+    EXPECT_EQ(exits, 1);
+    EXPECT_EQ(runner.started.size(), 2U) << "what was queued is dropped";
+}
+
+} // namespace keel

@@ -1,0 +1,205 @@
+/* The LAN DHCP server: holds, answers, leases, and whatever comes off the wire. */
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "host/core/trace.h"
+#include "host/dhcp/lan_server.h"
+#include "host/sim/sim_lan.h"
+#include "host/sim/sim_loop.h"
+
+namespace keel {
+
+class LanServerTest : public testing::Test {
+protected:
+    LanServerTest() {
+        TraceLog::instance().set_print(false);
+        model.load_file(SOURCE_DIR "/share/gateway.json");
+        begin();
+    }
+
+    void begin() {
+        server = std::make_unique<LanDhcpServer>(loop, model, lan);
+        lan.plug_in(server.get());
+    }
+
+    void end() {
+        lan.plug_in(nullptr);
+        server.reset();
+    }
+
+    void hold(bool on) { set("DHCPv4.Server.Pool.zep_stb", {{"LeasesOnHold", on}}); }
+    void set(const std::string &path, const Values &values) {
+        const Outcome refusal = model.set(path, values);
+        ASSERT_FALSE(refusal) << refusal->path << refusal->reason;
+        loop.run_until_idle();
+    }
+    std::string lease(const SimDevice &device, const char *pool = "zep_stb") const {
+        return std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease." + device.id();
+    }
+
+    SimLoop loop;
+    Model model{loop};
+    SimLan lan{loop};
+    std::unique_ptr<LanDhcpServer> server;
+    SimDevice stb{loop, lan, 1, "zep-stb-4k"};
+};
+
+TEST_F(LanServerTest, AHeldDeviceIsAnsweredAtOnceWithTheValuesOfItsRelease) {
+    hold(true);
+    stb.start();
+    loop.advance(200 * 1000);
+    EXPECT_TRUE(stb.answers().empty());
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold"));
+    EXPECT_EQ(model.text(lease(stb), "ClientID"), stb.id());
+    EXPECT_EQ(model.text(lease(stb), "MACAddress"), stb.mac());
+    EXPECT_EQ(model.text(lease(stb), "IPAddress"), "192.168.1.20");
+
+    loop.advance(1000); /* between two of its retries */
+    set("DHCPv4.Server.Pool.zep_stb", {{"MinLeaseTime", std::int64_t{300}}, {"LeaseTime", std::int64_t{300}},
+                                       {"MaxLeaseTime", std::int64_t{300}}});
+    set("DHCPv4.Server.Pool.zep_stb.Option.ntp", {{"Enable", true}, {"Value", std::string("0a000001")}});
+    set("DHCPv4.Server.Pool.zep_stb.Option.www", {{"Enable", true}, {"Value", std::string("00000000")}});
+    const std::uint64_t released_at = loop.now_ms();
+    set(lease(stb), {{"OnHold", false}});
+    loop.advance(10);
+    const auto *ack = stb.last(DhcpType::Ack);
+    ASSERT_TRUE(ack);
+    EXPECT_LE(stb.last(DhcpType::Offer)->at_ms, released_at + 10);
+    EXPECT_EQ(ack->lease_time(), 300U);
+    EXPECT_EQ(format_hex(ack->options.at(42)), "0a000001");
+    EXPECT_FALSE(ack->options.contains(72)) << "no server is no option";
+    EXPECT_EQ(format_hex(ack->options.at(54)), "c0a80101");
+
+    set("DHCPv4.Server.Pool.zep_stb", {{"LeaseTime", std::int64_t{600}}, {"MaxLeaseTime", std::int64_t{600}}});
+    loop.advance(151 * 1000);
+    EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 600U) << "a renewal gets the values of now";
+    stb.stop();
+    loop.advance(700 * 1000);
+    EXPECT_FALSE(model.find(lease(stb))) << "a lease that runs out is deleted";
+    stb.start();
+    loop.advance(1000);
+    EXPECT_EQ(stb.address(), "") << "and held when it comes anew";
+}
+
+TEST_F(LanServerTest, HoldsEndWithTheSetting) {
+    hold(true);
+    stb.start();
+    loop.advance(1000);
+    EXPECT_TRUE(stb.answers().empty());
+    hold(false);
+    loop.advance(10);
+    EXPECT_EQ(stb.address(), "192.168.1.20");
+    SimDevice other(loop, lan, 2, "zep-stb");
+    other.start();
+    loop.advance(10);
+    EXPECT_EQ(other.address(), "192.168.1.21") << "not held any more";
+}
+
+TEST_F(LanServerTest, LeasesSurviveARestartAndDevicesKeepTheirAddresses) {
+    stb.start();
+    SimDevice pc(loop, lan, 9, "");
+    pc.start();
+    loop.advance(100);
+    const std::string before = stb.address();
+    EXPECT_EQ(pc.address(), "192.168.1.100");
+    end();
+    loop.advance(1000);
+    begin();
+    stb.start();
+    loop.advance(100);
+    EXPECT_EQ(stb.address(), before);
+    end();
+    loop.advance(std::uint64_t{86400} * 2 * 1000);
+    begin();
+    EXPECT_FALSE(model.find(lease(stb))) << "what ran out meanwhile is gone";
+}
+
+TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
+    stb.start();
+    loop.advance(100);
+    stb.leave();
+    loop.advance(100);
+    EXPECT_FALSE(model.find(lease(stb)));
+
+    std::vector<std::unique_ptr<SimDevice>> many;
+    for (unsigned number = 100; number < 125; ++number) {
+        many.push_back(std::make_unique<SimDevice>(loop, lan, number, "zep-stb"));
+        many.back()->start();
+    }
+    loop.advance(100);
+    EXPECT_EQ(model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease").size(), 20U) << "192.168.1.20 to .39";
+    EXPECT_GE(server->dropped().at("the range of DHCPv4.Server.Pool.zep_stb.Rule.1 is used up"), 5U);
+    std::set<std::string> addresses;
+    for (const auto &device : many)
+        EXPECT_TRUE(device->address().empty() || addresses.insert(device->address()).second);
+    EXPECT_EQ(addresses.size(), 20U);
+}
+
+TEST_F(LanServerTest, LongIdentifiersGetAStableShortFormOfTheirOwn) {
+    SimDevice a(loop, lan, 3, "zep-stb");
+    SimDevice b(loop, lan, 4, "zep-stb");
+    a.client_id.assign(60, 0x41);
+    b.client_id = a.client_id;
+    b.client_id.back() = 0x42;
+    a.start();
+    b.start();
+    loop.advance(100);
+    const auto names = model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease");
+    ASSERT_EQ(names.size(), 2U);
+    for (const std::string &name : names)
+        EXPECT_EQ(name.size(), 35U);
+    a.start();
+    loop.advance(100);
+    EXPECT_EQ(model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease"), names);
+}
+
+TEST_F(LanServerTest, WhateverComesOffTheWireIsAnsweredOrDroppedAndCounted) {
+    hold(true);
+    stb.start();
+    loop.run_until_idle();
+    /* A whole DISCOVER with options as the seed; cut, flipped, and grown at random places, the same in every run. */
+    Bytes seed(240, 0);
+    seed[0] = seed[1] = 1;
+    seed[2] = 6;
+    seed[28] = 2;
+    seed[33] = 7;
+    const std::uint8_t options[] = {0x63, 0x82, 0x53, 0x63, 53, 1, 1, 60, 7, 'z', 'e', 'p', '-', 's', 't', 'b',
+                                    61, 7, 1, 2, 3, 4, 5, 6, 7, 50, 4, 192, 168, 1, 25, 12, 3, 'a', 'b', 'c', 255};
+    seed.resize(236);
+    seed.insert(seed.end(), std::begin(options), std::end(options));
+    server->received(seed.data(), seed.size());
+    EXPECT_TRUE(server->dropped().empty());
+    std::mt19937 random(7);
+    std::uint64_t sent = 0;
+    for (int round = 0; round < 20000; ++round) {
+        Bytes packet = seed;
+        for (unsigned change = random() % 8; change > 0; --change)
+            packet[random() % packet.size()] = static_cast<std::uint8_t>(random());
+        if (random() % 4 == 0)
+            packet[242] = static_cast<std::uint8_t>(random() % 10); /* message types, too */
+        if (random() % 3 == 0)
+            packet.resize(random() % (packet.size() + 300));
+        server->received(packet.data(), packet.size());
+        ++sent;
+        if (round % 64 == 0)
+            loop.advance(500);
+    }
+    std::uint64_t dropped = 0;
+    for (const auto &[reason, count] : server->dropped())
+        dropped += count;
+    EXPECT_GT(dropped, sent / 10);
+    EXPECT_LT(dropped, sent);
+    for (const char *pool : {"zep_stb", "zep_itf", "lan"})
+        for (const std::string &name : model.instances(std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease")) {
+            EXPECT_LE(name.size(), 35U);
+            EXPECT_EQ(name.find_first_not_of("0123456789abcdef-"), std::string::npos);
+        }
+    hold(false);
+    loop.advance(100);
+    stb.start();
+    loop.advance(10000);
+    EXPECT_FALSE(stb.address().empty()) << "and it still serves";
+}
+
+} // namespace keel

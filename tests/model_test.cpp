@@ -1,0 +1,256 @@
+/* The data model, its file, its store, and the settings. */
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "host/core/model.h"
+#include "host/core/settings.h"
+#include "host/core/store.h"
+#include "host/core/trace.h"
+#include "host/core/uv_loop.h"
+#include "host/sim/sim_loop.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *tree = R"({"objects": {
+  "Kept": {"persistent": true, "parameters": {"Name": ["text", "a"], "Big": ["uint64", 0], "Unset": ["text", null]},
+           "objects": {"Item": {"instance": {"parameters": {"N": ["int32", -1]},
+                                             "objects": {"Sub": {"instance": {"parameters": {"T": ["text", ""]}},
+                                                                 "instances": {"61": {}}}}}}}},
+  "Lost": {"parameters": {"On": ["bool", false]}}}})";
+
+std::string load_error(const std::string &json) {
+    SimLoop loop;
+    Model model(loop);
+    try {
+        model.load_text(json, "gateway.json");
+    } catch (const ModelError &error) {
+        return error.what();
+    }
+    return "";
+}
+
+} // namespace
+
+class ModelTest : public testing::Test {
+protected:
+    ModelTest() {
+        TraceLog::instance().set_print(false);
+        TraceLog::instance().clear();
+        folder = std::filesystem::temp_directory_path() / ("zephyrin-model-" + std::to_string(getpid()));
+        std::filesystem::create_directories(folder);
+        file = folder / "keel.db";
+    }
+    ~ModelTest() override { std::filesystem::remove_all(folder); }
+
+    std::filesystem::path folder;
+    std::filesystem::path file;
+};
+
+TEST_F(ModelTest, AMistakeInTheFileIsToldWithItsPlace) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"{", "gateway.json: (root): no JSON"},
+        {R"({"object": {}})", "(root): unknown member \"object\""},
+        {R"({"objects": {"A": {"parameters": {"P": ["txt", ""]}}}})", "A.P: unknown type \"txt\""},
+        {R"({"objects": {"A": {"parameters": {"P": ["uint8", 256]}}}})", "A.P: is out of range for uint8"},
+        {R"({"objects": {"A": {"parameters": {"P": ["bool", "yes"]}}}})", "A.P: wants true or false"},
+        {R"({"objects": {"A": {"parameters": {"P": 1}}}})", "A.P: must be [type, default]"},
+        {R"({"objects": {"A.B": {}}})", "bad name \"A.B\""},
+        {R"({"objects": {"A": {"instances": {"1": {}}}}})", "A: \"instances\" without \"instance\""},
+        {R"({"objects": {"A": {"instance": {}, "instances": {"1": {"values": {"X": 1}}}}}})", "A.1: no parameter \"X\""},
+        {R"({"objects": {"A": {"instance": {}, "instances": {"a b": {}}}}})", "bad instance name \"a b\""},
+        {R"({"objects": {"A": 7}})", "A: must be a JSON object"},
+    };
+    for (const auto &[json, reason] : cases)
+        EXPECT_NE(load_error(json).find(reason), std::string::npos) << json << "\n" << load_error(json);
+    EXPECT_EQ(load_error(tree), "");
+    SimLoop loop;
+    Model model(loop);
+    EXPECT_THROW(model.load_file("/nonexistent/gateway.json"), ModelError);
+}
+
+TEST_F(ModelTest, InstanceNamesMayHoldDots) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_text(tree, "test");
+    for (const char *key : {"eth1", "eth1.20", "eth1.20.5"})
+        ASSERT_FALSE(model.add("Kept.Item", key, {}));
+    model.set("Kept.Item.eth1.20", {{"N", std::int64_t{20}}});
+    EXPECT_EQ(model.integer("Kept.Item.eth1", "N"), -1);
+    EXPECT_EQ(model.integer("Kept.Item.eth1.20", "N"), 20);
+    EXPECT_TRUE(model.find("Kept.Item.eth1.20.5.Sub.61"));
+    EXPECT_TRUE(model.find("Kept.Item.eth1.Sub.61"));
+    EXPECT_FALSE(model.find("Kept.Item.eth1.2"));
+    for (const char *key : {"", "a b", "\n", ".a", "a.", "eth1"})
+        EXPECT_TRUE(model.add("Kept.Item", key, {})) << key;
+    EXPECT_TRUE(model.add("Kept.Item", std::string(65, 'x'), {}));
+    EXPECT_TRUE(model.add("Lost", "x", {}));
+    EXPECT_TRUE(model.remove("Lost"));
+}
+
+TEST_F(ModelTest, EventsAreToldLaterInOrderAndOncePerWrite) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_text(tree, "test");
+    std::vector<std::string> told;
+    Model::WatchId own = 0;
+    own = model.watch("Kept.Item", [&](const Event &event) {
+        told.push_back(std::to_string(static_cast<int>(event.kind)) + " " + event.path());
+        if (told.size() == 4)
+            model.unwatch(own); /* inside itself */
+    });
+    model.add("Kept.Item", "k", {});
+    model.set("Kept.Item.k", {{"N", std::int64_t{1}}});
+    model.set("Kept.Item.k", {{"N", std::int64_t{1}}});
+    model.set("Kept", {{"Name", std::string("elsewhere")}});
+    EXPECT_TRUE(told.empty());
+    model.remove("Kept.Item.k");
+    loop.run_until_idle();
+    EXPECT_EQ(told, (std::vector<std::string>{"0 Kept.Item.k", "2 Kept.Item.k", "1 Kept.Item.k.Sub.61",
+                                              "1 Kept.Item.k"}));
+    model.add("Kept.Item", "k", {});
+    loop.run_until_idle();
+    EXPECT_EQ(told.size(), 4U);
+}
+
+TEST_F(ModelTest, WhatIsPersistentComesBackAndNothingElse) {
+    for (int run = 0; run < 3; ++run) {
+        SimLoop loop;
+        Model model(loop);
+        model.load_text(tree, "test");
+        Store store(loop, model, file);
+        if (run == 0) {
+            model.set("Kept", {{"Name", std::string("Ünïcödé 'quoted' \n")}, {"Big", std::int64_t{1} << 60}});
+            model.set("Lost", {{"On", true}});
+            for (const char *key : {"z", "a.b", "gone"})
+                model.add("Kept.Item", key, {{"N", std::int64_t{7}}});
+            model.add("Kept.Item.gone.Sub", "s", {{"T", std::string("below")}});
+            model.add("Kept.Item.a.b.Sub", "s", {{"T", std::string("below")}});
+            loop.run_until_idle();
+            model.remove("Kept.Item.gone");
+        } else {
+            EXPECT_EQ(model.text("Kept", "Name"), "Ünïcödé 'quoted' \n");
+            EXPECT_EQ(model.integer("Kept", "Big"), std::int64_t{1} << 60);
+            EXPECT_FALSE(model.get("Kept", "Unset"));
+            EXPECT_FALSE(model.boolean("Lost", "On"));
+            EXPECT_EQ(model.instances("Kept.Item"), (std::vector<std::string>{"z", "a.b"})) << "in their order";
+            EXPECT_EQ(model.text("Kept.Item.a.b.Sub.s", "T"), "below");
+        }
+        loop.run_until_idle();
+    }
+    EXPECT_TRUE(TraceLog::instance().recent().empty());
+}
+
+TEST_F(ModelTest, ADamagedStoreIsMovedAsideAndStoredThingsWithoutAPlaceAreLeftOut) {
+    for (const std::string &content : {std::string("no database at all, but long enough to look at\n"), std::string(8192, '\xff')}) {
+        std::ofstream(file) << content;
+        SimLoop loop;
+        Model model(loop);
+        model.load_text(tree, "test");
+        Store store(loop, model, file);
+        EXPECT_EQ(model.text("Kept", "Name"), "a");
+        model.add("Kept.Item", "k", {{"N", std::int64_t{3}}});
+        loop.run_until_idle();
+    }
+    EXPECT_TRUE(std::filesystem::exists(folder / "keel.db.damaged-1"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "keel.db.damaged-2"));
+
+    SimLoop loop;
+    Model other(loop);
+    other.load_text(R"({"objects": {"Kept": {"persistent": true, "parameters": {"Name": ["bool", true]}}}})", "other");
+    TraceLog::instance().clear();
+    Store store(loop, other, file);
+    EXPECT_TRUE(other.boolean("Kept", "Name"));
+    EXPECT_GE(TraceLog::instance().recent().size(), 1U);
+    EXPECT_THROW(Store(loop, other, "/nonexistent/folder/keel.db"), std::runtime_error);
+}
+
+TEST_F(ModelTest, AKilledHostLeavesItsLastCompletedWrite) {
+    for (int round = 0; round < 8; ++round) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            UvLoop loop;
+            Model model(loop);
+            model.load_text(tree, "test");
+            Store store(loop, model, file);
+            for (std::int64_t number = model.integer("Kept", "Big") + 1;; ++number) {
+                model.set("Kept", {{"Big", number}});
+                model.add("Kept.Item", std::to_string(number), {});
+                model.remove("Kept.Item." + std::to_string(number - 1));
+                store.flush();
+                if (write(ends[1], &number, sizeof number) != sizeof number)
+                    _exit(1);
+            }
+        }
+        close(ends[1]);
+        std::int64_t told = 0;
+        for (int count = 0; count < 20 + round * 7; ++count)
+            ASSERT_EQ(read(ends[0], &told, sizeof told), static_cast<ssize_t>(sizeof told));
+        kill(child, SIGKILL);
+        for (std::int64_t number = 0; read(ends[0], &number, sizeof number) == static_cast<ssize_t>(sizeof number);)
+            told = number;
+        waitpid(child, nullptr, 0);
+        close(ends[0]);
+
+        SimLoop loop;
+        Model model(loop);
+        model.load_text(tree, "test");
+        Store store(loop, model, file);
+        const std::int64_t kept = model.integer("Kept", "Big");
+        EXPECT_GE(kept, told);
+        EXPECT_LE(kept, told + 1) << "at most the write that was under way";
+        EXPECT_EQ(model.instances("Kept.Item"), std::vector<std::string>{std::to_string(kept)}) << "whole or not at all";
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder / "keel.db.damaged-1"));
+}
+
+TEST_F(ModelTest, SettingsTellTheSubModulesOncePerWrite) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    Settings settings(model);
+    std::string told;
+    model.watch("Keel.Zephyrin", [&](const Event &event) {
+        if (event.kind == Event::Kind::Custom)
+            told += std::to_string(event.custom_type) +
+                    (event.values.contains("Mode") ? to_text(event.values.at("Mode")) + "/" +
+                                                         to_text(event.values.at("Interface"))
+                                                   : "") +
+                    " ";
+    });
+    const auto after = [&](const char *path, const Values &values) {
+        told.clear();
+        EXPECT_FALSE(model.set(path, values));
+        loop.run_until_idle();
+        return told;
+    };
+    const auto text = [](const char *value) { return Value(std::string(value)); };
+    EXPECT_EQ(after("Keel.Zephyrin", {{"WanMode", text("VDSL")}}), "102Routed/Dedicated ");
+    EXPECT_EQ(after("Keel.Zephyrin", {{"MonoClient", true}}), "");
+    EXPECT_EQ(after("Keel.Zephyrin", {{"Mode", text("Bridged")}, {"Interface", text("Internet")}, {"WanMode", text("x")}}),
+              "101 102Bridged/Internet ");
+    EXPECT_EQ(model.text("Keel", "IPTVMode"), "Internet");
+    EXPECT_FALSE(model.boolean("DHCPv4.Server.Pool.zep_stb", "LeasesOnHold"));
+    EXPECT_EQ(after("Keel", {{"IPTVMode", text("Dedicated")}}), "101 102Bridged/Dedicated ");
+    EXPECT_EQ(after("Keel.Zephyrin", {{"Enable", false}}), "101 ");
+    EXPECT_EQ(after("Keel.Zephyrin", {{"Mode", text("Routed")}}), "");
+    EXPECT_EQ(after("Keel.Zephyrin", {{"Enable", true}, {"Mode", text("Simplified")}}), "102Simplified/Dedicated ");
+    EXPECT_EQ(after("Keel.Zephyrin", {{"Mode", text("Routed")}}), "101 102Routed/Dedicated ");
+    EXPECT_TRUE(model.boolean("DHCPv4.Server.Pool.zep_itf", "LeasesOnHold"));
+    told.clear();
+    model.set("Keel.Zephyrin", {{"Enable", false}}); /* two writes before anybody is told */
+    model.set("Keel.Zephyrin", {{"Enable", true}});
+    loop.run_until_idle();
+    EXPECT_EQ(told, "101 102Routed/Dedicated ");
+}
+
+} // namespace keel
