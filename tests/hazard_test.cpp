@@ -1,6 +1,4 @@
 /* Things that arrive when what they were meant for is gone, and things that come from outside. */
-#include <dlfcn.h>
-
 #include <cstring>
 
 #include "routed/lease.h"
@@ -8,27 +6,15 @@
 
 namespace keel {
 
-class Hazard : public SimGateway {
-protected:
-    /* An exported operation of the plug-in. */
-    template <typename Operation> Operation operation(const char *name) {
-        void *library = dlopen(PLUGIN_FILE, RTLD_NOW | RTLD_NOLOAD);
-        if (!library)
-            library = dlopen(PLUGIN_FILE, RTLD_NOW);
-        void *found = dlsym(library, name);
-        EXPECT_NE(found, nullptr) << name;
-        dlclose(library);
-        return reinterpret_cast<Operation>(found);
-    }
-};
+class Hazard : public SimGateway {};
 
 /* A record that is saved and gone before the answers: at whichever step of the save that happens. */
 TEST_F(Hazard, ARecordRemovedWhileItsSaveIsInFlight) {
     power_on();
-    const auto create = operation<decltype(&zep_client_lease_create)>("zep_client_lease_create");
-    const auto cleanup = operation<decltype(&zep_client_lease_cleanup)>("zep_client_lease_cleanup");
-    const auto save = operation<void (*)(Client_lease *)>("zep_client_lease_obj_save");
-    const auto remove = operation<int (*)(const char *)>("zep_client_lease_obj_delete");
+    const auto create = operation<decltype(zep_client_lease_create)>("zep_client_lease_create");
+    const auto cleanup = operation<decltype(zep_client_lease_cleanup)>("zep_client_lease_cleanup");
+    const auto save = operation<void(Client_lease *)>("zep_client_lease_obj_save");
+    const auto remove = operation<int(const char *)>("zep_client_lease_obj_delete");
     for (int turns = 0; turns < 6; ++turns) {
         Client_lease *lease = create("0badc0de", nullptr, nullptr, 0);
         save(lease);
@@ -134,10 +120,10 @@ TEST_F(Hazard, NothingThatALanDeviceSendsReachesAShellLineOrBreaksAPath) {
 
 TEST_F(Hazard, AddressesAndInterfacesFromOutsideAreCheckedBeforeTheShell) {
     power_on();
-    const auto hook = operation<int (*)(const char *)>("zep_firewall_static_chain_append");
-    const auto map = operation<int (*)(const char *, const char *)>("zep_firewall_static_port_mapping_append");
+    const auto hook = operation<int(const char *)>("zep_firewall_static_chain_append");
+    const auto map = operation<int(const char *, const char *)>("zep_firewall_static_port_mapping_append");
     const auto map_op =
-        operation<int (*)(const char *, const char *, char)>("zep_firewall_static_port_mapping_append_delete");
+        operation<int(const char *, const char *, char)>("zep_firewall_static_port_mapping_append_delete");
     firewall = {};
     for (const char *name : {static_cast<const char *>(nullptr), "", "eth0;reboot", "eth0 -j ACCEPT", "$(id)", "a\nb"})
         EXPECT_EQ(hook(name), 0);

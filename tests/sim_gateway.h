@@ -4,6 +4,7 @@
 #ifndef TESTS_SIM_GATEWAY_H
 #define TESTS_SIM_GATEWAY_H
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -128,6 +129,16 @@ protected:
         kernel->set_link("eth1.20", true);
         host_attach(*loop, *model, runner_);
         loop->run_until_idle();
+    }
+
+    /* An exported operation of the plug-in, which must be loaded. */
+    template <typename Operation> Operation *operation(const char *name) {
+        void *library = dlopen(PLUGIN_FILE, RTLD_NOW | RTLD_NOLOAD);
+        void *found = library ? dlsym(library, name) : nullptr;
+        EXPECT_NE(found, nullptr) << name;
+        if (library)
+            dlclose(library);
+        return reinterpret_cast<Operation *>(found);
     }
 
     void load_plugin() {

@@ -1,0 +1,197 @@
+/* The control socket and keelctl: what was typed, what was printed; and what must not disturb the host. */
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+
+#include "host/control/control.h"
+#include "host/core/trace.h"
+#include "host/core/uv_loop.h"
+
+namespace keel {
+
+class ControlTest : public testing::Test {
+protected:
+    ControlTest() {
+        path = (std::filesystem::temp_directory_path() / ("keel-control-" + std::to_string(getpid()) + ".sock")).string();
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        host = fork();
+        if (host == 0)
+            serve(ready[1]);
+        char byte = 0;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        close(ready[1]);
+    }
+
+    ~ControlTest() override {
+        kill(host, SIGTERM);
+        int status = 0;
+        waitpid(host, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the host did not live through it";
+        EXPECT_FALSE(std::filesystem::exists(path));
+    }
+
+    /* The child: a host of a model and its socket alone. */
+    [[noreturn]] void serve(int ready) {
+        TraceLog::instance().set_print(false);
+        std::signal(SIGPIPE, SIG_IGN);
+        {
+            UvLoop loop;
+            Model model(loop);
+            model.load_file(SOURCE_DIR "/share/gateway.json");
+            Control control(loop, model, path, [] {});
+            trace(Level::Warning, "test", "a trace line");
+            uv_signal_t end;
+            uv_signal_init(loop.handle(), &end);
+            end.data = &loop;
+            uv_signal_start(&end, [](uv_signal_t *raised, int) { static_cast<UvLoop *>(raised->data)->stop(); }, SIGTERM);
+            if (write(ready, "!", 1) != 1)
+                _exit(2);
+            loop.run();
+            uv_close(reinterpret_cast<uv_handle_t *>(&end), nullptr);
+        }
+        _exit(0);
+    }
+
+    /* Types a keelctl command; what it printed, both streams, and its status in brackets. */
+    std::string type(const std::string &words) const {
+        FILE *pipe = popen((std::string(KEELCTL) + " --socket " + path + " " + words + " 2>&1").c_str(), "r");
+        std::string printed;
+        char buffer[4096];
+        while (const std::size_t size = std::fread(buffer, 1, sizeof buffer, pipe))
+            printed.append(buffer, size);
+        return printed + "[" + std::to_string(WEXITSTATUS(pclose(pipe))) + "]";
+    }
+
+    int connect_raw() const {
+        const int raw = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(raw, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        const timeval patience{3, 0};
+        setsockopt(raw, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        return raw;
+    }
+
+    std::string say(const std::string &bytes) const {
+        const int raw = connect_raw();
+        EXPECT_GE(::send(raw, bytes.data(), bytes.size(), MSG_NOSIGNAL), 0);
+        char buffer[4096];
+        const ssize_t size = recv(raw, buffer, sizeof buffer, 0);
+        close(raw);
+        return std::string(buffer, size > 0 ? static_cast<std::size_t>(size) : 0);
+    }
+
+    std::string path;
+    pid_t host = 0;
+};
+
+TEST_F(ControlTest, Transcripts) {
+    const std::pair<const char *, const char *> lines[] = {
+        {"get Keel.Zephyrin Mode", "Routed\n[0]"},
+        {"-S get Keel.Zephyrin.DHCPConfig LeaseTime", "{\"LeaseTime\":86400}\n[0]"},
+        {"set Keel.Zephyrin Mode=Bridged MonoClient=true", "[0]"},
+        {"get Keel.Zephyrin Mode MonoClient", "Bridged\ntrue\n[0]"},
+        {"get DHCPv4.Server.Pool.zep_stb.Option",
+         "DHCPv4.Server.Pool.zep_stb.Option.ntp.Enable=false\nDHCPv4.Server.Pool.zep_stb.Option.ntp.Tag=42\n"
+         "DHCPv4.Server.Pool.zep_stb.Option.ntp.Value=00000000\nDHCPv4.Server.Pool.zep_stb.Option.www.Enable=false\n"
+         "DHCPv4.Server.Pool.zep_stb.Option.www.Tag=72\nDHCPv4.Server.Pool.zep_stb.Option.www.Value=00000000\n[0]"},
+        {"add Keel.Zephyrin.ClasslessStaticRoute Destination=10.0.0.0 PrefixLength=8",
+         "Keel.Zephyrin.ClasslessStaticRoute.1\n[0]"},
+        {"add Keel.Zephyrin.ClientLease 0102 Name=0102 ClientIDOffset=-1", "Keel.Zephyrin.ClientLease.0102\n[0]"},
+        {"add Keel.Zephyrin.ClientLease 0102", "keelctl: Keel.Zephyrin.ClientLease.0102: exists already\n[1]"},
+        {"del Keel.Zephyrin.ClientLease.0102", "[0]"},
+        {"del Keel.Zephyrin.ClientLease.0102", "keelctl: Keel.Zephyrin.ClientLease.0102: no such object\n[1]"},
+        {"del Keel", "keelctl: Keel: only instances can be deleted\n[1]"},
+        {"get Nowhere", "keelctl: Nowhere: no such object\n[1]"},
+        {"get Keel Nothing", "keelctl: Keel: no parameter \"Nothing\"\n[1]"},
+        {"set Keel.Zephyrin Mode", "keelctl: \"Mode\" is not of the form NAME=VALUE\n[1]"},
+        {"set Keel.Zephyrin MonoClient=maybe Mode=Routed",
+         "keelctl: Keel.Zephyrin: \"MonoClient\" wants a value of type bool, not \"maybe\"\n[1]"},
+        {"get Keel.Zephyrin Mode", "Bridged\n[0]"},
+        {"set Keel.Zephyrin.DHCPConfig LeaseTime=4294967296",
+         "keelctl: Keel.Zephyrin.DHCPConfig: \"LeaseTime\" wants a value of type uint32, not \"4294967296\"\n[1]"},
+    };
+    for (const auto &[typed, printed] : lines)
+        EXPECT_EQ(type(typed), printed) << typed;
+    EXPECT_NE(type("trace").find(" ! test: a trace line\n[0]"), std::string::npos);
+    EXPECT_NE(type("dance").find("[1"), std::string::npos);
+}
+
+TEST_F(ControlTest, TheStateIsTheDefaultView) {
+    for (const char *line :
+         {"add Keel.Zephyrin.ClientLease 0102 Name=0102 ClientIDOffset=1 DHCPCStatus=Connected IPAddress=10.20.0.7",
+          "add Keel.Zephyrin.ClientLease.0102.ServerLease 0102 Id=0102 DeviceType=STB IPAddress=192.168.1.20 "
+          "MACAddress=02:00:00:00:00:01",
+          "add Weft.Intf dhcp_zep_0102 DHCPStatus=Bound", "set Weft.Intf.dhcp_zep_0102.SentOption.61 Value=01aa",
+          "set Weft.Intf.eth1.20 'Flags=netdev up'", "set Keel.Zephyrin NTPServer=0a140002",
+          "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=10.20.0.1 Status=error",
+          "add Hosts.Host 02:00:00:00:00:01 Active=true",
+          "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0102 ClientID=0102",
+          "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0109 ClientID=0109 IPAddress=192.168.1.21 "
+          "MACAddress=02:00:00:00:00:09 OnHold=true"})
+        EXPECT_NE(type(line).find("[0]"), std::string::npos) << line;
+    EXPECT_EQ(type(""), "IPTV  enabled, Routed over the Dedicated interface\n"
+                        "  device   eth1.20\n"
+                        "  servers  NTP 10.20.0.2, WWW none\n"
+                        "  route    10.60.0.0/24       via 10.20.0.1        error\n"
+                        "\n"
+                        "0102  slot 1, client 01aa\n"
+                        "  WAN      Connected, client Bound, address 10.20.0.7\n"
+                        "  STB      192.168.1.20     02:00:00:00:00:01  present  lease released\n"
+                        "\n"
+                        "Leases without an identity\n"
+                        "  zep_stb  192.168.1.21     02:00:00:00:00:09  held: not served\n[0]");
+    EXPECT_NE(type("-S").find("\"wan_address\":\"10.20.0.7\""), std::string::npos);
+}
+
+TEST_F(ControlTest, WhateverIsSentGetsAClearErrorAndTheHostGoesOn) {
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+
+    for (const char *bytes : {"\n", "{\n", "[]\n", "7\n", "\xff\xfe\n", "{\"op\": 3}\n", "{\"op\": \"get\"}\n",
+                              "{\"op\": \"dance\", \"path\": \"Keel\"}\n", "{\"op\": \"trace\", \"lines\": \"x\"}\n",
+                              "{\"op\": \"set\", \"path\": \"Keel\", \"values\": [1]}\n",
+                              "{\"op\": \"set\", \"path\": \"Keel\", \"values\": {\"IPTVMode\": {}}}\n",
+                              "{\"op\": \"add\", \"path\": \"Weft.Intf\", \"key\": 5}\n"}) {
+        const std::string answer = say(bytes);
+        EXPECT_TRUE(answer.starts_with("{\"ok\":false")) << bytes << answer;
+        EXPECT_NE(answer.find("\"error\":\""), std::string::npos);
+    }
+    EXPECT_NE(say(std::string(70000, 'x')).find("longer than 65536"), std::string::npos);
+
+    std::vector<int> many;
+    for (int count = 0; count < 40; ++count)
+        many.push_back(connect_raw());
+    char byte = 0;
+    EXPECT_EQ(recv(many.back(), &byte, 1, 0), 0) << "one client too many is turned away";
+    for (const int raw : many)
+        close(raw);
+    usleep(50000);
+    EXPECT_EQ(type("get Keel IPTVMode"), "Dedicated\n[0]");
+}
+
+TEST_F(ControlTest, OneHostASocket) {
+    UvLoop loop;
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    EXPECT_THROW(Control(loop, model, path, [] {}), std::runtime_error);
+    EXPECT_EQ(type("get Keel IPTVMode"), "Dedicated\n[0]");
+    const std::string missing = path;
+    path += ".none";
+    EXPECT_NE(type("get Keel").find("is keelhost running, and is this its socket (--socket)?\n[2]"), std::string::npos);
+    path = missing;
+}
+
+} // namespace keel

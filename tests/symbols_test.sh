@@ -1,0 +1,32 @@
+#!/bin/sh
+# The plug-in exports the operations that its documentation names, and needs nothing but the platform and libc:
+# symbols_test.sh zephyrin.so SOURCE_DIR
+set -eu
+
+# The instrumentation of a sanitizer adds names of its own.
+own='^(__asan|__ubsan|__sanitizer|__odr_asan|_ITM_|__gmon_start__|__cxa_finalize|_init$|_fini$)'
+
+exported=$(nm -D --defined-only "$1" | awk '{ print $NF }' | sed 's/@.*//' | grep -Ev "$own" | sort)
+wanted=$(sed -n 's/^ZEP_EXPORT[^(]*[ *]\(zep_[A-Za-z0-9_]*\)(.*/\1/p' "$2"/frame/*.h "$2"/routed/*.h | sort)
+[ "$(echo "$wanted" | wc -l)" -ge 50 ] || { echo "too few operations are declared: $wanted"; exit 1; }
+if [ "$exported" != "$wanted" ]; then
+    echo "exported and declared operations differ:"
+    echo "$exported" >/tmp/symbols.$$
+    echo "$wanted" | diff /tmp/symbols.$$ - || true
+    rm -f /tmp/symbols.$$
+    exit 1
+fi
+
+platform=$(cat "$2"/platform/*.h)
+for name in $(nm -D --undefined-only "$1" | awk '{ print $NF }' | grep -v '@GLIBC' | sed 's/@.*//' | grep -Ev "$own"); do
+    echo "$platform" | grep -q "\b$name\b" || { echo "$name is neither the platform's nor libc's"; exit 1; }
+done
+for library in $(readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+    case "$library" in
+    libc.so.6 | libasan.so.* | libubsan.so.*) ;;
+    *)
+        echo "it needs $library"
+        exit 1
+        ;;
+    esac
+done
