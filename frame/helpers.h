@@ -115,7 +115,9 @@ template <size_t Size> uint32_t index_of_text(const char *const (&names)[Size], 
     return index;
 }
 
-inline bool is_empty(const char *text) { return !text || !*text; }
+inline bool is_empty(const char *text) {
+    return !text || !*text;
+}
 
 /* The records of a list, in order. The next one is taken before the current one is handed out, so that it may go. */
 template <typename Record> class RecordsOf {

@@ -1,6 +1,6 @@
 /*
- * The frame of the sub-modules: how each is registered with the host, how it is started and stopped, and how the service
- * settings reach it.
+ * The frame of the sub-modules: how each is registered with the host, how it is started and stopped, and how the
+ * service settings reach it.
  */
 #ifndef FRAME_MODULE_UTIL_H
 #define FRAME_MODULE_UTIL_H
@@ -43,7 +43,9 @@ enum {
 
 /* Registers a sub-module's descriptor with the host while the plug-in is being loaded. */
 #define ZEP_REGISTER_MODULE(order, descriptor)                                                                         \
-    __attribute__((constructor(order))) static void register_##descriptor(void) { rig_module_register(&(descriptor)); }
+    __attribute__((constructor(order))) static void register_##descriptor(void) {                                      \
+        rig_module_register(&(descriptor));                                                                            \
+    }
 
 /* Starts a framed sub-module: opens its watch on "Keel". 0 for a null context, 1 otherwise, also when it runs. */
 ZEP_EXPORT int zep_module_start(ModuleContext *context);

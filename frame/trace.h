@@ -6,8 +6,8 @@
 
 #include "platform/trace.h"
 
-/* Colour, zone, colour, colour, level letter, colour, colour, message, colour, colour, function, file, line, colour. The
- * colours are empty: the host's log is read by programs too. */
+/* Colour, zone, colour, colour, level letter, colour, colour, message, colour, colour, function, file, line, colour.
+ * The colours are empty: the host's log is read by programs too. */
 #define ZEP_TRACE(level, letter, zone, format, ...)                                                                    \
     mastTraceZ(level, zone, "%s%-7.7s%s - %s[%s]%s%s" format "%s - %s(%s@%s:%d)%s", "", zone, "", "", letter, "", "",  \
                ##__VA_ARGS__, "", "", __func__, __FILE_NAME__, __LINE__, "")

@@ -37,11 +37,11 @@ typedef struct process process_t;
 /* Bits of a get-object request's attributes that this host acts on; it ignores the others. A request with none of the
  * notify bits is a plain read: it gets its answer and then nothing more. */
 enum {
-    request_list_instances = 1 << 4,   /* of a multi-instance object, also with depth 0 */
-    request_notify_values = 1 << 6,    /* notification type 1 */
-    request_notify_added = 1 << 7,     /* notification type 2 */
-    request_notify_deleted = 1 << 8,   /* notification type 3 */
-    request_notify_custom = 1 << 9     /* notification types 101 and above */
+    request_list_instances = 1 << 4, /* of a multi-instance object, also with depth 0 */
+    request_notify_values = 1 << 6,  /* notification type 1 */
+    request_notify_added = 1 << 7,   /* notification type 2 */
+    request_notify_deleted = 1 << 8, /* notification type 3 */
+    request_notify_custom = 1 << 9   /* notification types 101 and above */
 };
 
 /* Called for every item; returns true to go on. The two bus arguments are the sender and the receiver. */

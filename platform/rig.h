@@ -16,9 +16,9 @@ typedef struct sysbus sysbus_t; /* the system bus, the peer of every request */
 /* One sub-module. The record stays the plug-in's and must outlive the plug-in's use by the host. */
 typedef struct ModuleDescriptor {
     const char *name;
-    int (*start)(void);  /* 1 = started, 0 = refused */
+    int (*start)(void); /* 1 = started, 0 = refused */
     void (*stop)(void);
-    void *reserved[4];   /* the host's; zero at registration */
+    void *reserved[4]; /* the host's; zero at registration */
 } ModuleDescriptor;
 
 /* Registers a sub-module; meant for load-time constructors. The host starts the sub-modules in the order of their

@@ -95,11 +95,11 @@ typedef struct variant {
     uint32_t type; /* variant_type_t */
     union {
         bool boolean;
-        int64_t integer;    /* the signed types */
-        uint64_t cardinal;  /* the unsigned types */
-        string_t *string;   /* owned */
+        int64_t integer;      /* the signed types */
+        uint64_t cardinal;    /* the unsigned types */
+        string_t *string;     /* owned */
         variant_list_t *list; /* owned */
-        variant_map_t *map; /* owned */
+        variant_map_t *map;   /* owned */
     } as;
 } variant_t;
 

@@ -1,6 +1,6 @@
 /*
- * Admission: which identity serves a device that the LAN DHCP server has leased an address to, and whether any does; and
- * how its presence and its address are followed.
+ * Admission: which identity serves a device that the LAN DHCP server has leased an address to, and whether any does;
+ * and how its presence and its address are followed.
  */
 #include "frame/trace.h"
 #include "routed/firewall.h"

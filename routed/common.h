@@ -2,8 +2,8 @@
  * The routed mode's own state in the settings object "Keel.Zephyrin": the classless static routes, the NTP and WWW
  * servers and the status.
  *
- * A route list is a variant list of maps with "Destination" (text), "PrefixLength" (unsigned 8-bit) and "Router" (text).
- * Server values are DHCP option data as hexadecimal text, at most 8 characters; buffers for them have 9.
+ * A route list is a variant list of maps with "Destination" (text), "PrefixLength" (unsigned 8-bit) and "Router"
+ * (text). Server values are DHCP option data as hexadecimal text, at most 8 characters; buffers for them have 9.
  */
 #ifndef ROUTED_COMMON_H
 #define ROUTED_COMMON_H

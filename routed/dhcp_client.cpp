@@ -86,9 +86,13 @@ const char *zep_dhcp_client_get_reqoption(const char *name, uint16_t option) {
     return variant_da_char(parameter_getValue(hull_client_get_parameter(rig_getSysbus(), path, "Value")));
 }
 
-const char *zep_dhcp_client_get_ipaddress(const object_t *object) { return object_address(object, "IPAddress"); }
+const char *zep_dhcp_client_get_ipaddress(const object_t *object) {
+    return object_address(object, "IPAddress");
+}
 
-const char *zep_dhcp_client_get_subnetmask(const object_t *object) { return object_address(object, "SubnetMask"); }
+const char *zep_dhcp_client_get_subnetmask(const object_t *object) {
+    return object_address(object, "SubnetMask");
+}
 
 int zep_dhcp_client_delete(const char *name) {
     if (!name)

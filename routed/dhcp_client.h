@@ -1,6 +1,6 @@
 /*
- * The WAN DHCP client interfaces, one per identity, stacked between "iptv" and the network device below it. The protocol
- * runs in the host; here the interface is made, started, stopped, read and deleted.
+ * The WAN DHCP client interfaces, one per identity, stacked between "iptv" and the network device below it. The
+ * protocol runs in the host; here the interface is made, started, stopped, read and deleted.
  */
 #ifndef ROUTED_DHCP_CLIENT_H
 #define ROUTED_DHCP_CLIENT_H

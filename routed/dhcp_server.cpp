@@ -24,7 +24,9 @@ void write_option_value(const char *option, const char *value) {
 
 } // namespace
 
-const char *zep_dhcp_server_pool_path_get(unsigned index) { return index < dhcp_pools ? pools[index] : nullptr; }
+const char *zep_dhcp_server_pool_path_get(unsigned index) {
+    return index < dhcp_pools ? pools[index] : nullptr;
+}
 
 int zep_dhcp_server_pool_set(uint32_t leaseTime, uint8_t onHold) {
     LocalMap map;

@@ -19,8 +19,7 @@ __attribute__((format(printf, 1, 0))) int run(const char *format, Arguments... a
 /* The names end up in a shell line: nothing but what interface names are made of may pass. */
 bool valid_interface(const char *intf) {
     if (intf && *intf) {
-        const size_t length =
-            strspn(intf, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:@");
+        const size_t length = strspn(intf, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:@");
         if (intf[length] == '\0')
             return true;
     }
@@ -69,9 +68,13 @@ int zep_firewall_static_chain_flush(void) {
     return done;
 }
 
-int zep_firewall_static_chain_append(const char *intf) { return zep_firewall_static_chain_append_delete(intf, 'A'); }
+int zep_firewall_static_chain_append(const char *intf) {
+    return zep_firewall_static_chain_append_delete(intf, 'A');
+}
 
-int zep_firewall_static_chain_delete(const char *intf) { return zep_firewall_static_chain_append_delete(intf, 'D'); }
+int zep_firewall_static_chain_delete(const char *intf) {
+    return zep_firewall_static_chain_append_delete(intf, 'D');
+}
 
 int zep_firewall_static_chain_append_delete(const char *intf, char op) {
     if (!valid_interface(intf) || !valid_operation(op))

@@ -201,7 +201,9 @@ void zep_server_lease_cleanup(Server_lease *server_lease) {
     free(server_lease);
 }
 
-int zep_server_lease_is_active(const Server_lease *server_lease) { return server_lease ? server_lease->active : 0; }
+int zep_server_lease_is_active(const Server_lease *server_lease) {
+    return server_lease ? server_lease->active : 0;
+}
 
 void zep_server_lease_set_active_handler(Server_lease *server_lease, request_reply_item_handler_t handler) {
     if (!server_lease || server_lease->active_request)
@@ -224,6 +226,10 @@ DeviceType zep_server_lease_device_type(const char *text) {
     return DeviceType::UNKNOWN;
 }
 
-const char *device_type_name(DeviceType type) { return device_types[static_cast<uint32_t>(type)]; }
+const char *device_type_name(DeviceType type) {
+    return device_types[static_cast<uint32_t>(type)];
+}
 
-const char *lease_status_name(LeaseStatus status) { return lease_statuses[static_cast<uint32_t>(status)]; }
+const char *lease_status_name(LeaseStatus status) {
+    return lease_statuses[static_cast<uint32_t>(status)];
+}

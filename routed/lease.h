@@ -1,6 +1,6 @@
 /*
- * The lease records of the routed mode. A Client_lease stands for one DHCP client identity on the WAN side, a Server_lease
- * for one device on the LAN that is served through it.
+ * The lease records of the routed mode. A Client_lease stands for one DHCP client identity on the WAN side, a
+ * Server_lease for one device on the LAN that is served through it.
  *
  * Text fields are always terminated; a longer text is cut to the field's room.
  */

@@ -163,8 +163,8 @@ void zep_server_lease_obj_save(const char *client_name, const Server_lease *serv
         format_text(path, "Keel.Zephyrin.ClientLease.%s.ServerLease", client_name);
         request = request_create_addInstance(path, 0, server_lease->id, 1);
     } else {
-        request = keel_request_create_setObject("Keel.Zephyrin.ClientLease.%s.ServerLease.%s", client_name,
-                                                server_lease->id);
+        request =
+            keel_request_create_setObject("Keel.Zephyrin.ClientLease.%s.ServerLease.%s", client_name, server_lease->id);
     }
     if (!request)
         return;

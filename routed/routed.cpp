@@ -38,7 +38,9 @@ void give_up_without_routes() {
 }
 
 /* Records that an earlier, unfinished init left would be lost when the list starts anew. */
-bool start_list(llist_t *list) { return list->size > 0 || llist_initialize(list); }
+bool start_list(llist_t *list) {
+    return list->size > 0 || llist_initialize(list);
+}
 
 bool load_stored_routes() {
     LocalVariant routes(variant_type_list);
@@ -88,9 +90,13 @@ void enter_interface() {
 
 } // namespace
 
-int zep_routed_start(void) { return zep_module_start(&context); }
+int zep_routed_start(void) {
+    return zep_module_start(&context);
+}
 
-void zep_routed_stop(void) { zep_module_stop(&context); }
+void zep_routed_stop(void) {
+    zep_module_stop(&context);
+}
 
 void zep_routed_dedicated_mode_init(ServiceConfig *config) {
     if (!config || config->mode != ServiceMode::Routed)

@@ -73,8 +73,8 @@ void zep_routed_slease_offer_leased(const char *lease_path) {
     if (is_empty(lease_path))
         return;
     zep_dhcp_server_options_ntp_www_set_enable(true);
-    zep_dhcp_server_pool_set(
-        variant_uint32(hull_client_get(rig_getSysbus(), "Keel.Zephyrin.DHCPConfig", "LeaseTime")), true);
+    zep_dhcp_server_pool_set(variant_uint32(hull_client_get(rig_getSysbus(), "Keel.Zephyrin.DHCPConfig", "LeaseTime")),
+                             true);
     zep_dhcp_server_lease_offer(lease_path);
 }
 

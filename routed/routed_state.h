@@ -45,7 +45,8 @@ struct ClientInterface {
     char name[client_interface_size];
 };
 
-/* ------------------------------------------------------------------------------------ state and offers (routed_state) */
+/* ------------------------------------------------------------------------------------ state and offers (routed_state)
+ */
 
 /* Takes new server values (null: leave alone) and hands them on to the settings and to both LAN pools. */
 void zep_routed_set_ntpwwwserver(const char *ntp, const char *www);
@@ -66,7 +67,8 @@ void zep_routed_slease_offer_leased(const char *lease_path);
 void routed_map_device(Server_lease *device, const char *wan_address);
 void routed_unmap_device(Server_lease *device, const char *wan_address);
 
-/* ------------------------------------------------------------------------------------------------ cycle (dhcp_cycle) */
+/* ------------------------------------------------------------------------------------------------ cycle (dhcp_cycle)
+ */
 
 int zep_routed_dhcp_client_init(Client_lease *lease);
 void zep_routed_start_dhcp_cycle_cb(hull_timer_t *timer, void *lease);
@@ -83,7 +85,8 @@ bool zep_routed_slease_active_handler(request_t *request, reply_item_t *item, sy
 bool zep_routed_slease_ipaddress_handler(request_t *request, reply_item_t *item, sysbus_t *from, sysbus_t *to,
                                          void *data);
 
-/* ---------------------------------------------------------------------------------------- static routes (static_routes) */
+/* ---------------------------------------------------------------------------------------- static routes
+ * (static_routes) */
 
 bool zep_routed_dhcp_option121_handle(Client_lease *lease, uint8_t force);
 void zep_routed_add_routes(void *list);
@@ -95,7 +98,8 @@ void routed_cancel_route_installation(void);
 
 bool zep_routed_dhcp_client_cb(request_t *request, reply_item_t *item, sysbus_t *from, sysbus_t *to, void *data);
 
-/* ------------------------------------------------------------------------------------------------ controller (routed) */
+/* ------------------------------------------------------------------------------------------------ controller (routed)
+ */
 
 int zep_routed_start(void);
 void zep_routed_stop(void);

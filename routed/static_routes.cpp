@@ -9,7 +9,8 @@ namespace {
 
 const char zone[] = "routed";
 
-/* A deferred installation cannot be called back. The latest one installs, unless the routes left the interface since. */
+/* A deferred installation cannot be called back. The latest one installs, unless the routes left the interface since.
+ */
 unsigned installations_deferred = 0;
 bool installation_wanted = false;
 
@@ -95,4 +96,6 @@ bool zep_routed_route_status_handler(request_t *request, reply_item_t *item, sys
     return true;
 }
 
-void routed_cancel_route_installation(void) { installation_wanted = false; }
+void routed_cancel_route_installation(void) {
+    installation_wanted = false;
+}

@@ -285,7 +285,7 @@ TEST_F(BusTest, RequestsMayBeDestroyedAtAnyTime) {
         Told &told;
     } destroyer{loop, queued, told};
     model.watch("Box", [&](const Event &) { /* told before the bus hands anything out */
-        request_destroy(destroyer.request);
+                                            request_destroy(destroyer.request);
     });
     loop.run_until_idle();
     EXPECT_TRUE(told.empty()) << "nothing of what was queued is delivered";

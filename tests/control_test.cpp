@@ -20,7 +20,8 @@ namespace keel {
 class ControlTest : public testing::Test {
 protected:
     ControlTest() {
-        path = (std::filesystem::temp_directory_path() / ("keel-control-" + std::to_string(getpid()) + ".sock")).string();
+        path =
+            (std::filesystem::temp_directory_path() / ("keel-control-" + std::to_string(getpid()) + ".sock")).string();
         int ready[2];
         EXPECT_EQ(pipe(ready), 0);
         host = fork();
@@ -53,7 +54,8 @@ protected:
             uv_signal_t end;
             uv_signal_init(loop.handle(), &end);
             end.data = &loop;
-            uv_signal_start(&end, [](uv_signal_t *raised, int) { static_cast<UvLoop *>(raised->data)->stop(); }, SIGTERM);
+            uv_signal_start(
+                &end, [](uv_signal_t *raised, int) { static_cast<UvLoop *>(raised->data)->stop(); }, SIGTERM);
             if (write(ready, "!", 1) != 1)
                 _exit(2);
             loop.run();

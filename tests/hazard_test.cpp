@@ -127,8 +127,8 @@ TEST_F(Hazard, AddressesAndInterfacesFromOutsideAreCheckedBeforeTheShell) {
     firewall = {};
     for (const char *name : {static_cast<const char *>(nullptr), "", "eth0;reboot", "eth0 -j ACCEPT", "$(id)", "a\nb"})
         EXPECT_EQ(hook(name), 0);
-    for (const char *address : {static_cast<const char *>(nullptr), "", "0.0.0.0", "10.0.0", "10.0.0.256", "10.0.0.1;id",
-                                "010.0.0.0001", "10.0.0.1 ", "1.2.3.4.5", "0x0a.0.0.1"}) {
+    for (const char *address : {static_cast<const char *>(nullptr), "", "0.0.0.0", "10.0.0", "10.0.0.256",
+                                "10.0.0.1;id", "010.0.0.0001", "10.0.0.1 ", "1.2.3.4.5", "0x0a.0.0.1"}) {
         EXPECT_EQ(map(address, "10.0.0.2"), 0);
         EXPECT_EQ(map("192.168.1.2", address), 0);
     }

@@ -56,8 +56,8 @@ TEST_F(LanServerTest, AHeldDeviceIsAnsweredAtOnceWithTheValuesOfItsRelease) {
     EXPECT_EQ(model.text(lease(stb), "IPAddress"), "192.168.1.20");
 
     loop.advance(1000); /* between two of its retries */
-    set("DHCPv4.Server.Pool.zep_stb", {{"MinLeaseTime", std::int64_t{300}}, {"LeaseTime", std::int64_t{300}},
-                                       {"MaxLeaseTime", std::int64_t{300}}});
+    set("DHCPv4.Server.Pool.zep_stb",
+        {{"MinLeaseTime", std::int64_t{300}}, {"LeaseTime", std::int64_t{300}}, {"MaxLeaseTime", std::int64_t{300}}});
     set("DHCPv4.Server.Pool.zep_stb.Option.ntp", {{"Enable", true}, {"Value", std::string("0a000001")}});
     set("DHCPv4.Server.Pool.zep_stb.Option.www", {{"Enable", true}, {"Value", std::string("00000000")}});
     const std::uint64_t released_at = loop.now_ms();
@@ -164,8 +164,9 @@ TEST_F(LanServerTest, WhateverComesOffTheWireIsAnsweredOrDroppedAndCounted) {
     seed[2] = 6;
     seed[28] = 2;
     seed[33] = 7;
-    const std::uint8_t options[] = {0x63, 0x82, 0x53, 0x63, 53, 1, 1, 60, 7, 'z', 'e', 'p', '-', 's', 't', 'b',
-                                    61, 7, 1, 2, 3, 4, 5, 6, 7, 50, 4, 192, 168, 1, 25, 12, 3, 'a', 'b', 'c', 255};
+    const std::uint8_t options[] = {0x63, 0x82, 0x53, 0x63, 53, 1,  1, 60,  7,   'z', 'e', 'p', '-',
+                                    's',  't',  'b',  61,   7,  1,  2, 3,   4,   5,   6,   7,   50,
+                                    4,    192,  168,  1,    25, 12, 3, 'a', 'b', 'c', 255};
     seed.resize(236);
     seed.insert(seed.end(), std::begin(options), std::end(options));
     server->received(seed.data(), seed.size());

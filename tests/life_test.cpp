@@ -287,8 +287,10 @@ TEST_F(Life, StoredIdentitiesServeAgainAfterAPowerCut) {
 TEST_F(Life, RestoredIdentitiesWithoutDevicesGoAfter48Hours) {
     build();
     model->add("Keel.Zephyrin.ClientLease", "0102",
-               {{"Name", std::string("0102")}, {"ClientIDOffset", std::int64_t{2}},
-                {"IPAddress", std::string("10.20.0.50")}, {"SubnetMask", std::string("255.255.255.0")}});
+               {{"Name", std::string("0102")},
+                {"ClientIDOffset", std::int64_t{2}},
+                {"IPAddress", std::string("10.20.0.50")},
+                {"SubnetMask", std::string("255.255.255.0")}});
     load_plugin();
     EXPECT_EQ(model->text("Weft.Intf.dhcp_zep_0102.SentOption.61", "Value"), "01021a2b3c4d60");
     loop->advance(48 * hour - second);
@@ -341,10 +343,13 @@ TEST_F(Life, RoutesThatAllFailAreMadeAgain) {
 
 TEST_F(Life, PresenceStartsAnUnconnectedIdentity) {
     build();
-    model->add("Keel.Zephyrin.ClientLease", "itf",
-               {{"Name", std::string("itf")}, {"ClientIDOffset", std::int64_t{0}}, {"IPAddress", std::string("0.0.0.0")}});
+    model->add(
+        "Keel.Zephyrin.ClientLease", "itf",
+        {{"Name", std::string("itf")}, {"ClientIDOffset", std::int64_t{0}}, {"IPAddress", std::string("0.0.0.0")}});
     model->add("Keel.Zephyrin.ClientLease.itf.ServerLease", "0a",
-               {{"Id", std::string("0a")}, {"DeviceType", std::string("ITF")}, {"IPAddress", std::string("192.168.1.40")},
+               {{"Id", std::string("0a")},
+                {"DeviceType", std::string("ITF")},
+                {"IPAddress", std::string("192.168.1.40")},
                 {"MACAddress", std::string("02:ab:00:00:00:09")}});
     load_plugin();
     EXPECT_EQ(wan_client("itf", "Enable"), "false");
@@ -371,12 +376,13 @@ TEST_F(Life, SettingsSwitchTheServiceOffAndOn) {
     power_on();
     SimDevice &stb = serve(1);
     for (const Values &off : {Values{{"Enable", false}}, Values{{"Mode", std::string("Bridged")}},
-                             Values{{"Interface", std::string("Internet")}}}) {
+                              Values{{"Interface", std::string("Internet")}}}) {
         set("Keel.Zephyrin", off);
         loop->advance(second);
         expect_clean();
         EXPECT_FALSE(model->boolean("DHCPv4.Server.Pool.zep_stb", "LeasesOnHold"));
-        set("Keel.Zephyrin", {{"Enable", true}, {"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}});
+        set("Keel.Zephyrin",
+            {{"Enable", true}, {"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}});
         loop->advance(3 * second);
         EXPECT_TRUE(firewall.mapped(stb.address(), "10.20.0.10")) << "the lease that is there is taken up again";
         EXPECT_TRUE(model->boolean("DHCPv4.Server.Pool.zep_stb", "LeasesOnHold"));
@@ -388,8 +394,9 @@ TEST_F(Life, BeingToldTheSameAgainTouchesNothing) {
     SimDevice &stb = serve(1);
     const auto commands = firewall.commands.size();
     const auto generation = model->generation();
-    model->notify("Keel.Zephyrin", 102,
-                  {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"WanMode", std::string("x")}});
+    model->notify(
+        "Keel.Zephyrin", 102,
+        {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"WanMode", std::string("x")}});
     loop->advance(10 * second);
     EXPECT_EQ(firewall.commands.size(), commands);
     EXPECT_EQ(model->generation(), generation);

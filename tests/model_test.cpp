@@ -64,7 +64,8 @@ TEST_F(ModelTest, AMistakeInTheFileIsToldWithItsPlace) {
         {R"({"objects": {"A": {"parameters": {"P": 1}}}})", "A.P: must be [type, default]"},
         {R"({"objects": {"A.B": {}}})", "bad name \"A.B\""},
         {R"({"objects": {"A": {"instances": {"1": {}}}}})", "A: \"instances\" without \"instance\""},
-        {R"({"objects": {"A": {"instance": {}, "instances": {"1": {"values": {"X": 1}}}}}})", "A.1: no parameter \"X\""},
+        {R"({"objects": {"A": {"instance": {}, "instances": {"1": {"values": {"X": 1}}}}}})",
+         "A.1: no parameter \"X\""},
         {R"({"objects": {"A": {"instance": {}, "instances": {"a b": {}}}}})", "bad instance name \"a b\""},
         {R"({"objects": {"A": 7}})", "A: must be a JSON object"},
     };
@@ -113,8 +114,8 @@ TEST_F(ModelTest, EventsAreToldLaterInOrderAndOncePerWrite) {
     EXPECT_TRUE(told.empty());
     model.remove("Kept.Item.k");
     loop.run_until_idle();
-    EXPECT_EQ(told, (std::vector<std::string>{"0 Kept.Item.k", "2 Kept.Item.k", "1 Kept.Item.k.Sub.61",
-                                              "1 Kept.Item.k"}));
+    EXPECT_EQ(told,
+              (std::vector<std::string>{"0 Kept.Item.k", "2 Kept.Item.k", "1 Kept.Item.k.Sub.61", "1 Kept.Item.k"}));
     model.add("Kept.Item", "k", {});
     loop.run_until_idle();
     EXPECT_EQ(told.size(), 4U);
@@ -149,7 +150,8 @@ TEST_F(ModelTest, WhatIsPersistentComesBackAndNothingElse) {
 }
 
 TEST_F(ModelTest, ADamagedStoreIsMovedAsideAndStoredThingsWithoutAPlaceAreLeftOut) {
-    for (const std::string &content : {std::string("no database at all, but long enough to look at\n"), std::string(8192, '\xff')}) {
+    for (const std::string &content :
+         {std::string("no database at all, but long enough to look at\n"), std::string(8192, '\xff')}) {
         std::ofstream(file) << content;
         SimLoop loop;
         Model model(loop);
@@ -208,7 +210,8 @@ TEST_F(ModelTest, AKilledHostLeavesItsLastCompletedWrite) {
         const std::int64_t kept = model.integer("Kept", "Big");
         EXPECT_GE(kept, told);
         EXPECT_LE(kept, told + 1) << "at most the write that was under way";
-        EXPECT_EQ(model.instances("Kept.Item"), std::vector<std::string>{std::to_string(kept)}) << "whole or not at all";
+        EXPECT_EQ(model.instances("Kept.Item"), std::vector<std::string>{std::to_string(kept)})
+            << "whole or not at all";
     }
     EXPECT_FALSE(std::filesystem::exists(folder / "keel.db.damaged-1"));
 }
@@ -222,9 +225,9 @@ TEST_F(ModelTest, SettingsTellTheSubModulesOncePerWrite) {
     model.watch("Keel.Zephyrin", [&](const Event &event) {
         if (event.kind == Event::Kind::Custom)
             told += std::to_string(event.custom_type) +
-                    (event.values.contains("Mode") ? to_text(event.values.at("Mode")) + "/" +
-                                                         to_text(event.values.at("Interface"))
-                                                   : "") +
+                    (event.values.contains("Mode")
+                         ? to_text(event.values.at("Mode")) + "/" + to_text(event.values.at("Interface"))
+                         : "") +
                     " ";
     });
     const auto after = [&](const char *path, const Values &values) {
@@ -236,8 +239,9 @@ TEST_F(ModelTest, SettingsTellTheSubModulesOncePerWrite) {
     const auto text = [](const char *value) { return Value(std::string(value)); };
     EXPECT_EQ(after("Keel.Zephyrin", {{"WanMode", text("VDSL")}}), "102Routed/Dedicated ");
     EXPECT_EQ(after("Keel.Zephyrin", {{"MonoClient", true}}), "");
-    EXPECT_EQ(after("Keel.Zephyrin", {{"Mode", text("Bridged")}, {"Interface", text("Internet")}, {"WanMode", text("x")}}),
-              "101 102Bridged/Internet ");
+    EXPECT_EQ(
+        after("Keel.Zephyrin", {{"Mode", text("Bridged")}, {"Interface", text("Internet")}, {"WanMode", text("x")}}),
+        "101 102Bridged/Internet ");
     EXPECT_EQ(model.text("Keel", "IPTVMode"), "Internet");
     EXPECT_FALSE(model.boolean("DHCPv4.Server.Pool.zep_stb", "LeasesOnHold"));
     EXPECT_EQ(after("Keel", {{"IPTVMode", text("Dedicated")}}), "101 102Bridged/Dedicated ");

@@ -23,10 +23,10 @@ protected:
 TEST_F(Plugin, TheClientIdentifierCarriesItsOffsetThroughTheWholeAddress) {
     const auto format = PLUGIN(zep_utils_format_option61);
     const std::tuple<const char *, int, const char *> cases[] = {
-        {"02:1A:2B:3C:4D:5E", 0, "01021a2b3c4d5e"}, {"02:1a:2b:3c:4d:fe", 3, "01021a2b3c4e01"},
-        {"02:1a:2b:3c:ff:ff", 1, "01021a2b3d0000"}, {"ff:ff:ff:ff:ff:ff", 2, "01000000000001"},
+        {"02:1A:2B:3C:4D:5E", 0, "01021a2b3c4d5e"},  {"02:1a:2b:3c:4d:fe", 3, "01021a2b3c4e01"},
+        {"02:1a:2b:3c:ff:ff", 1, "01021a2b3d0000"},  {"ff:ff:ff:ff:ff:ff", 2, "01000000000001"},
         {"00:00:00:00:00:00", -1, "01ffffffffffff"}, {"", 0, "01000000000000"},
-        {"02:1a:2b:3c:4d:5", 2, "01000000000002"},  {"zz:1a:2b:3c:4d:5e", 0, "01001a2b3c4d5e"}};
+        {"02:1a:2b:3c:4d:5", 2, "01000000000002"},   {"zz:1a:2b:3c:4d:5e", 0, "01001a2b3c4d5e"}};
     for (const auto &[mac, offset, identifier] : cases)
         EXPECT_STREQ(format(mac, offset), identifier) << mac;
     firewall.failing = "fails";
@@ -36,9 +36,15 @@ TEST_F(Plugin, TheClientIdentifierCarriesItsOffsetThroughTheWholeAddress) {
 
 TEST_F(Plugin, MasksAddressesAndTheRoutesOfOthers) {
     const auto prefix = PLUGIN(zep_ipv4_mask_to_prefixlen);
-    const std::pair<const char *, int> masks[] = {{"255.255.255.0", 24}, {"255.255.255.255", 32}, {"255.0.255.0", 8},
-                                                  {"0.0.0.0", 0},        {"127.0.0.0", 0},        {"nonsense", 0},
-                                                  {"", 0},               {nullptr, 0},            {"128.0.0.0", 1}};
+    const std::pair<const char *, int> masks[] = {{"255.255.255.0", 24},
+                                                  {"255.255.255.255", 32},
+                                                  {"255.0.255.0", 8},
+                                                  {"0.0.0.0", 0},
+                                                  {"127.0.0.0", 0},
+                                                  {"nonsense", 0},
+                                                  {"", 0},
+                                                  {nullptr, 0},
+                                                  {"128.0.0.0", 1}};
     for (const auto &[mask, length] : masks)
         EXPECT_EQ(prefix(mask), length) << (mask ? mask : "null");
 
@@ -105,8 +111,13 @@ TEST_F(Plugin, RecordsCutTheirTextsAndNoteChanges) {
     std::free(client);
 
     const auto status = PLUGIN(zep_client_lease_get_dhcpp_status);
-    for (const auto &[text, state] : {std::pair<const char *, int>{"Idle", 0}, {"Bound", 3}, {"Rebinding", 5},
-                                      {"bound", 6}, {"Unleased", 6}, {"", 6}, {nullptr, 6}})
+    for (const auto &[text, state] : {std::pair<const char *, int>{"Idle", 0},
+                                      {"Bound", 3},
+                                      {"Rebinding", 5},
+                                      {"bound", 6},
+                                      {"Unleased", 6},
+                                      {"", 6},
+                                      {nullptr, 6}})
         EXPECT_EQ(static_cast<int>(status(text)), state);
     const auto type = PLUGIN(zep_server_lease_device_type);
     EXPECT_EQ(type("DHCPv4.Server.Pool.zep_stb"), DeviceType::STB);

@@ -46,7 +46,9 @@ Json tree_json(const Node &node) {
     return {{"name", node.name}, {"parameters", parameters}, {"children", children}};
 }
 
-std::string line_of(const Json &json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"; }
+std::string line_of(const Json &json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 std::string refusal_line(const std::string &path, const std::string &reason) {
     return line_of({{"ok", false}, {"path", path}, {"error", reason}});
@@ -161,8 +163,7 @@ Control::Control(UvLoop &loop, Model &model, std::string socket_path, std::funct
 
     const int listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const mode_t before = umask(0177); /* mode 0600 from the first moment on */
-    const bool bound =
-        listening >= 0 && bind(listening, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    const bool bound = listening >= 0 && bind(listening, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     const int bind_error = errno;
     umask(before);
     if (!bound) {

@@ -3,6 +3,7 @@
  * what comes of it waits in another and is handed to the handlers in order.
  */
 #include <algorithm>
+#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <deque>
@@ -109,6 +110,23 @@ struct Operation {
 struct Delivery {
     RequestRef target;
     std::unique_ptr<reply_item> item; /* null: the request is complete */
+};
+
+std::uint64_t handler_ns = 0;
+
+/* Adds the time of its life to what the handlers took. */
+class Stopwatch {
+public:
+    Stopwatch() = default;
+    Stopwatch(const Stopwatch &) = delete;
+    Stopwatch &operator=(const Stopwatch &) = delete;
+    ~Stopwatch() {
+        const auto time = std::chrono::steady_clock::now() - start_;
+        handler_ns += static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
+    }
+
+private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 class Bus {
@@ -316,9 +334,8 @@ private:
     }
 
     static bool named(const request &target, const std::string &name) {
-        return target.parameters.empty() ||
-               std::any_of(target.parameters.begin(), target.parameters.end(),
-                           [&](const auto &one) { return one->name == name; });
+        return target.parameters.empty() || std::any_of(target.parameters.begin(), target.parameters.end(),
+                                                        [&](const auto &one) { return one->name == name; });
     }
 
     void tell_object(const RequestRef &target, const Event &event, int level) {
@@ -397,6 +414,7 @@ private:
                 target.on_done(&target, rig_getSysbus(), rig_getSysbus(), target.data);
             return;
         }
+        const Stopwatch stopwatch;
         auto &items = target.answer.items;
         if (target.wants_watch())
             items.clear(); /* a watch would gather items for ever */
@@ -444,7 +462,12 @@ std::string format_path(const char *format, va_list arguments) {
 } // namespace
 
 namespace keel {
-void bus_carry_out_pending() { bus.carry_out_pending(); }
+void bus_carry_out_pending() {
+    bus.carry_out_pending();
+}
+std::uint64_t plugin_handler_ns() {
+    return handler_ns;
+}
 } // namespace keel
 
 extern "C" {
@@ -481,7 +504,9 @@ void request_setData(request_t *request, void *data) {
         request->data = data;
 }
 
-void *request_data(const request_t *request) { return request ? request->data : nullptr; }
+void *request_data(const request_t *request) {
+    return request ? request->data : nullptr;
+}
 
 void request_setReplyItemHandler(request_t *request, request_reply_item_handler_t handler) {
     if (request)
@@ -493,16 +518,22 @@ void request_setDoneHandler(request_t *request, request_done_handler_t handler) 
         request->on_done = handler;
 }
 
-uint32_t request_attributes(const request_t *request) { return request ? request->attributes : 0; }
+uint32_t request_attributes(const request_t *request) {
+    return request ? request->attributes : 0;
+}
 
 void request_setAttributes(request_t *request, uint32_t attributes) {
     if (request)
         request->attributes = attributes;
 }
 
-const char *request_path(const request_t *request) { return request ? request->path.c_str() : nullptr; }
+const char *request_path(const request_t *request) {
+    return request ? request->path.c_str() : nullptr;
+}
 
-reply_t *request_reply(request_t *request) { return request ? &request->answer : nullptr; }
+reply_t *request_reply(request_t *request) {
+    return request ? &request->answer : nullptr;
+}
 
 request_parameter_t *request_firstParameter(const request_t *request) {
     return request && !request->parameters.empty() ? request->parameters.front().get() : nullptr;
@@ -512,31 +543,51 @@ const char *request_parameterName(const request_parameter_t *parameter) {
     return parameter ? parameter->name.c_str() : nullptr;
 }
 
-void request_destroy(request_t *request) { bus.destroy(request); }
+void request_destroy(request_t *request) {
+    bus.destroy(request);
+}
 
-bool hull_waitSendRequest(hull_t *, sysbus_t *, request_t *request) { return bus.send(request); }
+bool hull_waitSendRequest(hull_t *, sysbus_t *, request_t *request) {
+    return bus.send(request);
+}
 
-bool hull_sendRequest(hull_t *, sysbus_t *, request_t *request) { return bus.send(request); }
+bool hull_sendRequest(hull_t *, sysbus_t *, request_t *request) {
+    return bus.send(request);
+}
 
 /* --------------------------------------------------------------------------------------------------- replies */
 
-uint32_t reply_item_type(const reply_item_t *item) { return item ? item->type : 0; }
+uint32_t reply_item_type(const reply_item_t *item) {
+    return item ? item->type : 0;
+}
 
-object_t *reply_item_object(const reply_item_t *item) { return item ? item->content.get() : nullptr; }
+object_t *reply_item_object(const reply_item_t *item) {
+    return item ? item->content.get() : nullptr;
+}
 
-notification_t *reply_item_notification(const reply_item_t *item) { return item ? item->news.get() : nullptr; }
+notification_t *reply_item_notification(const reply_item_t *item) {
+    return item ? item->news.get() : nullptr;
+}
 
-uint32_t reply_item_error(const reply_item_t *item) { return item ? item->error : 0; }
+uint32_t reply_item_error(const reply_item_t *item) {
+    return item ? item->error : 0;
+}
 
-const char *reply_item_errorDescription(const reply_item_t *item) { return item ? item->description.c_str() : ""; }
+const char *reply_item_errorDescription(const reply_item_t *item) {
+    return item ? item->description.c_str() : "";
+}
 
-const char *reply_item_errorInfo(const reply_item_t *item) { return item ? item->info.c_str() : ""; }
+const char *reply_item_errorInfo(const reply_item_t *item) {
+    return item ? item->info.c_str() : "";
+}
 
 reply_item_t *reply_firstItem(const reply_t *reply) {
     return reply && !reply->items.empty() ? reply->items.front().get() : nullptr;
 }
 
-reply_item_t *reply_nextItem(const reply_item_t *item) { return item ? item->next : nullptr; }
+reply_item_t *reply_nextItem(const reply_item_t *item) {
+    return item ? item->next : nullptr;
+}
 
 bool reply_addError(reply_t *reply, uint32_t error, const char *description, const char *info) {
     if (!reply)
@@ -546,7 +597,9 @@ bool reply_addError(reply_t *reply, uint32_t error, const char *description, con
     return true;
 }
 
-uint32_t notification_type(const notification_t *notification) { return notification ? notification->type : 0; }
+uint32_t notification_type(const notification_t *notification) {
+    return notification ? notification->type : 0;
+}
 
 const char *notification_objectPath(const notification_t *notification) {
     return notification ? notification->path.c_str() : nullptr;
@@ -625,5 +678,7 @@ bool keel_request_invoke(const char *owner, sysbus_t *, request_t *request, cons
 }
 
 /* The order of what is pushed is kept: what others pushed before goes with it. */
-void keel_request_flush(const char *) { bus.carry_out_pending(); }
+void keel_request_flush(const char *) {
+    bus.carry_out_pending();
+}
 }

@@ -45,7 +45,9 @@ void host_detach() {
     attachment.reset();
 }
 
-bool host_attached() { return attachment != nullptr; }
+bool host_attached() {
+    return attachment != nullptr;
+}
 
 Loop &host_loop() {
     if (!attachment)

@@ -29,6 +29,9 @@ void host_attach(Loop &loop, Model &model, ProcessRunner &runner);
 /* Ends it: drops requests, timers, queries and processes that the plug-in left open, and traces how many. */
 void host_detach();
 
+/* Time spent in the plug-in's reply and notification handlers so far, ns; with what they call synchronously. */
+std::uint64_t plugin_handler_ns();
+
 /* Loads a plug-in (its load-time constructors register its sub-modules) and starts the sub-modules in order. False with
  * the reason in *error when it cannot be loaded. */
 bool plugin_load(const std::string &file, std::string *error);

@@ -26,9 +26,13 @@ bool llist_append(llist_t *list, llist_iterator_t *member) {
     return true;
 }
 
-llist_iterator_t *llist_first(const llist_t *list) { return list ? list->head : nullptr; }
+llist_iterator_t *llist_first(const llist_t *list) {
+    return list ? list->head : nullptr;
+}
 
-llist_iterator_t *llist_iterator_next(const llist_iterator_t *member) { return member ? member->next : nullptr; }
+llist_iterator_t *llist_iterator_next(const llist_iterator_t *member) {
+    return member ? member->next : nullptr;
+}
 
 void llist_iterator_take(llist_iterator_t *member) {
     if (!member || !member->list)
@@ -47,4 +51,6 @@ llist_iterator_t *llist_takeFirst(llist_t *list) {
     return first;
 }
 
-size_t llist_size(const llist_t *list) { return list ? list->size : 0; }
+size_t llist_size(const llist_t *list) {
+    return list ? list->size : 0;
+}

@@ -348,7 +348,9 @@ const Node *Node::child(std::string_view child_name) const {
     return nullptr;
 }
 
-std::string Node::path() const { return parent ? join(parent->path(), name) : std::string(); }
+std::string Node::path() const {
+    return parent ? join(parent->path(), name) : std::string();
+}
 
 std::string Event::path() const {
     std::string text;
@@ -361,7 +363,9 @@ std::string Event::path() const {
 
 Model::Model(Loop &loop) : loop_(loop), root_(std::make_unique<Node>()), alive_(std::make_shared<bool>(true)) {}
 
-Model::~Model() { *alive_ = false; }
+Model::~Model() {
+    *alive_ = false;
+}
 
 void Model::load_file(const std::string &file) {
     std::ifstream stream(file);
@@ -384,7 +388,9 @@ void Model::load_text(std::string_view json, const std::string &file) {
     ++generation_;
 }
 
-const Node *Model::find(std::string_view path) const { return descend(root_.get(), path); }
+const Node *Model::find(std::string_view path) const {
+    return descend(root_.get(), path);
+}
 
 std::optional<Value> Model::get(std::string_view path, std::string_view parameter) const {
     const Node *node = find(path);

@@ -55,9 +55,9 @@ struct Node {
     std::string name;
     Node *parent = nullptr; /* null for the root, whose name is empty */
     const Shape *shape = nullptr;
-    bool multi = false;      /* children are instances */
-    bool instance = false;   /* parent is multi */
-    bool persistent = false; /* to be stored, with all below it */
+    bool multi = false;                          /* children are instances */
+    bool instance = false;                       /* parent is multi */
+    bool persistent = false;                     /* to be stored, with all below it */
     std::vector<Parameter> parameters;           /* in the order of their definition */
     std::vector<std::unique_ptr<Node>> children; /* instances in the order in which they were added */
 

@@ -97,9 +97,13 @@ bool rig_module_register(ModuleDescriptor *descriptor) {
     return true;
 }
 
-hull_t *rig_getHull() { return &the_hull; }
+hull_t *rig_getHull() {
+    return &the_hull;
+}
 
-sysbus_t *rig_getSysbus() { return &the_sysbus; }
+sysbus_t *rig_getSysbus() {
+    return &the_sysbus;
+}
 
 void mastTrace(uint32_t level, const char *format, ...) {
     va_list arguments;

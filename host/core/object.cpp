@@ -135,7 +135,9 @@ object *descendant(object *from, std::string_view path) {
 
 extern "C" {
 
-object_t *hull_client_get_object(sysbus_t *, const char *path) { return path ? keel::cache.fetch(path) : nullptr; }
+object_t *hull_client_get_object(sysbus_t *, const char *path) {
+    return path ? keel::cache.fetch(path) : nullptr;
+}
 
 parameter_t *hull_client_get_parameter(sysbus_t *, const char *path, const char *name) {
     return path && name ? keel::cache.fetch(path, name) : nullptr;
@@ -145,7 +147,9 @@ const variant_t *hull_client_get(sysbus_t *bus, const char *path, const char *na
     return parameter_getValue(hull_client_get_parameter(bus, path, name));
 }
 
-const variant_t *parameter_getValue(const parameter_t *parameter) { return parameter ? &parameter->value : nullptr; }
+const variant_t *parameter_getValue(const parameter_t *parameter) {
+    return parameter ? &parameter->value : nullptr;
+}
 
 bool hull_client_set_object(sysbus_t *, const char *path, const variant_map_t *map) {
     if (!path || !map)
@@ -163,12 +167,13 @@ bool hull_client_set_object(sysbus_t *, const char *path, const variant_map_t *m
     }
     const keel::Outcome refusal = host_model().set(path, values);
     if (refusal)
-        keel::trace(keel::Level::Warning, "bus", "set refused: %s: %s", refusal->path.c_str(),
-                    refusal->reason.c_str());
+        keel::trace(keel::Level::Warning, "bus", "set refused: %s: %s", refusal->path.c_str(), refusal->reason.c_str());
     return !refusal;
 }
 
-void hull_cacheClear(hull_t *) { keel::cache.clear(); }
+void hull_cacheClear(hull_t *) {
+    keel::cache.clear();
+}
 
 object_t *object_getObject(object_t *object, const char *path, uint32_t, bool *) {
     return path && *path ? keel::descendant(object, path) : nullptr;
@@ -194,16 +199,19 @@ object_t *object_nextInstance(const object_t *instance) {
     return at == all.end() || ++at == all.end() ? nullptr : at->get();
 }
 
-const char *object_name(const object_t *object, uint32_t) { return object ? object->name.c_str() : nullptr; }
+const char *object_name(const object_t *object, uint32_t) {
+    return object ? object->name.c_str() : nullptr;
+}
 
-char *object_pathChar(const object_t *object, uint32_t) { return object ? strdup(object->path.c_str()) : nullptr; }
+char *object_pathChar(const object_t *object, uint32_t) {
+    return object ? strdup(object->path.c_str()) : nullptr;
+}
 
 bool object_getValues(const object_t *object, variant_map_t *values) {
     if (!object || !variant_map_initialize(values))
         return false;
-    return std::all_of(object->parameters.begin(), object->parameters.end(), [&](const parameter &one) {
-        return variant_map_add(values, one.name.c_str(), &one.value);
-    });
+    return std::all_of(object->parameters.begin(), object->parameters.end(),
+                       [&](const parameter &one) { return variant_map_add(values, one.name.c_str(), &one.value); });
 }
 
 bool object_delete(object_t *object) {

@@ -60,7 +60,9 @@ bool start(process *target, const std::vector<std::string> &argv) {
 
 extern "C" {
 
-connection_t *hull_connection(hull_t *) { return &the_connection; }
+connection_t *hull_connection(hull_t *) {
+    return &the_connection;
+}
 
 process_t *process_create(connection_t *connection) {
     if (!connection)
@@ -91,7 +93,9 @@ bool process_start(process_t *process, const char *program, ...) {
     return true;
 }
 
-bool process_isRunning(const process_t *process) { return process && process->running; }
+bool process_isRunning(const process_t *process) {
+    return process && process->running;
+}
 
 void process_destroy(process_t *process) {
     if (open_processes.erase(process))

@@ -29,7 +29,9 @@ Settings::Settings(Model &model) : model_(model) {
     watch_ = model_.watch(keel_path, [this](const Event &event) { on_event(event); });
 }
 
-Settings::~Settings() { model_.unwatch(watch_); }
+Settings::~Settings() {
+    model_.unwatch(watch_);
+}
 
 void Settings::on_event(const Event &event) {
     if (event.kind != Event::Kind::Changed)
@@ -57,10 +59,9 @@ void Settings::service_changed(const Event &event) {
     if (was_enabled && (!enabled || moved))
         model_.notify(service_path, mode_left, {});
     if (enabled)
-        model_.notify(service_path, settings_in_force,
-                      {{"Mode", service_["Mode"]},
-                       {"Interface", service_["Interface"]},
-                       {"WanMode", service_["WanMode"]}});
+        model_.notify(
+            service_path, settings_in_force,
+            {{"Mode", service_["Mode"]}, {"Interface", service_["Interface"]}, {"WanMode", service_["WanMode"]}});
 }
 
 void Settings::follow_holds() {

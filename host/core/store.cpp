@@ -12,10 +12,11 @@ namespace keel {
 namespace {
 
 /* position keeps the order of the instances; a node's row goes with the rows of its values. */
-constexpr const char *schema = "CREATE TABLE IF NOT EXISTS node (path TEXT PRIMARY KEY, parent TEXT NOT NULL, name TEXT "
-                               "NOT NULL, instance INTEGER NOT NULL, position INTEGER NOT NULL);"
-                               "CREATE TABLE IF NOT EXISTS value (path TEXT NOT NULL, name TEXT NOT NULL, value TEXT NOT "
-                               "NULL, PRIMARY KEY (path, name));";
+constexpr const char *schema =
+    "CREATE TABLE IF NOT EXISTS node (path TEXT PRIMARY KEY, parent TEXT NOT NULL, name TEXT "
+    "NOT NULL, instance INTEGER NOT NULL, position INTEGER NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS value (path TEXT NOT NULL, name TEXT NOT NULL, value TEXT NOT "
+    "NULL, PRIMARY KEY (path, name));";
 
 /* "/" is the character after ".": everything whose path begins with the path and a dot. */
 constexpr const char *below_value = "DELETE FROM value WHERE path > ? AND path < ?";
@@ -119,8 +120,9 @@ bool Store::execute(const char *sql) {
 /* -------------------------------------------------------------------------------------------------- reading */
 
 void Store::restore() {
-    Statement tops(database_, "SELECT parent, name, instance FROM node WHERE parent NOT IN (SELECT path FROM node) ORDER "
-                              "BY position");
+    Statement tops(database_,
+                   "SELECT parent, name, instance FROM node WHERE parent NOT IN (SELECT path FROM node) ORDER "
+                   "BY position");
     while (tops.row())
         restore_node(tops.text(0), tops.text(1), tops.boolean(2));
 }

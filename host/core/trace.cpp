@@ -15,8 +15,8 @@ TraceLog &TraceLog::instance() {
 void TraceLog::write(Level level, std::string zone, std::string text) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    const auto wall_clock_ms = static_cast<std::uint64_t>(now.tv_sec) * 1000 +
-                               static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
+    const auto wall_clock_ms =
+        static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
     lines_.push_back({++written_, wall_clock_ms, level, std::move(zone), std::move(text)});
     if (lines_.size() > max_lines)
         lines_.pop_front();
@@ -39,7 +39,9 @@ std::uint64_t TraceLog::follow(Follower follower) {
     return last_follower_;
 }
 
-void TraceLog::unfollow(std::uint64_t id) { followers_.erase(id); }
+void TraceLog::unfollow(std::uint64_t id) {
+    followers_.erase(id);
+}
 
 void trace(Level level, const char *zone, const char *format, ...) {
     va_list arguments;

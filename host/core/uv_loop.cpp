@@ -82,13 +82,21 @@ void UvLoop::cancel_timer(TimerId id) {
              [](uv_handle_t *handle) { delete static_cast<Timer *>(handle->data); });
 }
 
-std::uint64_t UvLoop::now_ms() const { return uv_hrtime() / 1000000; }
+std::uint64_t UvLoop::now_ms() const {
+    return uv_hrtime() / 1000000;
+}
 
-std::uint64_t UvLoop::wall_clock_s() const { return static_cast<std::uint64_t>(std::time(nullptr)); }
+std::uint64_t UvLoop::wall_clock_s() const {
+    return static_cast<std::uint64_t>(std::time(nullptr));
+}
 
-void UvLoop::run() { uv_run(&loop_, UV_RUN_DEFAULT); }
+void UvLoop::run() {
+    uv_run(&loop_, UV_RUN_DEFAULT);
+}
 
-void UvLoop::stop() { uv_stop(&loop_); }
+void UvLoop::stop() {
+    uv_stop(&loop_);
+}
 
 void UvLoop::settle(std::uint64_t milliseconds) {
     const std::uint64_t end = now_ms() + milliseconds;

@@ -19,10 +19,16 @@ struct variant_map_iterator {
 
 namespace {
 
-template <typename T> T *allocate() { return static_cast<T *>(std::calloc(1, sizeof(T))); }
+template <typename T> T *allocate() {
+    return static_cast<T *>(std::calloc(1, sizeof(T)));
+}
 
-bool is_signed(uint32_t type) { return type >= variant_type_int8 && type <= variant_type_int64; }
-bool is_unsigned(uint32_t type) { return type >= variant_type_uint8 && type <= variant_type_uint64; }
+bool is_signed(uint32_t type) {
+    return type >= variant_type_int8 && type <= variant_type_int64;
+}
+bool is_unsigned(uint32_t type) {
+    return type >= variant_type_uint8 && type <= variant_type_uint64;
+}
 
 bool set_integer(variant_t *variant, uint32_t type, int64_t value) {
     if (!variant)
@@ -157,7 +163,9 @@ bool string_appendChar(string_t *string, const char *text) {
     return true;
 }
 
-const char *string_buffer(const string_t *string) { return string ? string->buffer : nullptr; }
+const char *string_buffer(const string_t *string) {
+    return string ? string->buffer : nullptr;
+}
 
 void string_cleanup(string_t *string) {
     if (!string)
@@ -211,7 +219,9 @@ void variant_cleanup(variant_t *variant) {
     std::memset(variant, 0, sizeof *variant);
 }
 
-uint32_t variant_type(const variant_t *variant) { return variant ? variant->type : 0; }
+uint32_t variant_type(const variant_t *variant) {
+    return variant ? variant->type : 0;
+}
 
 bool variant_copy(variant_t *dest, const variant_t *source) {
     if (!dest || !source)
@@ -265,13 +275,25 @@ bool variant_setBool(variant_t *variant, bool value) {
     return true;
 }
 
-bool variant_setInt32(variant_t *variant, int32_t value) { return set_integer(variant, variant_type_int32, value); }
-bool variant_setUInt8(variant_t *variant, uint8_t value) { return set_cardinal(variant, variant_type_uint8, value); }
-bool variant_setUInt16(variant_t *variant, uint16_t value) { return set_cardinal(variant, variant_type_uint16, value); }
-bool variant_setUInt32(variant_t *variant, uint32_t value) { return set_cardinal(variant, variant_type_uint32, value); }
-bool variant_setUInt64(variant_t *variant, uint64_t value) { return set_cardinal(variant, variant_type_uint64, value); }
+bool variant_setInt32(variant_t *variant, int32_t value) {
+    return set_integer(variant, variant_type_int32, value);
+}
+bool variant_setUInt8(variant_t *variant, uint8_t value) {
+    return set_cardinal(variant, variant_type_uint8, value);
+}
+bool variant_setUInt16(variant_t *variant, uint16_t value) {
+    return set_cardinal(variant, variant_type_uint16, value);
+}
+bool variant_setUInt32(variant_t *variant, uint32_t value) {
+    return set_cardinal(variant, variant_type_uint32, value);
+}
+bool variant_setUInt64(variant_t *variant, uint64_t value) {
+    return set_cardinal(variant, variant_type_uint64, value);
+}
 
-const char *variant_da_char(const variant_t *variant) { return string_buffer(variant_da_string(variant)); }
+const char *variant_da_char(const variant_t *variant) {
+    return string_buffer(variant_da_string(variant));
+}
 
 char *variant_char(const variant_t *variant) {
     if (!variant)
@@ -335,7 +357,9 @@ bool variant_toMap(variant_map_t *map, const variant_t *variant) {
 
 /* ----------------------------------------------------------------------------------------------------- lists */
 
-bool variant_list_initialize(variant_list_t *list) { return llist_initialize(list); }
+bool variant_list_initialize(variant_list_t *list) {
+    return llist_initialize(list);
+}
 
 void variant_list_cleanup(variant_list_t *list) {
     while (llist_iterator_t *link = llist_takeFirst(list)) {
@@ -359,7 +383,9 @@ variant_t *variant_list_iterator_data(const variant_list_iterator_t *iterator) {
     return iterator ? const_cast<variant_t *>(&iterator->value) : nullptr;
 }
 
-size_t variant_list_size(const variant_list_t *list) { return llist_size(list); }
+size_t variant_list_size(const variant_list_t *list) {
+    return llist_size(list);
+}
 
 bool variant_list_add(variant_list_t *list, const variant_t *value) {
     if (!list || !value)
@@ -387,7 +413,9 @@ bool variant_list_addMapCopy(variant_list_t *list, const variant_map_t *map) {
 
 /* ------------------------------------------------------------------------------------------------------ maps */
 
-bool variant_map_initialize(variant_map_t *map) { return llist_initialize(map); }
+bool variant_map_initialize(variant_map_t *map) {
+    return llist_initialize(map);
+}
 
 void variant_map_cleanup(variant_map_t *map) {
     while (llist_iterator_t *link = llist_takeFirst(map)) {

@@ -48,8 +48,8 @@ void set_wan_bound(Model &model, const std::string &name, const std::string &add
         else if (const Outcome refusal = model.add(received, key, {{"Value", value}}))
             trace(Level::Warning, "wan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
     }
-    write(model, interface_path(name), {{"IPAddress", address}, {"SubnetMask", mask},
-                                        {"LastConnectionError", std::string("None")}});
+    write(model, interface_path(name),
+          {{"IPAddress", address}, {"SubnetMask", mask}, {"LastConnectionError", std::string("None")}});
     set_wan_status(model, name, "Bound");
 }
 

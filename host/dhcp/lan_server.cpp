@@ -43,8 +43,8 @@ std::uint64_t stable_hash(const Bytes &bytes) {
     return hash;
 }
 
-/* The name of the device's lease: its client identifier in hexadecimal, a long one cut and told apart by a hash. Nothing
- * but hexadecimal digits and "-" comes out, whatever the device sent. */
+/* The name of the device's lease: its client identifier in hexadecimal, a long one cut and told apart by a hash.
+ * Nothing but hexadecimal digits and "-" comes out, whatever the device sent. */
 std::string id_of(const DhcpMessage &message) {
     Bytes id = message.client_id;
     if (id.empty()) {
@@ -59,7 +59,9 @@ std::string id_of(const DhcpMessage &message) {
     return text.substr(0, max_id - 17) + "-" + hash;
 }
 
-std::string pool_path(const std::string &pool) { return std::string(pools_path) + "." + pool; }
+std::string pool_path(const std::string &pool) {
+    return std::string(pools_path) + "." + pool;
+}
 
 } // namespace
 
@@ -253,13 +255,12 @@ bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, cons
         return false;
     }
     const bool hold = model_.boolean(pool_path(rule.pool), "LeasesOnHold");
-    const Outcome refusal =
-        model_.add(rule.path + ".Lease", id,
-                   {{"ClientID", id},
-                    {"IPAddress", format_ipv4(address)},
-                    {"MACAddress", mac_text(message.hardware)},
-                    {"OnHold", hold},
-                    {"Expires", static_cast<std::int64_t>(loop_.wall_clock_s() + offer_valid_s)}});
+    const Outcome refusal = model_.add(rule.path + ".Lease", id,
+                                       {{"ClientID", id},
+                                        {"IPAddress", format_ipv4(address)},
+                                        {"MACAddress", mac_text(message.hardware)},
+                                        {"OnHold", hold},
+                                        {"Expires", static_cast<std::int64_t>(loop_.wall_clock_s() + offer_valid_s)}});
     if (refusal) {
         trace(Level::Error, "lan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
         return false;
@@ -401,8 +402,7 @@ void LanDhcpServer::expire() {
                 if (model_.integer(leases + "." + id, "Expires") <= now)
                     model_.remove(leases + "." + id);
         }
-    std::erase_if(declined_until_,
-                  [&](const auto &one) { return one.second <= loop_.wall_clock_s(); });
+    std::erase_if(declined_until_, [&](const auto &one) { return one.second <= loop_.wall_clock_s(); });
     follow_expiry();
 }
 

@@ -31,8 +31,8 @@ public:
 
 /* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else to the pool
  * whose rule has none. While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold"
- * true and the device is not answered; when "OnHold" turns false, its waiting request is answered at once, with the lease
- * time and the options of that moment. Leases are kept by the store and taken up again at the start. */
+ * true and the device is not answered; when "OnHold" turns false, its waiting request is answered at once, with the
+ * lease time and the options of that moment. Leases are kept by the store and taken up again at the start. */
 class LanDhcpServer {
 public:
     LanDhcpServer(Loop &loop, Model &model, LanPort &port);

@@ -18,9 +18,13 @@ constexpr std::uint8_t boot_request = 1;
 constexpr std::uint8_t boot_reply = 2;
 constexpr std::uint16_t broadcast_flag = 0x8000;
 
-std::uint32_t host_order(const Tins::IPv4Address &address) { return ntohl(static_cast<std::uint32_t>(address)); }
+std::uint32_t host_order(const Tins::IPv4Address &address) {
+    return ntohl(static_cast<std::uint32_t>(address));
+}
 
-Tins::IPv4Address tins_address(std::uint32_t address) { return Tins::IPv4Address(htonl(address)); }
+Tins::IPv4Address tins_address(std::uint32_t address) {
+    return Tins::IPv4Address(htonl(address));
+}
 
 Bytes option_of(const Tins::DHCP &packet, Tins::DHCP::OptionTypes number) {
     const auto *option = packet.search_option(number);

@@ -22,7 +22,9 @@ Client::Client(const std::string &socket) : socket_(::socket(AF_UNIX, SOCK_STREA
     }
 }
 
-Client::~Client() { close(socket_); }
+Client::~Client() {
+    close(socket_);
+}
 
 void Client::send(const Json &message) {
     const std::string line = message.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -26,7 +26,9 @@ struct Options {
     unsigned lines = 50;
 };
 
-std::string value_text(const Json &value) { return value.is_string() ? value.get<std::string>() : value.dump(); }
+std::string value_text(const Json &value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
 
 void print_json(const Json &json) {
     std::printf("%s\n", json.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
@@ -98,7 +100,9 @@ void add(Client &client, const Options &options) {
         std::printf("%s.%s\n", options.path.c_str(), name.c_str());
 }
 
-void del(Client &client, const Options &options) { client.ask({{"op", "del"}, {"path", options.path}}); }
+void del(Client &client, const Options &options) {
+    client.ask({{"op", "del"}, {"path", options.path}});
+}
 
 void watch(Client &client, const Options &options) {
     client.ask({{"op", "watch"}, {"path", options.path}});
@@ -134,7 +138,10 @@ void trace(Client &client, const Options &options) {
         localtime_r(&seconds, &local);
         const unsigned level = (*line)["level"].get<unsigned>();
         std::printf("%02d:%02d:%02d.%03u %c %s: %s\n", local.tm_hour, local.tm_min, local.tm_sec,
-                    static_cast<unsigned>(milliseconds % 1000), level <= 100 ? 'x' : level <= 200 ? '!' : 'i',
+                    static_cast<unsigned>(milliseconds % 1000),
+                    level <= 100   ? 'x'
+                    : level <= 200 ? '!'
+                                   : 'i',
                     (*line)["zone"].get<std::string>().c_str(), (*line)["text"].get<std::string>().c_str());
         std::fflush(stdout);
     }

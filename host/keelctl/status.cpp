@@ -25,7 +25,9 @@ Json descend(Json tree, std::initializer_list<const char *> names) {
 }
 
 /* By value: a loop over it keeps it alive. */
-Json children(const Json &tree, std::initializer_list<const char *> names) { return descend(tree, names)["children"]; }
+Json children(const Json &tree, std::initializer_list<const char *> names) {
+    return descend(tree, names)["children"];
+}
 
 std::string text(const Json &tree, const char *parameter) {
     const Json &value = tree["parameters"].value(parameter, Json());
@@ -103,7 +105,9 @@ std::string pad(std::string field, std::size_t width) {
     return field;
 }
 
-std::string or_none(const std::string &value) { return value.empty() || value == "0.0.0.0" ? "none" : value; }
+std::string or_none(const std::string &value) {
+    return value.empty() || value == "0.0.0.0" ? "none" : value;
+}
 
 } // namespace
 
@@ -169,7 +173,8 @@ std::string print_status(const Json &status, bool colours) {
     for (const Json &identity : status["identities"]) {
         const std::string state = identity["status"];
         const char *colour = state == "Connected" ? "32" : state == "Unconnected" ? "33" : "31";
-        out << "\n" << shade(identity["name"], "1") << "  slot " << identity["slot"].get<std::string>() << ", client "
+        out << "\n"
+            << shade(identity["name"], "1") << "  slot " << identity["slot"].get<std::string>() << ", client "
             << or_none(identity["client_id"]) << "\n";
         out << "  WAN      " << shade(state, colour) << ", client " << identity["wan_client"].get<std::string>()
             << ", address " << or_none(identity["wan_address"]) << "\n";

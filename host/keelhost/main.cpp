@@ -83,11 +83,7 @@ public:
             uv_signal_init(loop_.handle(), handler);
             handler->data = this;
             uv_signal_start_oneshot(
-                handler,
-                [](uv_signal_t *raised, int) {
-                    static_cast<Host *>(raised->data)->loop_.stop();
-                },
-                number);
+                handler, [](uv_signal_t *raised, int) { static_cast<Host *>(raised->data)->loop_.stop(); }, number);
             signals_.push_back(handler);
         }
         loop_.run();

@@ -23,8 +23,8 @@ bool set_up_chains(const std::string &script, std::string *error) {
     }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
         return true;
-    *error = script + (WIFEXITED(status) && WEXITSTATUS(status) == 127 ? ": cannot be run"
-                                                                       : ": failed; its messages are above");
+    *error = script +
+             (WIFEXITED(status) && WEXITSTATUS(status) == 127 ? ": cannot be run" : ": failed; its messages are above");
     return false;
 }
 

@@ -132,7 +132,9 @@ Child::~Child() {
     /* The process handle is closed when the exit has been seen, so that no zombie stays. */
 }
 
-int Child::pid() const { return uv_process_get_pid(&state_->process); }
+int Child::pid() const {
+    return uv_process_get_pid(&state_->process);
+}
 
 UvProcessRunner::~UvProcessRunner() = default;
 

@@ -30,10 +30,14 @@ constexpr std::size_t udp_header = 8;
 
 /* IPv4, UDP, no later fragment, destination port 67; counted from the IP header. */
 sock_filter filter_code[] = {
-    BPF_STMT(BPF_LD + BPF_B + BPF_ABS, 9),  BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, IPPROTO_UDP, 0, 6),
-    BPF_STMT(BPF_LD + BPF_H + BPF_ABS, 6),  BPF_JUMP(BPF_JMP + BPF_JSET + BPF_K, 0x1fff, 4, 0),
-    BPF_STMT(BPF_LDX + BPF_B + BPF_MSH, 0), BPF_STMT(BPF_LD + BPF_H + BPF_IND, 2),
-    BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, server_port, 0, 1), BPF_STMT(BPF_RET + BPF_K, 0xffff),
+    BPF_STMT(BPF_LD + BPF_B + BPF_ABS, 9),
+    BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, IPPROTO_UDP, 0, 6),
+    BPF_STMT(BPF_LD + BPF_H + BPF_ABS, 6),
+    BPF_JUMP(BPF_JMP + BPF_JSET + BPF_K, 0x1fff, 4, 0),
+    BPF_STMT(BPF_LDX + BPF_B + BPF_MSH, 0),
+    BPF_STMT(BPF_LD + BPF_H + BPF_IND, 2),
+    BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, server_port, 0, 1),
+    BPF_STMT(BPF_RET + BPF_K, 0xffff),
     BPF_STMT(BPF_RET + BPF_K, 0),
 };
 
@@ -136,9 +140,9 @@ void PacketLanPort::send(const Bytes &message, const DhcpDestination &destinatio
     if (socket_ < 0)
         return;
     try {
-        Tins::IP packet = Tins::IP(Tins::IPv4Address(htonl(destination.address)),
-                                   Tins::IPv4Address(htonl(destination.source))) /
-                          Tins::UDP(client_port, server_port) / Tins::RawPDU(message.begin(), message.end());
+        Tins::IP packet =
+            Tins::IP(Tins::IPv4Address(htonl(destination.address)), Tins::IPv4Address(htonl(destination.source))) /
+            Tins::UDP(client_port, server_port) / Tins::RawPDU(message.begin(), message.end());
         const Bytes bytes = packet.serialize();
         sockaddr_ll to{};
         to.sll_family = AF_PACKET;

@@ -22,8 +22,8 @@ namespace keel {
 
 namespace {
 
-constexpr int own_protocol = 99;              /* of routes */
-constexpr const char *own_label = ":zep";     /* at the end of an address's label */
+constexpr int own_protocol = 99;          /* of routes */
+constexpr const char *own_label = ":zep"; /* at the end of an address's label */
 constexpr std::size_t label_room = 15;
 
 /* What libnl counts references of. */
@@ -143,7 +143,8 @@ Netlink::Netlink(UvLoop &loop, std::function<void()> changed) : changed_(std::mo
     nl_socket_set_nonblocking(events_);
     nl_socket_add_memberships(events_, RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH, 0);
     /* The events only say that something changed; what is, is asked for. */
-    nl_socket_modify_cb(events_, NL_CB_VALID, NL_CB_CUSTOM, [](nl_msg *, void *) -> int { return NL_OK; }, nullptr);
+    nl_socket_modify_cb(
+        events_, NL_CB_VALID, NL_CB_CUSTOM, [](nl_msg *, void *) -> int { return NL_OK; }, nullptr);
     poll_ = new Poll{{}, this};
     uv_poll_init(loop.handle(), &poll_->handle, nl_socket_get_fd(events_));
     poll_->handle.data = poll_;
@@ -167,7 +168,8 @@ std::vector<KernelLink> Netlink::links() {
     std::vector<KernelLink> all;
     each<rtnl_link>(dump(requests_, "route/link", AF_UNSPEC), [&](rtnl_link *link) {
         const unsigned flags = rtnl_link_get_flags(link);
-        all.push_back({rtnl_link_get_ifindex(link), rtnl_link_get_name(link), (flags & IFF_UP) && (flags & IFF_RUNNING)});
+        all.push_back(
+            {rtnl_link_get_ifindex(link), rtnl_link_get_name(link), (flags & IFF_UP) && (flags & IFF_RUNNING)});
     });
     return all;
 }

@@ -39,10 +39,10 @@ struct KernelRoute { /* of our own protocol number alone */
 };
 
 struct KernelNeighbour {
-    int link = 0; /* the bridge's port for a forwarding entry */
-    std::string mac; /* upper case */
+    int link = 0;        /* the bridge's port for a forwarding entry */
+    std::string mac;     /* upper case */
     std::string address; /* dotted; empty for a forwarding entry */
-    bool valid = false; /* reachable, or not known to be gone */
+    bool valid = false;  /* reachable, or not known to be gone */
 };
 
 /* The MAC address of a link, lower case, or "". */

@@ -14,8 +14,9 @@
 namespace keel {
 
 /* Keeps a "Hosts.Host" instance, named by the MAC address, for every device seen on the LAN bridge (the interface with
- * the flag "bridge"). "Active" while the bridge knows the device behind a port with carrier, or the neighbour table holds
- * it as not gone. Devices are asked now and then, so that one that vanished behind a switch is noticed within minutes. */
+ * the flag "bridge"). "Active" while the bridge knows the device behind a port with carrier, or the neighbour table
+ * holds it as not gone. Devices are asked now and then, so that one that vanished behind a switch is noticed within
+ * minutes. */
 class Presence {
 public:
     Presence(UvLoop &loop, Model &model);

@@ -26,7 +26,9 @@ std::vector<std::string> split(const std::string &text, char separator) {
     return parts;
 }
 
-bool dotted(const std::string &text, in_addr *address) { return inet_pton(AF_INET, text.c_str(), address) == 1; }
+bool dotted(const std::string &text, in_addr *address) {
+    return inet_pton(AF_INET, text.c_str(), address) == 1;
+}
 
 std::string hex(const void *data, std::size_t size) {
     std::string text;
@@ -72,7 +74,9 @@ std::string routes_to_hex(const std::string &text) {
     return all;
 }
 
-bool contains(const std::string &line, const char *text) { return line.find(text) != std::string::npos; }
+bool contains(const std::string &line, const char *text) {
+    return line.find(text) != std::string::npos;
+}
 
 } // namespace
 
@@ -84,9 +88,8 @@ UdhcpcReport UdhcpcReader::take(const std::string &line) {
             return take_event(fields);
         const int number = fields.size() == 3 ? std::atoi(fields[1].c_str()) : 0;
         if (number > 0 && number < 255 && !fields[2].empty() && fields[2].size() <= max_option &&
-            fields[2].size() % 2 == 0 && std::all_of(fields[2].begin(), fields[2].end(), [](unsigned char c) {
-                return std::isxdigit(c);
-            }))
+            fields[2].size() % 2 == 0 &&
+            std::all_of(fields[2].begin(), fields[2].end(), [](unsigned char c) { return std::isxdigit(c); }))
             options_[number] = fields[2];
     } else if (contains(line, "broadcasting discover")) {
         report.kind = UdhcpcReport::Kind::Selecting;

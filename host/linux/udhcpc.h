@@ -12,8 +12,8 @@
 namespace keel {
 
 struct WanLease {
-    std::string address; /* dotted */
-    std::string mask;    /* dotted */
+    std::string address;                /* dotted */
+    std::string mask;                   /* dotted */
     std::map<int, std::string> options; /* hexadecimal texts */
 };
 

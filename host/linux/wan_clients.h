@@ -15,8 +15,8 @@
 
 namespace keel {
 
-/* A "Weft.Intf" instance with the flag "dhcp", "Enable" true and a network device below it that is up runs a client with
- * its own option 61 ("SentOption.61") and the options of its "dhcp" MIB. State, address, mask and received options
+/* A "Weft.Intf" instance with the flag "dhcp", "Enable" true and a network device below it that is up runs a client
+ * with its own option 61 ("SentOption.61") and the options of its "dhcp" MIB. State, address, mask and received options
  * appear in the instance. A client that is stopped sends no DHCPRELEASE: its address may stay in force, and it asks for
  * it when it starts again. */
 class WanClients {

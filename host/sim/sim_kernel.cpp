@@ -8,7 +8,9 @@ SimKernel::SimKernel(Model &model) : model_(model) {
     watch_ = model_.watch("Weft.Intf", [this](const Event &event) { on_event(event); });
 }
 
-SimKernel::~SimKernel() { model_.unwatch(watch_); }
+SimKernel::~SimKernel() {
+    model_.unwatch(watch_);
+}
 
 void SimKernel::set_link(const std::string &device, bool up) {
     const std::string flags = interface_flags(model_, device);

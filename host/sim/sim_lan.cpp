@@ -36,8 +36,8 @@ std::uint32_t SimDevice::Answer::lease_time() const {
 }
 
 SimDevice::SimDevice(Loop &loop, SimLan &lan, unsigned number, std::string vendor_class)
-    : loop_(loop), lan_(lan), hardware_{0x02, 0xab, 0, 0, static_cast<std::uint8_t>(number >> 8),
-                                        static_cast<std::uint8_t>(number)},
+    : loop_(loop),
+      lan_(lan), hardware_{0x02, 0xab, 0, 0, static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)},
       vendor_class_(std::move(vendor_class)) {
     lan_.devices_.push_back(this);
 }

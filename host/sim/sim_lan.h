@@ -54,12 +54,12 @@ public:
     /* Gives its lease back, then stops. */
     void leave();
 
-    std::string mac() const;          /* upper case */
-    std::string id() const;           /* the name of its lease */
+    std::string mac() const;                                /* upper case */
+    std::string id() const;                                 /* the name of its lease */
     const std::string &address() const { return address_; } /* "" for none */
     const std::vector<Answer> &answers() const { return answers_; }
     const Answer *last(DhcpType type) const;
-    Bytes client_id;          /* option 61; may be empty */
+    Bytes client_id; /* option 61; may be empty */
 
 private:
     friend class SimLan;

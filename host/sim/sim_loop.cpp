@@ -8,7 +8,9 @@ namespace {
 constexpr int max_tasks = 1000000; /* at one point of virtual time */
 }
 
-void SimLoop::post(Task task) { posted_.push_back(std::move(task)); }
+void SimLoop::post(Task task) {
+    posted_.push_back(std::move(task));
+}
 
 Loop::TimerId SimLoop::start_timer(std::uint64_t milliseconds, Task task) {
     const TimerId id = ++last_timer_;

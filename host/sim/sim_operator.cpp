@@ -11,8 +11,7 @@ constexpr std::uint64_t retry_ms = 3000;  /* between two tries to find a server 
 constexpr std::uint64_t renew_ms = 10000; /* between two tries to renew */
 } // namespace
 
-SimOperator::SimOperator(Loop &loop, Model &model)
-    : loop_(loop), model_(model), alive_(std::make_shared<bool>(true)) {
+SimOperator::SimOperator(Loop &loop, Model &model) : loop_(loop), model_(model), alive_(std::make_shared<bool>(true)) {
     watch_ = model_.watch("Weft.Intf", [this](const Event &) { schedule(); });
     schedule();
 }
@@ -99,7 +98,9 @@ void SimOperator::bind(const std::string &name) {
     after(name, lease_s * 500, &SimOperator::try_renewal);
 }
 
-void SimOperator::renew(const std::string &interface) { try_renewal(interface); }
+void SimOperator::renew(const std::string &interface) {
+    try_renewal(interface);
+}
 
 void SimOperator::try_renewal(const std::string &name) {
     const std::uint64_t age_ms = loop_.now_ms() - clients_[name].bound_at_ms;

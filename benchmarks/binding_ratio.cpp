@@ -1,0 +1,78 @@
+/*
+ * A whole binding with real iptables beside the same four commands run from a plain loop. To be run by
+ * script/benchmark, in a network namespace of its own in which share/chains.sh has made the chains.
+ */
+#define SIM_GATEWAY_RUNS_COMMANDS
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "tests/sim_gateway.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class Gateway : public keel::SimGateway {
+public:
+    Gateway() { power_on(); }
+    void TestBody() override {}
+
+    using SimGateway::device;
+    using SimGateway::loop;
+    using SimGateway::serve;
+    using SimGateway::wan;
+};
+
+double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2), values.end());
+    return values[values.size() / 2];
+}
+
+double four_commands(char operation, const std::string &lan, const std::string &wan) {
+    const std::string op(1, operation);
+    const std::string commands[] = {
+        "/usr/sbin/iptables -t raw -" + op + " PREROUTING_zep_ACCEPT -d " + wan + "/255.255.255.255 -j ACCEPT",
+        "/usr/sbin/iptables -t nat -" + op + " POSTROUTING_zep -s " + lan + " -j SNAT --to-source " + wan,
+        "/usr/sbin/iptables -t filter -" + op + " FORWARD_zep -s " + lan + " -j ACCEPT",
+        "/usr/sbin/iptables -t nat -" + op + " PREROUTING_zep -j DNAT --to-destination " + lan + " -d " + wan};
+    const auto start = Clock::now();
+    for (const std::string &command : commands)
+        if (std::system(command.c_str()) != 0)
+            std::abort(); /* the figures would be worth nothing */
+    return seconds_since(start);
+}
+
+void binding(benchmark::State &state) {
+    Gateway gateway;
+    auto &stb = gateway.serve(1);
+    const std::string client = "dhcp_zep_" + stb.id();
+    std::vector<double> bindings;
+    std::vector<double> loops;
+    for (auto _ : state) {
+        gateway.wan->refuse_once(client); /* unmapped by the NAK, so that a first binding follows */
+        gateway.wan->renew(client);
+        gateway.loop->advance(3000 + 15);
+        const auto start = Clock::now();
+        gateway.loop->advance(10); /* "Bound" comes within it */
+        bindings.push_back(seconds_since(start));
+        state.SetIterationTime(bindings.back());
+        gateway.loop->advance(2000);
+        loops.push_back(four_commands('A', "192.168.1.250", "10.20.0.250"));
+        four_commands('D', "192.168.1.250", "10.20.0.250");
+    }
+    state.counters["binding_ms"] = median(bindings) * 1e3;
+    state.counters["loop_ms"] = median(loops) * 1e3;
+    state.counters["ratio"] = median(bindings) / median(loops);
+}
+BENCHMARK(binding)->UseManualTime()->Iterations(100)->Unit(benchmark::kMillisecond);
+
+} // namespace
