@@ -434,17 +434,6 @@ private:
 
 Bus bus;
 
-std::string format_text(const char *format, va_list arguments) {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    if (length > 0)
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
-}
-
 request *create(request::Kind kind, std::string path, std::optional<std::string> key = std::nullopt) {
     if (path.empty())
         return nullptr;

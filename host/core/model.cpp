@@ -349,7 +349,17 @@ const Node *Node::child(std::string_view child_name) const {
 }
 
 std::string Node::path() const {
-    return parent ? join(parent->path(), name) : std::string();
+    std::size_t length = 0;
+    for (const Node *at = this; at->parent; at = at->parent)
+        length += at->name.size() + 1;
+    if (length == 0)
+        return "";
+    std::string text(length - 1, '.'); /* filled from the end */
+    for (const Node *at = this; at->parent; at = at->parent) {
+        length -= at->name.size() + 1;
+        text.replace(length, at->name.size(), at->name);
+    }
+    return text;
 }
 
 std::string Event::path() const {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -26,17 +25,10 @@ std::vector<ModuleDescriptor *> registered;
 std::vector<ModuleDescriptor *> started;
 
 void write_trace(uint32_t level, const char *zone, const char *format, va_list arguments) {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    if (length > 0)
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
     const keel::Level known = level <= mast_level_error     ? keel::Level::Error
                               : level <= mast_level_warning ? keel::Level::Warning
                                                             : keel::Level::Info;
-    keel::TraceLog::instance().write(known, zone, std::move(text));
+    keel::TraceLog::instance().write(known, zone, keel::format_text(format, arguments));
 }
 
 } // namespace

@@ -19,10 +19,13 @@ object::~object() {
 
 namespace keel {
 
-std::unique_ptr<object> snapshot(const Node &node, int depth, const std::vector<std::string> &names) {
+namespace {
+
+std::unique_ptr<object> copy_node(const Node &node, std::string path, int depth,
+                                  const std::vector<std::string> &names) {
     auto copy = std::make_unique<object>();
     copy->name = node.name;
-    copy->path = node.path();
+    copy->path = std::move(path);
     copy->multi = node.multi;
     copy->parameters.reserve(node.parameters.size());
     for (const Parameter &one : node.parameters) {
@@ -35,10 +38,16 @@ std::unique_ptr<object> snapshot(const Node &node, int depth, const std::vector<
     }
     if (depth != 0)
         for (const auto &child : node.children) {
-            copy->children.push_back(snapshot(*child, depth - 1));
+            copy->children.push_back(copy_node(*child, copy->path + "." + child->name, depth - 1, {}));
             copy->children.back()->parent = copy.get();
         }
     return copy;
+}
+
+} // namespace
+
+std::unique_ptr<object> snapshot(const Node &node, int depth, const std::vector<std::string> &names) {
+    return copy_node(node, node.path(), depth, names);
 }
 
 namespace {

@@ -11,6 +11,8 @@ namespace keel {
 
 namespace {
 
+constexpr std::uint64_t retry_ms = 5000; /* after a write that failed */
+
 /* position keeps the order of the instances; a node's row goes with the rows of its values. */
 constexpr const char *schema =
     "CREATE TABLE IF NOT EXISTS node (path TEXT PRIMARY KEY, parent TEXT NOT NULL, name TEXT "
@@ -18,11 +20,7 @@ constexpr const char *schema =
     "CREATE TABLE IF NOT EXISTS value (path TEXT NOT NULL, name TEXT NOT NULL, value TEXT NOT "
     "NULL, PRIMARY KEY (path, name));";
 
-/* "/" is the character after ".": everything whose path begins with the path and a dot. */
-constexpr const char *below_value = "DELETE FROM value WHERE path > ? AND path < ?";
-constexpr const char *below_node = "DELETE FROM node WHERE path > ? AND path < ?";
-
-/* One prepared statement, stepped and finalised. */
+/* A statement that reads. */
 class Statement {
 public:
     Statement(sqlite3 *database, const char *sql) { sqlite3_prepare_v2(database, sql, -1, &statement_, nullptr); }
@@ -34,12 +32,7 @@ public:
         sqlite3_bind_text(statement_, ++bound_, text.c_str(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
         return *this;
     }
-    Statement &bind(std::int64_t number) {
-        sqlite3_bind_int64(statement_, ++bound_, number);
-        return *this;
-    }
     bool row() { return statement_ && sqlite3_step(statement_) == SQLITE_ROW; }
-    bool done() { return statement_ && sqlite3_step(statement_) == SQLITE_DONE; }
     std::string text(int column) const {
         const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement_, column));
         return text ? text : "";
@@ -86,6 +79,9 @@ bool Store::open_database() {
 }
 
 void Store::close_database() {
+    for (const auto &[sql, statement] : prepared_)
+        sqlite3_finalize(statement);
+    prepared_.clear();
     sqlite3_close(database_);
     database_ = nullptr;
 }
@@ -182,53 +178,75 @@ void Store::flush() {
     if (dirty_.empty())
         return;
     const auto paths = std::exchange(dirty_, {});
-    execute("BEGIN");
+    bool done = execute("BEGIN");
     for (const auto &[path, deleted] : paths) { /* in the order of paths: what is above comes first */
-        Statement(database_, "DELETE FROM value WHERE path = ?").bind(path).done();
-        Statement(database_, "DELETE FROM node WHERE path = ?").bind(path).done();
-        if (deleted) {
-            Statement(database_, below_value).bind(path + ".").bind(path + "/").done();
-            Statement(database_, below_node).bind(path + ".").bind(path + "/").done();
-        }
+        done =
+            done && run("DELETE FROM value WHERE path = ?", {path}) && run("DELETE FROM node WHERE path = ?", {path});
+        if (deleted) /* "/" is the character after ".": everything whose path begins with the path and a dot */
+            done = done && run("DELETE FROM value WHERE path > ? AND path < ?", {path + ".", path + "/"}) &&
+                   run("DELETE FROM node WHERE path > ? AND path < ?", {path + ".", path + "/"});
         const Node *node = model_.find(path);
         if (node && node->path() == path && node->persistent)
-            write_node(*node);
+            done = done && write_node(*node);
     }
-    execute("COMMIT");
+    if (done && execute("COMMIT"))
+        return;
+    /* A full disk, say: nothing is given up, it is tried again. */
+    trace(Level::Error, "store", "%s: %s; the changes are kept and written later", file_.c_str(),
+          sqlite3_errmsg(database_));
+    if (!sqlite3_get_autocommit(database_))
+        execute("ROLLBACK");
+    dirty_.insert(paths.begin(), paths.end());
+    flush_posted_ = true;
+    loop_.start_timer(retry_ms, [this, alive = alive_] {
+        if (*alive)
+            flush();
+    });
 }
 
-void Store::write_node(const Node &node) {
-    write_missing_parents(node);
+bool Store::write_node(const Node &node) {
+    if (!write_missing_parents(node))
+        return false;
     const auto &siblings = node.parent->children;
     std::int64_t position = 0;
     while (siblings[static_cast<std::size_t>(position)].get() != &node)
         ++position;
     const std::string path = node.path();
-    Statement(database_, "INSERT OR REPLACE INTO node VALUES (?, ?, ?, ?, ?)")
-        .bind(path)
-        .bind(node.parent->path())
-        .bind(node.name)
-        .bind(node.instance ? 1 : 0)
-        .bind(position)
-        .done();
+    bool done = run("INSERT OR REPLACE INTO node VALUES (?, ?, ?, ?, ?)",
+                    {path, node.parent->path(), node.name, std::int64_t{node.instance}, position});
     for (const Parameter &parameter : node.parameters)
         if (parameter.present)
-            Statement(database_, "INSERT OR REPLACE INTO value VALUES (?, ?, ?)")
-                .bind(path)
-                .bind(parameter.name)
-                .bind(to_text(parameter.value))
-                .done();
+            done = done && run("INSERT OR REPLACE INTO value VALUES (?, ?, ?)",
+                               {path, parameter.name, to_text(parameter.value)});
+    return done;
 }
 
 /* A row is found from the rows above it. */
-void Store::write_missing_parents(const Node &node) {
+bool Store::write_missing_parents(const Node &node) {
     const Node *parent = node.parent;
     if (!parent || !parent->persistent)
-        return;
+        return true;
     Statement known(database_, "SELECT 1 FROM node WHERE path = ?");
     known.bind(parent->path());
-    if (!known.row())
-        write_node(*parent);
+    return known.row() || write_node(*parent);
+}
+
+/* Statements that write are prepared once. */
+bool Store::run(const char *sql, const std::vector<Value> &values) {
+    sqlite3_stmt *&statement = prepared_[sql];
+    if (!statement && sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr) != SQLITE_OK)
+        return false;
+    int place = 0;
+    for (const Value &value : values) {
+        ++place;
+        if (const auto *text = std::get_if<std::string>(&value))
+            sqlite3_bind_text(statement, place, text->data(), static_cast<int>(text->size()), SQLITE_TRANSIENT);
+        else
+            sqlite3_bind_int64(statement, place, std::get<std::int64_t>(value));
+    }
+    const bool done = sqlite3_step(statement) == SQLITE_DONE;
+    sqlite3_reset(statement);
+    return done;
 }
 
 } // namespace keel

@@ -38,14 +38,16 @@ private:
     void restore();
     void restore_node(const std::string &parent, const std::string &name, bool instance);
     void on_event(const Event &event);
-    void write_node(const Node &node);
-    void write_missing_parents(const Node &node);
+    bool write_node(const Node &node);
+    bool write_missing_parents(const Node &node);
+    bool run(const char *sql, const std::vector<Value> &values);
     bool execute(const char *sql);
 
     Loop &loop_;
     Model &model_;
     std::string file_;
     sqlite3 *database_ = nullptr;
+    std::map<std::string, sqlite3_stmt *> prepared_; /* by their text */
     Model::WatchId watch_ = 0;
     std::map<std::string, bool> dirty_; /* paths of nodes to be written; true: deleted at some time, with all below */
     bool flush_posted_ = false;

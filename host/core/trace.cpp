@@ -1,6 +1,6 @@
 #include "host/core/trace.h"
 
-#include <cstdarg>
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <vector>
@@ -29,6 +29,8 @@ void TraceLog::write(Level level, std::string zone, std::string text) {
                      now.tv_nsec / 1000000, letter, line.zone.c_str(), line.zone.empty() ? "" : ": ",
                      line.text.c_str());
     }
+    if (followers_.empty())
+        return;
     const auto followers = followers_; /* a follower may end itself */
     for (const auto &[id, follower] : followers)
         follower(line);
@@ -43,18 +45,25 @@ void TraceLog::unfollow(std::uint64_t id) {
     followers_.erase(id);
 }
 
+std::string format_text(const char *format, va_list arguments) {
+    char buffer[512]; /* holds nearly every line, so that most are formatted once */
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
+    std::string text(buffer, length > 0 ? std::min(static_cast<std::size_t>(length), sizeof buffer - 1) : 0);
+    if (length >= static_cast<int>(sizeof buffer)) {
+        text.resize(static_cast<std::size_t>(length));
+        std::vsnprintf(text.data(), text.size() + 1, format, again);
+    }
+    va_end(again);
+    return text;
+}
+
 void trace(Level level, const char *zone, const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    TraceLog::instance().write(level, zone, format_text(format, arguments));
     va_end(arguments);
-    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    if (length > 0)
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    TraceLog::instance().write(level, zone, std::move(text));
 }
 
 } // namespace keel

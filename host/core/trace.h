@@ -4,6 +4,7 @@
 #ifndef HOST_CORE_TRACE_H
 #define HOST_CORE_TRACE_H
 
+#include <cstdarg>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -45,6 +46,9 @@ private:
     std::uint64_t last_follower_ = 0;
     bool print_ = true;
 };
+
+/* The text of a printf format with its arguments, of any length. */
+std::string format_text(const char *format, va_list arguments);
 
 /* Writes one line to the log; the format is printf's. */
 void trace(Level level, const char *zone, const char *format, ...) __attribute__((format(printf, 3, 4)));
