@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t max_line = 65536;
 constexpr std::size_t max_clients = 32;
-constexpr std::size_t max_backlog = 4 * 1024 * 1024; /* bytes that a slow reader may leave unread */
+constexpr std::size_t max_backlog = std::size_t{4} * 1024 * 1024; /* bytes that a slow reader may leave unread */
 
 Json value_json(const Value &value) {
     return std::visit([](const auto &held) { return Json(held); }, value);

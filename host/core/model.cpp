@@ -228,7 +228,7 @@ private:
             if (content.contains("instances"))
                 for (const auto &[object, nested] : content["instances"].items()) {
                     const auto child = std::find_if(shape.objects.begin(), shape.objects.end(),
-                                                    [&](const auto &o) { return o.first == object; });
+                                                    [wanted = object](const auto &o) { return o.first == wanted; });
                     expect(child != shape.objects.end() && child->second->instance, at,
                            "no multi-instance object \"" + object + "\"");
                     one.below[object] = read_instances(*child->second->instance, nested, join(at, object));
@@ -241,7 +241,7 @@ private:
     void read_initial_values(const Shape &shape, const Json &json, const std::string &path, Values &values) {
         for (const auto &[name, value] : json.items()) {
             const auto parameter = std::find_if(shape.parameters.begin(), shape.parameters.end(),
-                                                [&](const Parameter &p) { return p.name == name; });
+                                                [wanted = name](const Parameter &p) { return p.name == wanted; });
             expect(parameter != shape.parameters.end(), path, "no parameter \"" + name + "\"");
             values[name] = read_value(parameter->type, value, join(path, name));
         }
@@ -410,7 +410,7 @@ std::optional<Value> Model::get(std::string_view path, std::string_view paramete
 
 std::string Model::text(std::string_view path, std::string_view parameter, std::string fallback) const {
     const auto value = get(path, parameter);
-    return value && std::holds_alternative<std::string>(*value) ? std::get<std::string>(*value) : fallback;
+    return value && std::holds_alternative<std::string>(*value) ? std::get<std::string>(*value) : std::move(fallback);
 }
 
 bool Model::boolean(std::string_view path, std::string_view parameter, bool fallback) const {

@@ -72,6 +72,7 @@ void plugin_unload() {
 
 std::vector<std::string> plugin_modules() {
     std::vector<std::string> names;
+    names.reserve(started.size());
     for (const ModuleDescriptor *descriptor : started)
         names.emplace_back(descriptor->name);
     return names;

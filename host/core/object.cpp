@@ -9,7 +9,6 @@
 #include "host/core/host_internal.h"
 #include "host/core/trace.h"
 
-using keel::host_loop;
 using keel::host_model;
 
 object::~object() {

@@ -27,7 +27,7 @@ UvLoop::UvLoop() {
 
 UvLoop::~UvLoop() {
     while (!timers_.empty())
-        cancel_timer(timers_.begin()->first);
+        UvLoop::cancel_timer(timers_.begin()->first);
     uv_close(reinterpret_cast<uv_handle_t *>(&idle_), nullptr);
     uv_close(reinterpret_cast<uv_handle_t *>(&check_), nullptr);
     /* Handles that are being closed, and children that were killed, get the time to end. */

@@ -51,7 +51,7 @@ std::string id_of(const DhcpMessage &message) {
         id = {1};
         id.insert(id.end(), message.hardware.begin(), message.hardware.end());
     }
-    const std::string text = format_hex(id);
+    std::string text = format_hex(id);
     if (text.size() <= max_id)
         return text;
     char hash[17];
@@ -322,14 +322,10 @@ void LanDhcpServer::answer(const DhcpMessage &message, const Rule &rule, DhcpRep
     }
     /* RFC 2131, 4.1: to the address that the client has, else to the one it gets, else to all */
     DhcpDestination destination{message.hardware, broadcast_address, router};
-    if (reply.type == DhcpType::Nak)
+    if (reply.type == DhcpType::Nak || (message.client_address == 0 && message.broadcast))
         destination.hardware.fill(0xff);
-    else if (message.client_address != 0)
-        destination.address = message.client_address;
-    else if (!message.broadcast)
-        destination.address = reply.your_address;
     else
-        destination.hardware.fill(0xff);
+        destination.address = message.client_address ? message.client_address : reply.your_address;
     port_.send(build_dhcp_reply(message, reply), destination);
 }
 

@@ -1,0 +1,296 @@
+/*
+ * The Linux side on a real kernel. The program enters network namespaces of its own first; where that is not permitted
+ * it fails.
+ */
+#include <gtest/gtest.h>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "host/core/graph.h"
+#include "host/core/trace.h"
+#include "host/linux/chains.h"
+#include "host/linux/child.h"
+#include "host/linux/kernel.h"
+#include "host/linux/lan_port.h"
+#include "host/linux/presence.h"
+#include "host/linux/udhcpc.h"
+#include "host/linux/wan_clients.h"
+
+namespace keel {
+
+namespace {
+
+std::string shell(const std::string &command) {
+    std::string printed;
+    std::array<char, 4096> buffer{};
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
+        printed.append(buffer.data(), size);
+    pclose(pipe);
+    return printed;
+}
+
+std::size_t count(const std::string &text, const std::string &part) {
+    std::size_t found = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++found;
+    return found;
+}
+
+} // namespace
+
+/* Each test has a network namespace with a cable "eth1.20" - "peer". */
+class LinuxTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (getuid() != 0) {
+            const uid_t user = getuid();
+            const gid_t group = getgid();
+            ASSERT_EQ(unshare(CLONE_NEWUSER | CLONE_NEWNS), 0) << "user namespaces are not permitted";
+            std::ofstream("/proc/self/setgroups") << "deny";
+            std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+            std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
+        }
+    }
+    LinuxTest() {
+        TraceLog::instance().set_print(false);
+        TraceLog::instance().clear();
+        EXPECT_EQ(unshare(CLONE_NEWNET), 0) << "network namespaces are not permitted";
+        EXPECT_EQ(shell("ip link set lo up; ip link add eth1.20 type veth peer name peer;"
+                        "ip link set eth1.20 up; ip link set peer up"),
+                  "");
+        model.load_file(SOURCE_DIR "/share/gateway.json");
+    }
+
+    /* Runs the loop until something holds, for a few seconds. */
+    bool soon(const std::function<bool()> &holds) {
+        for (int turn = 0; turn < 600 && !holds(); ++turn) {
+            loop.settle(20);
+            usleep(10000);
+        }
+        return holds();
+    }
+    bool up() const { return has_word(interface_flags(model, "eth1.20"), "up"); }
+    std::string status(const std::string &path) const { return model.text("Weft.Intf.eth1.20." + path, "Status"); }
+    void add_address(const char *key, const char *address, std::int64_t prefix) {
+        EXPECT_FALSE(
+            model.add("Weft.Intf.eth1.20.IPv4Addr", key, {{"Address", std::string(address)}, {"PrefixLen", prefix}}));
+    }
+    void add_route(const char *key, const char *destination, std::int64_t prefix, const char *gateway) {
+        EXPECT_FALSE(
+            model.add("Weft.Intf.eth1.20.IPv4Route", key,
+                      {{"Dst", std::string(destination)}, {"DstLen", prefix}, {"Gateway", std::string(gateway)}}));
+    }
+    static std::string addresses() { return shell("ip -4 -o addr show dev eth1.20"); }
+    static std::string routes() { return shell("ip route show proto 99"); }
+
+    UvLoop loop;
+    Model model{loop};
+};
+
+TEST_F(LinuxTest, LinksAndForeignAddressesShowInTheModel) {
+    Kernel kernel(loop, model);
+    EXPECT_TRUE(up());
+    shell("ip link set peer down");
+    EXPECT_TRUE(soon([&] { return !up(); })) << "no carrier is down";
+    shell("ip link set peer up; ip addr add 10.9.0.1/24 dev eth1.20");
+    EXPECT_TRUE(soon([&] { return up() && model.instances("Weft.Intf.eth1.20.IPv4Addr").size() == 1; }));
+    const std::string path = "Weft.Intf.eth1.20.IPv4Addr." + model.instances("Weft.Intf.eth1.20.IPv4Addr").front();
+    EXPECT_EQ(model.text(path, "Address"), "10.9.0.1");
+    EXPECT_EQ(model.text(path, "Origin"), "kernel");
+    shell("ip addr del 10.9.0.1/24 dev eth1.20");
+    EXPECT_TRUE(soon([&] { return !model.find(path); }));
+    shell("ip addr add 10.9.0.2/24 dev eth1.20");
+    EXPECT_TRUE(soon([&] { return model.instances("Weft.Intf.eth1.20.IPv4Addr").size() == 1; }));
+    model.remove("Weft.Intf.eth1.20.IPv4Addr." + model.instances("Weft.Intf.eth1.20.IPv4Addr").front());
+    EXPECT_TRUE(soon([&] { return addresses().empty(); })) << "who deletes the instance deletes the address";
+}
+
+TEST_F(LinuxTest, AddressesAndRoutesOfTheModelAreInForce) {
+    {
+        Kernel kernel(loop, model);
+        add_route("zep_0", "10.60.0.0", 24, "10.20.0.1");
+        EXPECT_TRUE(soon([&] { return status("IPv4Route.zep_0") == "error"; })) << "its gateway cannot be reached yet";
+        add_address("1", "10.20.0.5", 24);
+        add_address("2", "10.20.0.6", 24);
+        EXPECT_TRUE(soon([&] { return status("IPv4Route.zep_0") == "Enabled" && status("IPv4Addr.2") == "Enabled"; }));
+        EXPECT_EQ(count(routes(), "10.60.0.0/24 via 10.20.0.1 dev eth1.20"), 1U);
+
+        add_address("3", "10.20.0.5", 16); /* the new prefix comes before the old one goes */
+        model.remove("Weft.Intf.eth1.20.IPv4Addr.1");
+        EXPECT_TRUE(soon([&] { return count(addresses(), "10.20.0.5/16") == 1 && count(addresses(), "inet") == 2; }))
+            << addresses();
+        EXPECT_EQ(count(addresses(), "10.20.0.6/24"), 1U) << "the first of a subnet does not take the others along";
+
+        shell("ip link set eth1.20 down"); /* takes the routes away */
+        EXPECT_TRUE(soon([&] { return status("IPv4Route.zep_0") == "error"; }));
+        shell("ip link set eth1.20 up");
+        EXPECT_TRUE(
+            soon([&] { return status("IPv4Route.zep_0") == "Enabled" && count(routes(), "10.60.0.0/24") == 1; }));
+        shell("ip route del 10.60.0.0/24");
+        EXPECT_TRUE(soon([&] { return count(routes(), "10.60.0.0/24") == 1; })) << "what somebody takes away is mended";
+
+        model.set("Weft.Intf.eth1.20.IPv4Addr.2", {{"Enable", false}});
+        model.remove("Weft.Intf.eth1.20.IPv4Route.zep_0");
+        EXPECT_TRUE(soon([&] { return count(addresses(), "inet") == 1 && routes().empty(); }));
+        add_route("zep_1", "10.61.0.0", 16, "10.20.0.1");
+        EXPECT_TRUE(soon([&] { return status("IPv4Route.zep_1") == "Enabled"; }));
+    }
+    EXPECT_EQ(addresses() + routes(), "") << "nothing of ours outlives the host";
+}
+
+TEST_F(LinuxTest, WhatAnEarlierRunLeftIsRemovedAtTheStart) {
+    shell("ip addr add 10.20.0.9/24 dev eth1.20 label eth1.20:zep; ip addr add 10.9.0.1/24 dev eth1.20;"
+          "ip route add 10.70.0.0/16 via 10.20.0.1 proto 99; ip route add 10.71.0.0/16 via 10.9.0.2");
+    Kernel kernel(loop, model);
+    EXPECT_EQ(count(addresses(), "inet"), 1U);
+    EXPECT_EQ(count(shell("ip route"), "10.71.0.0/16"), 1U) << "others' things are left alone";
+    EXPECT_EQ(routes(), "");
+}
+
+TEST_F(LinuxTest, DevicesOnTheBridgeArePresentWhileTheirPortHasCarrier) {
+    shell("ip link add br-lan type bridge; ip link set br-lan up; ip addr add 192.168.1.1/24 dev br-lan;"
+          "ip link set eth1.20 master br-lan; ip link set peer address 02:00:00:00:00:77;"
+          "ip addr add 192.168.1.50/24 dev peer");
+    Presence presence(loop, model);
+    shell("ip neigh replace 192.168.1.50 lladdr 02:00:00:00:00:77 nud reachable dev br-lan;"
+          "bridge fdb replace 02:00:00:00:00:77 dev eth1.20 master dynamic");
+    const std::string host = "Hosts.Host.02:00:00:00:00:77";
+    EXPECT_TRUE(soon([&] { return model.boolean(host, "Active") && !model.text(host, "IPAddress").empty(); }));
+    EXPECT_EQ(model.text(host, "IPAddress"), "192.168.1.50");
+    EXPECT_EQ(model.text(host, "Port"), "eth1.20");
+    shell("ip link set peer down");
+    EXPECT_TRUE(soon([&] { return !model.boolean(host, "Active", true); }));
+}
+
+TEST_F(LinuxTest, AWanClientIsLeasedAnAddressAndLeavesWithoutARelease) {
+    const std::string folder = std::filesystem::temp_directory_path() / ("wan-" + std::to_string(getpid()));
+    std::filesystem::create_directories(folder);
+    shell("ip addr add 10.20.0.1/24 dev peer");
+    std::string error;
+    std::string log;
+    const auto server = Child::start(
+        loop,
+        {"dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=0", "--interface=peer", "--bind-interfaces",
+         "--no-ping", "--dhcp-authoritative", "--log-dhcp", "--dhcp-range=10.20.0.50,10.20.0.60,255.255.255.0,1h",
+         "--pid-file=", "--dhcp-leasefile=" + folder + "/leases", "--dhcp-option-force=72,10.20.0.3",
+         "--dhcp-option-force=121,10.60.0.0/24,10.20.0.1"},
+        [&](const std::string &line) { log += line + "\n"; }, nullptr, &error);
+    ASSERT_TRUE(server) << error;
+    ASSERT_TRUE(soon([&] { return log.find("DHCP, IP range") != std::string::npos; })) << log;
+
+    std::vector<std::string> states;
+    model.watch("Weft.Intf.dhcp_zep_x", [&](const Event &event) {
+        if (event.kind == Event::Kind::Changed && event.values.contains("DHCPStatus"))
+            states.push_back(to_text(event.values.at("DHCPStatus")));
+    });
+    Kernel kernel(loop, model);
+    WanClients clients(loop, model, "udhcpc", SOURCE_DIR "/share/udhcpc-report.sh");
+    model.add("Weft.Intf", "dhcp_zep_x",
+              {{"Enable", false}, {"Flags", std::string("dhcp")}, {"LowerLayers", std::string("eth1.20")}});
+    model.set("Weft.Intf.dhcp_zep_x.SentOption.61", {{"Value", std::string("01021a2b3c4d5e")}});
+    model.add("Weft.Intf.dhcp_zep_x.MIB", "dhcp", {{"RequestedOptions", std::string("1 3 72 121")}});
+    for (int run = 0; run < 2; ++run) {
+        states.clear();
+        model.set("Weft.Intf.dhcp_zep_x", {{"Enable", true}});
+        ASSERT_TRUE(soon([&] { return !states.empty() && states.back() == "Bound"; })) << log;
+        EXPECT_EQ(states, (std::vector<std::string>{"Selecting", "Requesting", "Bound"}));
+        EXPECT_EQ(model.text("Weft.Intf.dhcp_zep_x", "SubnetMask"), "255.255.255.0");
+        EXPECT_EQ(model.text("Weft.Intf.dhcp_zep_x.ReqOption.72", "Value"), "0a140003");
+        EXPECT_EQ(model.text("Weft.Intf.dhcp_zep_x.ReqOption.121", "Value"), "180a3c000a140001");
+        model.set("Weft.Intf.dhcp_zep_x", {{"Enable", false}});
+        EXPECT_TRUE(soon([&] { return states.back() == "Idle"; }));
+    }
+    std::ifstream leases(folder + "/leases");
+    std::string line;
+    std::getline(leases, line);
+    EXPECT_NE(line.find(model.text("Weft.Intf.dhcp_zep_x", "IPAddress")), std::string::npos);
+    EXPECT_NE(line.find("01:02:1a:2b:3c:4d:5e"), std::string::npos) << "leased by the client identifier: " << line;
+    EXPECT_EQ(count(log, "DHCPRELEASE"), 0U);
+    std::filesystem::remove_all(folder);
+}
+
+TEST_F(LinuxTest, TheChainsAreSetUpAndEmptiedAsOftenAsOneLikes) {
+    std::string error;
+    ASSERT_TRUE(set_up_chains(SOURCE_DIR "/share/chains.sh", &error)) << error;
+    const std::string fresh = shell("for t in raw nat filter; do iptables -t $t -S; done");
+    shell("iptables -t raw -A PREROUTING -i eth1.20 -j PREROUTING_zep_ACCEPT;"
+          "iptables -t raw -A PREROUTING -i eth1.20 -j PREROUTING_zep_DROP;"
+          "iptables -t nat -A POSTROUTING_IPTV -o eth1.20 -j POSTROUTING_zep;"
+          "iptables -t nat -A POSTROUTING_zep -s 192.168.1.2 -j SNAT --to-source 10.0.0.2;"
+          "iptables -t filter -A FORWARD_zep -s 192.168.1.2 -j ACCEPT");
+    ASSERT_NE(shell("for t in raw nat filter; do iptables -t $t -S; done"), fresh);
+    ASSERT_TRUE(set_up_chains(SOURCE_DIR "/share/chains.sh", &error)) << error;
+    EXPECT_EQ(shell("for t in raw nat filter; do iptables -t $t -S; done"), fresh);
+    EXPECT_FALSE(set_up_chains("/nonexistent/chains.sh", &error));
+    EXPECT_EQ(error, "/nonexistent/chains.sh: cannot be run");
+}
+
+TEST_F(LinuxTest, ChildrenTellTheirLinesAndEnd) {
+    std::vector<std::string> lines;
+    int ended = -1;
+    std::string error;
+    auto child = Child::start(
+        loop, {"sh", "-c", "echo one; echo two >&2; sleep 0.1; exit 3"},
+        [&](const std::string &line) { lines.push_back(line); }, [&](int code) { ended = code; }, &error);
+    ASSERT_TRUE(child) << error;
+    EXPECT_TRUE(soon([&] { return ended == 3; }));
+    EXPECT_EQ(lines, (std::vector<std::string>{"one", "two"}));
+    child = Child::start(
+        loop, {"sleep", "1000"}, nullptr, [&](int code) { ended = code; }, &error);
+    const int pid = child->pid();
+    ended = -1;
+    child.reset();
+    EXPECT_TRUE(soon([&] { return kill(pid, 0) != 0; })) << "it is killed with its record";
+    EXPECT_EQ(ended, -1) << "and not reported any more";
+
+    UvProcessRunner runner(loop);
+    int codes = 0;
+    for (const char *program : {"true", "false", "/nonexistent/program"})
+        EXPECT_TRUE(runner.run({program}, [&](int code) { codes = codes * 1000 + (code ? 2 : 1); })) << program;
+    EXPECT_TRUE(soon([&] { return codes > 1000000; }));
+}
+
+TEST(Udhcpc, WhatItPrintsIsCheckedAtTheDoor) {
+    using Kind = UdhcpcReport::Kind;
+    const std::pair<const char *, Kind> lines[] = {
+        {"udhcpc: broadcasting discover", Kind::Selecting},
+        {"udhcpc: broadcasting select for 10.0.0.1, server 10.0.0.2", Kind::Requesting},
+        {"udhcpc: sending renew to server 10.0.0.2", Kind::Renewing},
+        {"udhcpc: broadcasting renew", Kind::Rebinding},
+        {"udhcpc: lease of 10.0.0.1 obtained", Kind::None},
+        {"@nak|||||||", Kind::Nak},
+        {"@bound|10.0.0.1|255.0.0.0|||||", Kind::Bound},
+        {"@bound|10.0.0.1;id|255.0.0.0|||||", Kind::None},
+        {"@bound|10.0.0.1||||||", Kind::None},
+        {"@bound|10.0.0.1", Kind::None},
+        {"@", Kind::None},
+        {"", Kind::None}};
+    for (const auto &[line, kind] : lines)
+        EXPECT_EQ(UdhcpcReader().take(line).kind, kind) << line;
+
+    UdhcpcReader reader;
+    for (const char *line : {"@option|72|0a140003", "@option|73|xyz", "@option|74|123", "@option|999|00", "@option|75"})
+        reader.take(line);
+    const UdhcpcReport report = reader.take("@renew|10.0.0.9|255.255.255.0|10.0.0.2 10.0.0.3|10.60.0.0/24 10.0.0.1 "
+                                            "0.0.0.0/0 10.0.0.4|10.0.0.1|bad|10.0.0.7");
+    EXPECT_EQ(report.lease.options, (std::map<int, std::string>{{3, "0a000001"},
+                                                                {42, "0a0000020a000003"},
+                                                                {54, "0a000007"},
+                                                                {72, "0a140003"},
+                                                                {121, "180a3c000a000001000a000004"}}));
+    EXPECT_TRUE(reader.take("@bound|10.0.0.9|255.255.255.0|||||").lease.options.empty())
+        << "options are those of one lease";
+    const auto words = udhcpc_command({"udhcpc", "script", "eth1.20", "", "", {}, ""});
+    EXPECT_EQ(std::count(words.begin(), words.end(), "-R"), 0) << "it never releases";
+    EXPECT_EQ(std::count(words.begin(), words.end(), "-C"), 1) << "no identifier is none, not the MAC address";
+}
+
+} // namespace keel
