@@ -204,10 +204,12 @@ std::vector<KernelRoute> Netlink::routes() {
 std::vector<KernelNeighbour> Netlink::neighbours() {
     std::vector<KernelNeighbour> all;
     constexpr int gone = NUD_INCOMPLETE | NUD_FAILED | NUD_NONE;
-    each<rtnl_neigh>(dump(requests_, "route/neigh", AF_INET), [&](rtnl_neigh *neighbour) {
+    each<rtnl_neigh>(dump(requests_, "route/neigh", AF_UNSPEC), [&](rtnl_neigh *neighbour) {
         const int state = rtnl_neigh_get_state(neighbour);
-        all.push_back({rtnl_neigh_get_ifindex(neighbour), mac_of(rtnl_neigh_get_lladdr(neighbour)),
-                       dotted(rtnl_neigh_get_dst(neighbour)), state > 0 && !(state & gone)});
+        const std::string address = dotted(rtnl_neigh_get_dst(neighbour));
+        if (!address.empty()) /* IPv4 */
+            all.push_back({rtnl_neigh_get_ifindex(neighbour), mac_of(rtnl_neigh_get_lladdr(neighbour)), address,
+                           state > 0 && !(state & gone)});
     });
     return all;
 }

@@ -62,12 +62,14 @@ void Presence::look() {
         const auto port = links.find(entry.link);
         if (entry.mac.empty() || port == links.end() || entry.link == lan)
             continue;
+        if (ports_.size() >= 4 * max_hosts) /* somebody makes up addresses */
+            ports_.clear();
         ports_[entry.mac] = entry.link;
         seen[entry.mac].active = port->second.up;
     }
     for (const KernelNeighbour &neighbour : netlink_.neighbours()) {
         if (neighbour.link != lan || neighbour.mac.empty())
-            continue;
+            continue; /* one that failed has no MAC address any more */
         Seen &host = seen[neighbour.mac];
         const auto port = ports_.find(neighbour.mac);
         const bool carrier = port == ports_.end() || links[port->second].up;
