@@ -59,7 +59,7 @@ void binding(benchmark::State &state) {
     std::vector<double> bindings;
     std::vector<double> with_host;
     std::vector<double> loops;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         gateway.wan->refuse_once(client); /* unmapped by the NAK, so that a first binding follows */
         gateway.wan->renew(client);
         gateway.loop->advance(3000 + 15);

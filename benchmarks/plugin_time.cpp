@@ -45,7 +45,7 @@ void admission(benchmark::State &state) {
     for (unsigned number = 1; number <= 3; ++number)
         gateway.serve(number);
     gateway.wan->online = false;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         gateway.report_lease("0102");
         state.SetIterationTime(gateway.handle());
         gateway.model->remove("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0102"); /* the fourth slot goes at once */
@@ -60,7 +60,7 @@ void readmission(benchmark::State &state) {
     for (unsigned number = 1; number <= 4; ++number)
         gateway.serve(number);
     const std::string id = gateway.device(1).id();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         gateway.model->remove("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease." + id);
         gateway.loop->run_until_idle();
         gateway.report_lease(id);
@@ -76,7 +76,7 @@ void binding(benchmark::State &state) {
         gateway.serve(number);
     const std::string name = gateway.device(1).id();
     unsigned host = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         gateway.status(name, "Renewing");
         gateway.model->set("Weft.Intf.dhcp_zep_" + name,
                            {{"IPAddress", "10.20.0." + std::to_string(100 + host++ % 100)}});

@@ -234,7 +234,7 @@ protected:
 
     std::string lease_path(const SimDevice &one) const {
         for (const char *pool : {"zep_stb", "zep_itf", "lan"}) {
-            const std::string path = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease." + one.id();
+            std::string path = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease." + one.id();
             if (model->find(path))
                 return path;
         }

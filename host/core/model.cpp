@@ -408,9 +408,9 @@ std::optional<Value> Model::get(std::string_view path, std::string_view paramete
     return found && found->present ? std::optional<Value>(found->value) : std::nullopt;
 }
 
-std::string Model::text(std::string_view path, std::string_view parameter, std::string fallback) const {
+std::string Model::text(std::string_view path, std::string_view parameter, std::string_view fallback) const {
     const auto value = get(path, parameter);
-    return value && std::holds_alternative<std::string>(*value) ? std::get<std::string>(*value) : std::move(fallback);
+    return value && std::holds_alternative<std::string>(*value) ? std::get<std::string>(*value) : std::string(fallback);
 }
 
 bool Model::boolean(std::string_view path, std::string_view parameter, bool fallback) const {

@@ -115,7 +115,7 @@ public:
     const Node *find(std::string_view path) const;
     std::optional<Value> get(std::string_view path, std::string_view parameter) const;
     /* The value, or the fallback when there is none. */
-    std::string text(std::string_view path, std::string_view parameter, std::string fallback = "") const;
+    std::string text(std::string_view path, std::string_view parameter, std::string_view fallback = "") const;
     bool boolean(std::string_view path, std::string_view parameter, bool fallback = false) const;
     std::int64_t integer(std::string_view path, std::string_view parameter, std::int64_t fallback = 0) const;
     std::vector<std::string> instances(std::string_view path) const;

@@ -50,6 +50,7 @@ std::unique_ptr<Child> Child::start(UvLoop &loop, const std::vector<std::string>
     std::vector<std::string> words = {"setpriv", "--pdeathsig", "KILL", "--"};
     words.insert(words.end(), argv.begin(), argv.end());
     std::vector<char *> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string &word : words)
         pointers.push_back(word.data());
     pointers.push_back(nullptr);
