@@ -140,12 +140,12 @@ int Child::pid() const {
 UvProcessRunner::~UvProcessRunner() = default;
 
 bool UvProcessRunner::run(const std::vector<std::string> &argv, OnExit on_exit) {
-    auto slot = std::make_shared<std::unique_ptr<Child>>();
+    const auto slot = std::make_shared<std::unique_ptr<Child>>();
     std::string error;
     *slot = Child::start(
         loop_, argv, nullptr,
-        [this, slot, on_exit](int status) {
-            loop_.post([this, slot] { std::erase(running_, slot); });
+        [this, weak = std::weak_ptr(slot), on_exit](int status) { /* the child keeps this, so this must not keep it */
+            loop_.post([this, ended = weak.lock()] { std::erase(running_, ended); });
             on_exit(status);
         },
         &error);
