@@ -141,10 +141,128 @@ TEST_F(BusTest, AWatchReportsItsPathAndDepthInOrder) {
     loop.run_until_idle();
     EXPECT_EQ(told, (Told{"2 Box.Item.k.1", "1 Box.Item.k.1 Value w", "102 Box.Item Routed", "3 Box.Item.k.1"}))
         << "what lies deeper or elsewhere is not reported";
+    told.clear();
+    request_t *deeper = watch("Box", 4, all_news); /* Item, its instance, Sub, its instance */
+    loop.run_until_idle();
+    model.add("Box.Item", "l", {});
+    model.add("Box.Item.l.Sub", "deep", {});
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"object other", "2 Box.Item.l", "2 Box.Item.l", "2 Box.Item.l.Sub.deep"})) << "both watches";
+    told.clear();
+    request_destroy(deeper);
     request_destroy(request);
     set("Box.Item.1", {{"Value", std::string("z")}});
     loop.run_until_idle();
-    EXPECT_EQ(told.size(), 4U);
+    EXPECT_TRUE(told.empty());
+}
+
+TEST_F(BusTest, WatchesAreToldInTheOrderInWhichTheyWereSent) {
+    std::vector<request_t *> watches;
+    std::vector<std::string> order;
+    struct Named {
+        std::string name;
+        std::vector<std::string> &order;
+    };
+    std::vector<std::unique_ptr<Named>> names;
+    for (int i = 0; i < 4; ++i) {
+        names.push_back(std::make_unique<Named>(Named{std::to_string(i), order}));
+        watches.push_back(request_create_getObject("Box", 0, request_notify_values));
+        request_setData(watches.back(), names.back().get());
+        request_setReplyItemHandler(watches.back(),
+                                    [](request_t *, reply_item_t *, sysbus_t *, sysbus_t *, void *data) {
+                                        auto *named = static_cast<Named *>(data);
+                                        named->order.push_back(named->name);
+                                        return true;
+                                    });
+    }
+    for (const int i : {2, 0, 3, 1}) /* wherever they lie in memory */
+        hull_sendRequest(rig_getHull(), rig_getSysbus(), watches[static_cast<std::size_t>(i)]);
+    loop.run_until_idle();
+    EXPECT_EQ(order, (std::vector<std::string>{"2", "0", "3", "1"}));
+    order.clear();
+    hull_sendRequest(rig_getHull(), rig_getSysbus(), watches[2]); /* answered again, still one watch */
+    request_destroy(watches[0]);
+    loop.run_until_idle();
+    set("Box", {{"Name", std::string("b")}});
+    loop.run_until_idle();
+    EXPECT_EQ(order, (std::vector<std::string>{"2", "2", "3", "1"}));
+    for (const int i : {1, 2, 3})
+        request_destroy(watches[static_cast<std::size_t>(i)]);
+}
+
+TEST_F(BusTest, AnObjectThatAppearsIsReportedOnceAndForItself) {
+    request_t *dotted = watch("Box.Item.eth1.20", 0, all_news);
+    request_t *inner = open(keel_request_create_getObject("Box.Item.eth1.Sub.%d", 0, 1));
+    loop.run_until_idle();
+    model.add("Box.Item", "eth1.20", {{"Value", std::string("vlan")}});
+    loop.run_until_idle();
+    told.clear();
+    model.add("Box.Item", "eth1", {{"Value", std::string("port")}}); /* not what "eth1.20" lies in */
+    loop.run_until_idle();
+    EXPECT_TRUE(told.empty());
+    model.remove("Box.Item.eth1");
+    model.add("Box.Item", "eth1", {});
+    model.add("Box.Item.eth1.Sub", std::nullopt, {});
+    set("Box.Item.eth1.Sub.1", {{"N", std::int64_t{4}}});
+    loop.run_until_idle();
+    EXPECT_EQ(told, Told{"object "}) << "one item shows all that happened before it";
+    told.clear();
+    model.add("Box.Item", "short", {});
+    request_t *brief = watch("Box.Item.short", 0, all_news);
+    loop.run_until_idle();
+    model.remove("Box.Item.short");
+    model.add("Box.Item", "short", {});
+    model.remove("Box.Item.short");
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"object x", "3 Box.Item.short", "3 Box.Item.short"})) << "it is gone when that is told";
+    for (request_t *one : {dotted, inner, brief})
+        request_destroy(one);
+}
+
+TEST_F(BusTest, ValuesKeepTheTypesOfTheirParameters) {
+    static std::vector<std::string> types;
+    types.clear();
+    model.add("Box.Item", "k", {});
+    model.add("Box.Item.k.Sub", "1", {});
+    loop.run_until_idle();
+    request_t *request = request_create_getObject("Box", -1, all_news);
+    request_setReplyItemHandler(request, [](request_t *, reply_item_t *item, sysbus_t *, sysbus_t *, void *) {
+        if (notification_t *news = reply_item_notification(item)) {
+            if (notification_type(news) != notification_value_changed)
+                return true;
+            const variant_t *value = notification_parameter_variant(notification_getParameter(news, "newvalue"));
+            char *text = variant_char(value);
+            types.push_back(std::to_string(variant_type(value)) + " " + text);
+            std::free(text);
+        } else {
+            object_t *box = reply_item_object(item);
+            types.push_back(std::to_string(variant_type(object_parameterValue(box, "Count"))));
+            EXPECT_EQ(variant_type(object_parameterValue(object_getObject(box, "Item.k.Sub.1", 1, nullptr), "N")),
+                      static_cast<std::uint32_t>(variant_type_int32));
+        }
+        return true;
+    });
+    hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
+    loop.run_until_idle();
+    set("Box", {{"Count", std::int64_t{200}}});
+    set("Box", {{"On", true}});
+    set("Box.Item.k.Sub.1", {{"N", std::int64_t{-5}}});
+    loop.run_until_idle();
+    set("Box.Item.k.Sub.1", {{"N", std::int64_t{-6}}});
+    model.remove("Box.Item.k"); /* gone with its types when the change is told */
+    loop.run_until_idle();
+    EXPECT_EQ(types, (std::vector<std::string>{"6", "6 200", "10 true", "4 -5", "4 -6"}));
+    request_destroy(request);
+
+    variant_t list{};
+    variant_initialize(&list, variant_type_list);
+    request_t *bad = keel_request_create_setObject("Box");
+    request_addParameter(bad, "Name", &list);
+    variant_cleanup(&list);
+    EXPECT_FALSE(keel_request_invoke("test", rig_getSysbus(), bad, "Set a list"));
+    request_destroy(bad);
+    EXPECT_EQ(warnings("test: Set a list refused: Box: \"Name\" has no value"), 1U);
+    EXPECT_EQ(model.text("Box", "Name"), "a");
 }
 
 TEST_F(BusTest, AWatchIsOnAPathAndOutlivesTheObject) {
@@ -210,6 +328,17 @@ TEST_F(BusTest, InvokeRunsToTheEndAndLeavesTheRequestToItsCaller) {
     request_setData(request, &told);
     EXPECT_TRUE(keel_request_invoke("test", rig_getSysbus(), request, "Get"));
     EXPECT_EQ(told, (Told{"object pushed"}));
+    request_destroy(request);
+    told.clear();
+    request = open(request_create_getObject("Box", 0, 0));
+    request_t *missing = keel_request_create_getObject("Box.%s", 0, "None");
+    request_setReplyItemHandler(missing, record);
+    request_setData(missing, &told);
+    EXPECT_FALSE(keel_request_invoke("test", rig_getSysbus(), missing, "Get"));
+    EXPECT_EQ(told, Told{"error Box.None"}) << "no handler but its own runs inside the call";
+    loop.run_until_idle();
+    EXPECT_EQ(told, (Told{"error Box.None", "object pushed"}));
+    request_destroy(missing);
     request_destroy(request);
     request_t *twice = keel_request_create_addInstance("Box.Item.%s", "k");
     EXPECT_TRUE(keel_request_invoke("test", rig_getSysbus(), twice, "Add"));
@@ -356,9 +485,71 @@ TEST_F(BusTest, AProcessObjectRunsOneChildAtATime) {
     EXPECT_EQ(runner.started.back(), std::vector<std::string>{"two"});
     EXPECT_TRUE(process_isRunning(process));
     process_destroy(process);
-    runner.exits[1](0); /* of an object that is gone */
+    /* An object that is made now may well get the memory of the one that is gone. */
+    std::vector<process_t *> later;
+    for (int i = 0; i < 8; ++i) {
+        later.push_back(process_create(hull_connection(rig_getHull())));
+        process_setExitHandler(later.back(), [](process_t *) { return ++exits > 0; });
+        EXPECT_TRUE(process_start(later.back(), "later", nullptr));
+    }
+    runner.exits[1](0); /* of the object that is gone */
     EXPECT_EQ(exits, 1);
-    EXPECT_EQ(runner.started.size(), 2U) << "what was queued is dropped";
+    EXPECT_EQ(runner.started.size(), 10U) << "what was queued is dropped";
+    for (process_t *one : later) {
+        EXPECT_TRUE(process_isRunning(one));
+        process_destroy(one);
+    }
+}
+
+TEST_F(BusTest, AnExitHandlerMayStartAgainBehindWhatWaitsOrEndTheObject) {
+    static int exits;
+    exits = 0;
+    process_t *process = process_create(hull_connection(rig_getHull()));
+    process_setExitHandler(process, [](process_t *self) {
+        EXPECT_FALSE(process_isRunning(self));
+        if (++exits == 1) {
+            EXPECT_TRUE(process_start(self, "again", nullptr));
+        }
+        if (exits == 3)
+            process_destroy(self);
+        return true;
+    });
+    process_start(process, "one", nullptr);
+    process_start(process, "missing", nullptr);
+    process_start(process, "two", nullptr);
+    for (std::size_t run = 0; run < 3; ++run)
+        runner.exits.at(run)(0);
+    EXPECT_EQ(runner.started, (std::vector<std::vector<std::string>>{{"one"}, {"two"}, {"again"}}));
+    EXPECT_EQ(exits, 3);
+    EXPECT_EQ(TraceLog::instance().recent().back().text, "missing cannot be started");
+}
+
+TEST_F(BusTest, WhatThePlugInLeavesOpenIsCountedAndReleased) {
+    static int calls;
+    calls = 0;
+    watch("Box", 0, all_news);
+    hull_timer_t *timer = hull_timer_create();
+    hull_timer_setHandler(timer, [](hull_timer_t *, void *) { ++calls; });
+    hull_timer_start(timer, 5);
+    hull_timer_defer([](void *) { ++calls; }, nullptr, 0);
+    process_t *process = process_create(hull_connection(rig_getHull()));
+    process_setExitHandler(process, [](process_t *) { return ++calls > 0; });
+    process_start(process, "one", nullptr);
+    hull_client_get_object(rig_getSysbus(), "Box");
+    push_set("Box", "Name", "pushed");
+    host_detach();
+    for (const char *what : {"1 requests", "1 timers", "1 processes"})
+        EXPECT_EQ(warnings(std::string("left ") + what), 1U) << what;
+    runner.exits[0](0);
+    loop.advance(10);
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(told.empty());
+
+    host_attach(loop, model, runner);
+    request_destroy(watch("Box", 0, all_news));
+    loop.run_until_idle();
+    host_detach();
+    EXPECT_EQ(warnings("left"), 3U) << "nothing new was left";
 }
 
 } // namespace keel

@@ -113,16 +113,18 @@ struct Delivery {
 };
 
 std::uint64_t handler_ns = 0;
+int handler_depth = 0; /* more than 1 in the handler of a request that a handler invokes */
 
-/* Adds the time of its life to what the handlers took. */
+/* Adds the time of its life to what the handlers took; an inner one's is part of the outer one's. */
 class Stopwatch {
 public:
-    Stopwatch() = default;
+    Stopwatch() { ++handler_depth; }
     Stopwatch(const Stopwatch &) = delete;
     Stopwatch &operator=(const Stopwatch &) = delete;
     ~Stopwatch() {
         const auto time = std::chrono::steady_clock::now() - start_;
-        handler_ns += static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
+        if (--handler_depth == 0)
+            handler_ns += static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
     }
 
 private:
@@ -149,7 +151,8 @@ public:
         if (found == open_.end())
             return;
         found->second->destroyed = true;
-        found->second->watching = false;
+        if (found->second->watching)
+            watches_.erase(std::find(watches_.begin(), watches_.end(), found->second));
         open_.erase(found);
     }
 
@@ -207,6 +210,7 @@ private:
             for (const auto &[raw, target] : open_)
                 target->destroyed = true;
             open_.clear();
+            watches_.clear();
             pending_.clear();
             deliveries_.clear();
             return left;
@@ -231,6 +235,8 @@ private:
             return;
         deliver({operation.target, std::move(item)});
         if (target.wants_watch()) {
+            if (!target.watching)
+                watches_.push_back(operation.target);
             target.watching = true;
             target.since = model_->latest_event();
         } else {
@@ -294,22 +300,31 @@ private:
 
     void on_event(const Event &event) {
         const std::string path = event.path();
-        std::vector<RequestRef> watching;
-        for (const auto &[raw, target] : open_)
-            if (target->watching && event.number > target->since)
-                watching.push_back(target);
-        for (const RequestRef &target : watching)
-            tell(target, event, path);
+        for (const RequestRef &target : watches_)
+            if (event.number > target->since)
+                tell(target, event, path);
+    }
+
+    /* Whether the watched object is the instance at that path or lies in it. Comparing the texts is not enough: there
+     * may be an instance "eth1" beside an instance "eth1.20". */
+    static bool appears_with(const request &target, const std::string &path) {
+        if (target.path != path && !target.path.starts_with(path + "."))
+            return false;
+        for (const Node *node = host_model().find(target.path); node; node = node->parent)
+            if (node->instance && node->path() == path)
+                return true;
+        return false;
     }
 
     void tell(const RequestRef &target, const Event &event, const std::string &path) {
-        if (event.kind == Event::Kind::Added && (path == target->path || target->path.starts_with(path + "."))) {
-            auto item = object_item(*target); /* the watched object appears, by itself or with what it is in */
-            if (item->type == reply_type_object)
-                deliver({target, std::move(item)});
+        if (event.kind == Event::Kind::Added && appears_with(*target, path)) {
+            deliver({target, object_item(*target)});
+            target->since = model_->latest_event(); /* the item shows what has happened up to now */
             return;
         }
         const int level = level_below(*target, event, path);
+        if (level == 0 && event.kind == Event::Kind::Added) /* it was there, and is gone already */
+            return;
         if (level < 0 || (target->depth >= 0 && level > target->depth))
             return;
         if (target->object_items)
@@ -356,8 +371,8 @@ private:
                 if (!named(*target, name))
                     continue;
                 auto item = news_item(notification_value_changed, path);
-                add(*item->news, "parameter", Value(name));
-                add(*item->news, "newvalue", value);
+                add(*item->news, "parameter", Type::Text, Value(name));
+                add(*item->news, "newvalue", type_of(path, name, value), value);
                 deliver({target, std::move(item)});
             }
         } else if (event.kind == Event::Kind::Added && (wanted & request_notify_added)) {
@@ -367,7 +382,7 @@ private:
         } else if (event.kind == Event::Kind::Custom && (wanted & request_notify_custom)) {
             auto item = news_item(event.custom_type, path);
             for (const auto &[name, value] : event.values)
-                add(*item->news, name, value);
+                add(*item->news, name, type_of(path, name, value), value);
             deliver({target, std::move(item)});
         }
     }
@@ -381,12 +396,22 @@ private:
         return item;
     }
 
-    static void add(notification &news, const std::string &name, const Value &value) {
+    /* The parameter's type as long as the object has such a parameter, else one that holds the value. */
+    static Type type_of(const std::string &path, const std::string &name, const Value &value) {
+        if (std::holds_alternative<std::string>(value))
+            return Type::Text;
+        if (std::holds_alternative<bool>(value))
+            return Type::Bool;
+        const Node *node = host_model().find(path);
+        const Parameter *one = node ? node->parameter(name) : nullptr;
+        if (one && std::holds_alternative<std::int64_t>(one->value))
+            return one->type;
+        return std::get<std::int64_t>(value) < 0 ? Type::Int32 : Type::UInt64;
+    }
+
+    static void add(notification &news, const std::string &name, Type type, const Value &value) {
         auto one = std::make_unique<notification_parameter>();
         one->name = name;
-        const Type type = std::holds_alternative<std::string>(value) ? Type::Text
-                          : std::holds_alternative<bool>(value)      ? Type::Bool
-                                                                     : Type::UInt64;
         to_variant(type, value, &one->value);
         news.parameters.push_back(std::move(one));
     }
@@ -428,6 +453,7 @@ private:
     Model *model_ = nullptr;
     Model::WatchId watch_ = 0;
     std::map<request *, RequestRef> open_; /* every request that the plug-in holds */
+    std::vector<RequestRef> watches_;      /* of these, in the order in which they were answered first */
     std::deque<Operation> pending_;
     std::deque<Delivery> deliveries_;
 };

@@ -3,7 +3,8 @@
  */
 #include <cstdarg>
 #include <deque>
-#include <set>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,7 @@ struct process {
 namespace {
 
 connection the_connection;
-std::set<process *> open_processes; /* exits of others are not reported */
+std::map<process *, std::shared_ptr<process>> open_processes;
 bool registered = false;
 
 void prepare() {
@@ -31,29 +32,35 @@ void prepare() {
     registered = true;
     keel::host_on_detach("processes", [] {
         const std::size_t left = open_processes.size();
-        for (process *one : open_processes)
-            delete one;
         open_processes.clear();
         registered = false;
         return left;
     });
 }
 
-bool start(process *target, const std::vector<std::string> &argv) {
-    target->running = keel::host_runner().run(argv, [target](int) {
-        if (!open_processes.contains(target))
-            return;
-        target->running = false;
-        if (target->on_exit)
-            target->on_exit(target);
-        while (open_processes.contains(target) && !target->running && !target->waiting.empty()) {
-            const std::vector<std::string> next = std::move(target->waiting.front());
-            target->waiting.pop_front();
-            if (!start(target, next))
-                keel::trace(keel::Level::Error, "process", "%s cannot be started", next.front().c_str());
-        }
+void ended(const std::shared_ptr<process> &target);
+
+/* The runner does not keep the object alive: the exit of one that is gone is nobody's, also when a later object has
+ * come to lie at the same address. */
+bool start(process &target, const std::vector<std::string> &argv) {
+    const std::weak_ptr<process> reference = open_processes.at(&target);
+    target.running = keel::host_runner().run(argv, [reference](int) {
+        if (const auto still_there = reference.lock())
+            ended(still_there);
     });
-    return target->running;
+    return target.running;
+}
+
+void ended(const std::shared_ptr<process> &target) {
+    target->running = false;
+    if (target->on_exit)
+        target->on_exit(target.get());
+    while (open_processes.contains(target.get()) && !target->running && !target->waiting.empty()) {
+        const std::vector<std::string> next = std::move(target->waiting.front());
+        target->waiting.pop_front();
+        if (!start(*target, next))
+            keel::trace(keel::Level::Error, "process", "%s cannot be started", next.front().c_str());
+    }
 }
 
 } // namespace
@@ -68,9 +75,9 @@ process_t *process_create(connection_t *connection) {
     if (!connection)
         return nullptr;
     prepare();
-    auto *fresh = new process;
-    open_processes.insert(fresh);
-    return fresh;
+    const auto fresh = std::make_shared<process>();
+    open_processes[fresh.get()] = fresh;
+    return fresh.get();
 }
 
 void process_setExitHandler(process_t *process, process_exit_handler_t handler) {
@@ -87,8 +94,8 @@ bool process_start(process_t *process, const char *program, ...) {
     while (const char *argument = va_arg(arguments, const char *))
         argv.emplace_back(argument);
     va_end(arguments);
-    if (!process->running)
-        return start(process, argv);
+    if (!process->running && process->waiting.empty()) /* in the exit handler others may still be waiting */
+        return start(*process, argv);
     process->waiting.push_back(std::move(argv));
     return true;
 }
@@ -98,7 +105,6 @@ bool process_isRunning(const process_t *process) {
 }
 
 void process_destroy(process_t *process) {
-    if (open_processes.erase(process))
-        delete process;
+    open_processes.erase(process);
 }
 }
