@@ -7,6 +7,9 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+
+#include <sqlite3.h>
 
 #include "host/core/model.h"
 #include "host/core/settings.h"
@@ -68,10 +71,19 @@ TEST_F(ModelTest, AMistakeInTheFileIsToldWithItsPlace) {
          "A.1: no parameter \"X\""},
         {R"({"objects": {"A": {"instance": {}, "instances": {"a b": {}}}}})", "bad instance name \"a b\""},
         {R"({"objects": {"A": 7}})", "A: must be a JSON object"},
+        {R"({"objects": {"A": {"parameters": {"P": ["int32", 18446744073709551615]}}}})", "A.P: is out of range"},
+        {R"({"objects": {"A": {"parameters": {"P": ["bool", true], "P": ["bool", false]}}}})",
+         "objects.A.parameters: duplicate member \"P\""},
+        {R"({"objects": {"A": {"instance": {}, "instances": {"1": {}, "1": {}}}}})",
+         "objects.A.instances: duplicate member \"1\""},
     };
     for (const auto &[json, reason] : cases)
         EXPECT_NE(load_error(json).find(reason), std::string::npos) << json << "\n" << load_error(json);
     EXPECT_EQ(load_error(tree), "");
+    std::string deep;
+    for (int level = 0; level < 100000; ++level)
+        deep += R"({"objects": {"A": )";
+    EXPECT_NE(load_error(deep).find("nested too deep"), std::string::npos);
     SimLoop loop;
     Model model(loop);
     EXPECT_THROW(model.load_file("/nonexistent/gateway.json"), ModelError);
@@ -89,6 +101,17 @@ TEST_F(ModelTest, InstanceNamesMayHoldDots) {
     EXPECT_TRUE(model.find("Kept.Item.eth1.20.5.Sub.61"));
     EXPECT_TRUE(model.find("Kept.Item.eth1.Sub.61"));
     EXPECT_FALSE(model.find("Kept.Item.eth1.2"));
+
+    loop.run_until_idle();
+    int told = 0;
+    model.watch("Kept.Item.eth1", [&](const Event &) { ++told; });
+    model.set("Kept.Item.eth1.20", {{"N", std::int64_t{21}}});
+    loop.run_until_idle();
+    EXPECT_EQ(told, 0) << "it is not below eth1";
+    model.set("Kept.Item.eth1.Sub.61", {{"T", std::string("x")}});
+    loop.run_until_idle();
+    EXPECT_EQ(told, 1);
+
     for (const char *key : {"", "a b", "\n", ".a", "a.", "eth1"})
         EXPECT_TRUE(model.add("Kept.Item", key, {})) << key;
     EXPECT_TRUE(model.add("Kept.Item", std::string(65, 'x'), {}));
@@ -147,6 +170,71 @@ TEST_F(ModelTest, WhatIsPersistentComesBackAndNothingElse) {
         loop.run_until_idle();
     }
     EXPECT_TRUE(TraceLog::instance().recent().empty());
+}
+
+TEST_F(ModelTest, TheStoreKeepsTheOrderOfInstancesAndWhatALaterModelKnows) {
+    const auto with_model = [&](const std::string &json, const std::function<void(Model &, SimLoop &)> &act) {
+        SimLoop loop;
+        Model model(loop);
+        model.load_text(json, "test");
+        Store store(loop, model, file);
+        act(model, loop);
+        loop.run_until_idle();
+    };
+    with_model(tree, [](Model &model, SimLoop &loop) {
+        for (const char *key : {"eth1", "z", "eth1.20", "c"})
+            model.add("Kept.Item", key, {});
+        model.set("Kept",
+                  {{"Name", std::string("one\0two", 7)}, {"Unset", std::string("set")}, {"Big", std::int64_t{5}}});
+        loop.run_until_idle();
+        model.remove("Kept.Item.eth1"); /* eth1.20 is another one */
+        model.remove("Kept.Item.z");
+        model.add("Kept.Item", "b", {});
+        model.add("Kept.Item", "a", {});
+        loop.run_until_idle();
+        model.set("Kept.Item.eth1.20", {{"N", std::int64_t{20}}});
+    });
+    const std::string older =
+        R"({"objects": {"Kept": {"persistent": true, "parameters": {"Name": ["text", ""], "Big": ["bool", true]},
+                                 "objects": {"Item": {"instance": {}}}}}})";
+    with_model(older, [](Model &model, SimLoop &) { EXPECT_TRUE(model.boolean("Kept", "Big")); });
+    with_model(tree, [](Model &model, SimLoop &) { EXPECT_EQ(model.integer("Kept", "Big"), 5) << "it was only read"; });
+    with_model(older, [](Model &model, SimLoop &loop) {
+        loop.run_until_idle();
+        model.set("Kept", {{"Name", std::string("by the older model")}});
+    });
+    with_model(tree, [](Model &model, SimLoop &) {
+        EXPECT_EQ(model.instances("Kept.Item"), (std::vector<std::string>{"eth1.20", "c", "b", "a"}));
+        EXPECT_EQ(model.integer("Kept.Item.eth1.20", "N"), 20);
+        EXPECT_TRUE(model.find("Kept.Item.eth1.20.Sub.61"));
+        EXPECT_EQ(model.text("Kept", "Name"), "by the older model");
+        EXPECT_EQ(model.text("Kept", "Unset"), "set") << "the older model did not know it";
+        model.set("Kept", {{"Name", std::string("one\0two", 7)}});
+    });
+    with_model(tree,
+               [](Model &model, SimLoop &) { EXPECT_EQ(model.text("Kept", "Name"), std::string("one\0two", 7)); });
+}
+
+TEST_F(ModelTest, OnlyADamagedStoreIsMovedAside) {
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &other), SQLITE_OK);
+    sqlite3_exec(other, "CREATE TABLE node (something TEXT); BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+    SimLoop loop;
+    Model model(loop);
+    model.load_text(tree, "test");
+    EXPECT_THROW(Store(loop, model, file), std::runtime_error) << "it is in use, not damaged";
+    EXPECT_FALSE(std::filesystem::exists(folder / "keel.db.damaged-1"));
+    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    {
+        Store store(loop, model, file); /* a database of somebody else's */
+        model.set("Kept", {{"Name", std::string("kept")}});
+    }
+    EXPECT_TRUE(std::filesystem::exists(folder / "keel.db.damaged-1"));
+    Model again(loop);
+    again.load_text(tree, "test");
+    Store store(loop, again, file);
+    EXPECT_EQ(again.text("Kept", "Name"), "kept");
 }
 
 TEST_F(ModelTest, ADamagedStoreIsMovedAsideAndStoredThingsWithoutAPlaceAreLeftOut) {
@@ -255,6 +343,75 @@ TEST_F(ModelTest, SettingsTellTheSubModulesOncePerWrite) {
     model.set("Keel.Zephyrin", {{"Enable", true}});
     loop.run_until_idle();
     EXPECT_EQ(told, "101 102Routed/Dedicated ");
+}
+
+TEST_F(ModelTest, TheTwoNamesOfTheInterfaceSettingNeverDisagreeForLong) {
+    std::string told;
+    SimLoop loop;
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    Store store(loop, model, file);
+    Settings settings(model);
+    const auto text = [](const char *value) { return Value(std::string(value)); };
+    model.watch("Keel.Zephyrin", [&](const Event &event) {
+        if (event.kind == Event::Kind::Custom)
+            told += std::to_string(event.custom_type) + " ";
+    });
+    const auto both = [&] { return model.text("Keel", "IPTVMode") + "/" + model.text("Keel.Zephyrin", "Interface"); };
+    for (const char *mode : {"Internet", "Dedicated", "Internet"})
+        model.set("Keel", {{"IPTVMode", text(mode)}});
+    loop.run_until_idle();
+    EXPECT_EQ(both(), "Internet/Internet");
+    EXPECT_EQ(told, "101 102 101 102 101 102 ") << "a pair for each write";
+    for (const char *mode : {"Dedicated", "Internet", "Dedicated"})
+        model.set("Keel.Zephyrin", {{"Interface", text(mode)}});
+    loop.run_until_idle();
+    EXPECT_EQ(both(), "Dedicated/Dedicated");
+    model.set("Keel", {{"IPTVMode", text("Internet")}});
+    model.set("Keel.Zephyrin", {{"Interface", text("Other")}});
+    loop.run_until_idle();
+    EXPECT_EQ(both(), "Other/Other") << "the last write is in force";
+
+    /* Flushed, the setting is stored under both names: a host that ends here comes back with it. */
+    model.set("Keel.Zephyrin", {{"Interface", text("Dedicated")}});
+    store.flush();
+    std::filesystem::copy(file, folder / "copy.db");
+    std::filesystem::copy(file.string() + "-wal", folder / "copy.db-wal");
+    SimLoop later;
+    Model restored(later);
+    restored.load_file(SOURCE_DIR "/share/gateway.json");
+    restored.set("Keel", {{"IPTVMode", text("Internet")}}); /* the model's own default is another */
+    restored.set("Keel.Zephyrin", {{"Interface", text("Internet")}});
+    Store copy(later, restored, folder / "copy.db");
+    Settings after_restart(restored);
+    told.clear();
+    restored.watch("Keel.Zephyrin", [&](const Event &event) { told += event.kind == Event::Kind::Custom ? "!" : ""; });
+    later.run_until_idle();
+    EXPECT_EQ(told, "") << "being restored is no change: a sub-module would drop what it has stored";
+    EXPECT_EQ(restored.text("Keel", "IPTVMode"), "Dedicated");
+    EXPECT_EQ(restored.text("Keel.Zephyrin", "Interface"), "Dedicated");
+}
+
+TEST(UvLoop, TimersOfNoDelayDoNotStarveTheRest) {
+    UvLoop loop;
+    bool posted = false;
+    int ticks = 0;
+    std::function<void()> tick = [&] {
+        if (++ticks < 1000 && !posted)
+            loop.start_timer(0, tick);
+    };
+    loop.start_timer(0, [&] {
+        loop.post([&] { posted = true; });
+        tick();
+    });
+    int cancelled = 0;
+    Loop::TimerId second = 0;
+    loop.start_timer(1, [&] { loop.cancel_timer(second); });
+    second = loop.start_timer(1, [&] { ++cancelled; });
+    loop.start_timer(30, [&] { loop.stop(); });
+    loop.run();
+    EXPECT_LT(ticks, 1000);
+    EXPECT_EQ(cancelled, 0) << "also when both are due";
 }
 
 } // namespace keel

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <limits>
+#include <set>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -30,6 +31,7 @@ struct Shape {
 namespace {
 
 constexpr std::size_t max_key = 64;
+constexpr int max_depth = 64; /* of a model file: far more than any tree has, far less than the stack holds */
 
 struct Bounds {
     std::int64_t low;
@@ -125,6 +127,56 @@ Node *descend(Node *from, std::string_view path) {
     return from;
 }
 
+/* Whether an event belongs to who watches that path. Compared name by name: "eth1.20" is not below "eth1". */
+bool at_or_below(const Event &event, std::string_view path) {
+    for (const std::string &step : event.steps) {
+        if (path.empty())
+            return true;
+        if (!path.starts_with(step))
+            return false;
+        path.remove_prefix(step.size());
+        if (!path.empty() && path.front() != '.')
+            return false;
+        path.remove_prefix(std::min<std::size_t>(path.size(), 1));
+    }
+    return path.empty();
+}
+
+/* The JSON of a model file. A member that is there twice would silently win over the first one. */
+Json parse_json(std::string_view text, const std::string &file) {
+    struct Level {
+        std::set<std::string> members;
+        std::string member;
+    };
+    std::vector<Level> levels;
+    const auto check = [&](int depth, Json::parse_event_t event, const Json &parsed) {
+        if (depth > max_depth)
+            throw ModelError(file + ": (root): nested too deep");
+        if (event == Json::parse_event_t::object_start)
+            levels.emplace_back();
+        else if (event == Json::parse_event_t::object_end)
+            levels.pop_back();
+        else if (event == Json::parse_event_t::key) {
+            const auto name = parsed.get<std::string>();
+            if (!levels.back().members.insert(name).second) {
+                std::string path;
+                for (const Level &level : levels)
+                    if (&level != &levels.back())
+                        path = join(path, level.member);
+                throw ModelError(file + ": " + (path.empty() ? "(root)" : path) + ": duplicate member \"" + name +
+                                 "\"");
+            }
+            levels.back().member = name;
+        }
+        return true;
+    };
+    try {
+        return Json::parse(text, check);
+    } catch (const Json::exception &error) {
+        throw ModelError(file + ": (root): no JSON: " + error.what());
+    }
+}
+
 /* Reads the shapes from the file; every complaint names the place. */
 class ShapeReader {
 public:
@@ -194,6 +246,9 @@ private:
             value = json.get<bool>();
         else {
             expect(json.is_number_integer(), path, "must be a text, true, false or a whole number");
+            expect(!json.is_number_unsigned() ||
+                       json.get<std::uint64_t>() <= std::uint64_t{std::numeric_limits<std::int64_t>::max()},
+                   path, "is out of range for " + std::string(type_name(type)));
             value = json.get<std::int64_t>();
         }
         const std::string reason = misfit(type, value);
@@ -387,13 +442,7 @@ void Model::load_file(const std::string &file) {
 }
 
 void Model::load_text(std::string_view json, const std::string &file) {
-    Json tree;
-    try {
-        tree = Json::parse(json);
-    } catch (const Json::exception &error) {
-        throw ModelError(file + ": (root): no JSON: " + error.what());
-    }
-    const Shape *shape = ShapeReader(file, shapes_).read(tree, "");
+    const Shape *shape = ShapeReader(file, shapes_).read(parse_json(json, file), "");
     root_ = grow(*shape, "", nullptr);
     ++generation_;
 }
@@ -558,12 +607,9 @@ void Model::dispatch_now() {
     std::deque<Event> events;
     events.swap(events_);
     for (const Event &event : events) {
-        const std::string path = event.path();
         const auto watches = watches_;
         for (const auto &watch : watches) {
-            if (!watch->watcher || !path.starts_with(watch->path))
-                continue;
-            if (!watch->path.empty() && path.size() != watch->path.size() && path[watch->path.size()] != '.')
+            if (!watch->watcher || !at_or_below(event, watch->path))
                 continue;
             const Watcher watcher = watch->watcher; /* it may unwatch itself */
             watcher(event);

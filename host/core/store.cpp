@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <stdexcept>
+#include <utility>
 
 #include "host/core/trace.h"
 
@@ -12,13 +14,26 @@ namespace keel {
 namespace {
 
 constexpr std::uint64_t retry_ms = 5000; /* after a write that failed */
+constexpr int max_rounds = 8;            /* of changes that follow from changes */
 
-/* position keeps the order of the instances; a node's row goes with the rows of its values. */
+/* position keeps the order of the instances; a node's row goes with the rows of its values. The reading statements find
+ * out whether the tables are ours. */
 constexpr const char *schema =
     "CREATE TABLE IF NOT EXISTS node (path TEXT PRIMARY KEY, parent TEXT NOT NULL, name TEXT "
     "NOT NULL, instance INTEGER NOT NULL, position INTEGER NOT NULL);"
     "CREATE TABLE IF NOT EXISTS value (path TEXT NOT NULL, name TEXT NOT NULL, value TEXT NOT "
-    "NULL, PRIMARY KEY (path, name));";
+    "NULL, PRIMARY KEY (path, name));"
+    "SELECT path, parent, name, instance, position FROM node LIMIT 0;"
+    "SELECT path, name, value FROM value LIMIT 0;"
+    "CREATE INDEX IF NOT EXISTS node_parent ON node (parent);";
+
+/* A path's text is not enough to tell what is below it: "eth1.20" may stand beside "eth1". */
+constexpr const char *delete_values =
+    "WITH RECURSIVE gone (path) AS (SELECT ?1 UNION SELECT node.path FROM node JOIN gone ON node.parent = gone.path) "
+    "DELETE FROM value WHERE path IN (SELECT path FROM gone)";
+constexpr const char *delete_nodes =
+    "WITH RECURSIVE gone (path) AS (SELECT ?1 UNION SELECT node.path FROM node JOIN gone ON node.parent = gone.path) "
+    "DELETE FROM node WHERE path IN (SELECT path FROM gone)";
 
 /* A statement that reads. */
 class Statement {
@@ -35,8 +50,9 @@ public:
     bool row() { return statement_ && sqlite3_step(statement_) == SQLITE_ROW; }
     std::string text(int column) const {
         const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement_, column));
-        return text ? text : "";
+        return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))) : "";
     }
+    std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
     bool boolean(int column) const { return sqlite3_column_int(statement_, column) != 0; }
 
 private:
@@ -48,16 +64,19 @@ private:
 
 Store::Store(Loop &loop, Model &model, const std::string &file)
     : loop_(loop), model_(model), file_(file), alive_(std::make_shared<bool>(true)) {
-    if (!open_database()) {
+    Opened opened = open_database();
+    if (opened == Opened::Damaged) {
         close_database();
         move_aside();
-        if (!open_database()) {
-            const std::string reason = database_ ? sqlite3_errmsg(database_) : "out of memory";
-            close_database();
-            throw std::runtime_error(file + ": cannot be used as the store: " + reason);
-        }
+        opened = open_database();
+    }
+    if (opened != Opened::Yes) {
+        const std::string reason = database_ ? sqlite3_errmsg(database_) : "out of memory";
+        close_database();
+        throw std::runtime_error(file + ": cannot be used as the store: " + reason);
     }
     restore();
+    restored_ = model_.latest_event();
     watch_ = model_.watch("", [this](const Event &event) { on_event(event); });
 }
 
@@ -68,14 +87,27 @@ Store::~Store() {
     close_database();
 }
 
-bool Store::open_database() {
+Store::Opened Store::open_database() {
     if (sqlite3_open(file_.c_str(), &database_) != SQLITE_OK)
-        return false;
+        return failure();
     sqlite3_busy_timeout(database_, 2000);
     if (!execute("PRAGMA journal_mode=WAL") || !execute("PRAGMA synchronous=NORMAL"))
-        return false;
-    Statement check(database_, "PRAGMA quick_check");
-    return check.row() && check.text(0) == "ok" && execute(schema);
+        return failure();
+    {
+        Statement check(database_, "PRAGMA quick_check");
+        if (!check.row())
+            return failure();
+        if (check.text(0) != "ok")
+            return Opened::Damaged;
+    }
+    return execute(schema) ? Opened::Yes : failure();
+}
+
+/* A file that is in use, or a disk that is full, is no reason to put the stored things away. */
+Store::Opened Store::failure() const {
+    const int code = sqlite3_errcode(database_);
+    const bool other_tables = code == SQLITE_ERROR;
+    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB || other_tables ? Opened::Damaged : Opened::No;
 }
 
 void Store::close_database() {
@@ -121,6 +153,9 @@ void Store::restore() {
                    "BY position");
     while (tops.row())
         restore_node(tops.text(0), tops.text(1), tops.boolean(2));
+    Statement highest(database_, "SELECT MAX(position) FROM node");
+    if (highest.row())
+        highest_position_ = highest.integer(0);
 }
 
 void Store::restore_node(const std::string &parent, const std::string &name, bool instance) {
@@ -156,38 +191,48 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
 /* -------------------------------------------------------------------------------------------------- writing */
 
 void Store::on_event(const Event &event) {
-    if (event.kind == Event::Kind::Custom)
+    if (event.kind == Event::Kind::Custom || event.number <= restored_)
         return;
     const std::string path = event.path();
     const Node *node = model_.find(path);
     if (node && !node->persistent)
         return;
-    dirty_[path] |= event.kind == Event::Kind::Deleted;
-    if (flush_posted_)
+    Dirty &dirty = dirty_[path];
+    if (event.kind == Event::Kind::Deleted)
+        dirty.deleted = true;
+    else if (event.kind == Event::Kind::Added)
+        dirty.position = highest_position_ + static_cast<std::int64_t>(event.number);
+    if (write_posted_)
         return;
-    flush_posted_ = true;
+    write_posted_ = true;
     loop_.post([this, alive = alive_] {
         if (*alive)
-            flush();
+            write_dirty();
     });
 }
 
 void Store::flush() {
-    model_.dispatch_now();
-    flush_posted_ = false;
+    std::uint64_t told = 0;
+    for (int round = 0; round < max_rounds && told != model_.latest_event(); ++round) {
+        told = model_.latest_event();
+        model_.dispatch_now();
+    }
+    write_dirty();
+}
+
+void Store::write_dirty() {
+    write_posted_ = false;
+    loop_.cancel_timer(retry_);
     if (dirty_.empty())
         return;
     const auto paths = std::exchange(dirty_, {});
     bool done = execute("BEGIN");
-    for (const auto &[path, deleted] : paths) { /* in the order of paths: what is above comes first */
-        done =
-            done && run("DELETE FROM value WHERE path = ?", {path}) && run("DELETE FROM node WHERE path = ?", {path});
-        if (deleted) /* "/" is the character after ".": everything whose path begins with the path and a dot */
-            done = done && run("DELETE FROM value WHERE path > ? AND path < ?", {path + ".", path + "/"}) &&
-                   run("DELETE FROM node WHERE path > ? AND path < ?", {path + ".", path + "/"});
+    for (const auto &[path, dirty] : paths) { /* in the order of paths: what is above comes first */
+        if (dirty.deleted)
+            done = done && run(delete_values, {path}) && run(delete_nodes, {path});
         const Node *node = model_.find(path);
         if (node && node->path() == path && node->persistent)
-            done = done && write_node(*node);
+            done = done && write_node(*node, dirty.position);
     }
     if (done && execute("COMMIT"))
         return;
@@ -197,22 +242,19 @@ void Store::flush() {
     if (!sqlite3_get_autocommit(database_))
         execute("ROLLBACK");
     dirty_.insert(paths.begin(), paths.end());
-    flush_posted_ = true;
-    loop_.start_timer(retry_ms, [this, alive = alive_] {
+    write_posted_ = true;
+    retry_ = loop_.start_timer(retry_ms, [this, alive = alive_] {
         if (*alive)
-            flush();
+            write_dirty();
     });
 }
 
-bool Store::write_node(const Node &node) {
+/* A row that is there keeps its position, and values that this model does not know. */
+bool Store::write_node(const Node &node, std::int64_t position) {
     if (!write_missing_parents(node))
         return false;
-    const auto &siblings = node.parent->children;
-    std::int64_t position = 0;
-    while (siblings[static_cast<std::size_t>(position)].get() != &node)
-        ++position;
     const std::string path = node.path();
-    bool done = run("INSERT OR REPLACE INTO node VALUES (?, ?, ?, ?, ?)",
+    bool done = run("INSERT INTO node VALUES (?, ?, ?, ?, ?) ON CONFLICT (path) DO NOTHING",
                     {path, node.parent->path(), node.name, std::int64_t{node.instance}, position});
     for (const Parameter &parameter : node.parameters)
         if (parameter.present)
@@ -228,7 +270,7 @@ bool Store::write_missing_parents(const Node &node) {
         return true;
     Statement known(database_, "SELECT 1 FROM node WHERE path = ?");
     known.bind(parent->path());
-    return known.row() || write_node(*parent);
+    return known.row() || write_node(*parent, 0);
 }
 
 /* Statements that write are prepared once. */

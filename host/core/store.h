@@ -4,6 +4,7 @@
 #ifndef HOST_CORE_STORE_H
 #define HOST_CORE_STORE_H
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -18,8 +19,9 @@ namespace keel {
 /* Restores what the file holds into the model, then follows the model's changes. Every turn of changes is one
  * transaction (write-ahead log): a host killed at any moment leaves the last completed one.
  *
- * A file that is damaged or no database is moved aside as FILE.damaged-N and a new one begun; stored things that the
- * model has no place for are traced and left out of the model. */
+ * A file that is damaged or no store is moved aside as FILE.damaged-N and a new one begun. Stored things that the model
+ * has no place for are traced and left out of the model; they stay in the file, a value of another type until its
+ * object is written again. */
 class Store {
 public:
     /* Throws std::runtime_error when no database can be had at that place. */
@@ -28,17 +30,26 @@ public:
     Store &operator=(const Store &) = delete;
     ~Store();
 
-    /* Writes what has changed up to now, before it returns: for who must answer only when a change is safe. */
+    /* Writes what has changed up to now and what follows from it at once (the setting's other name), before it returns:
+     * for who must answer only when a change is safe. Not from a watcher. */
     void flush();
 
 private:
-    bool open_database();
+    enum class Opened { Yes, Damaged, No };
+    struct Dirty {
+        bool deleted = false;      /* at some time, with all below */
+        std::int64_t position = 0; /* of an instance that was added: later ones have higher positions */
+    };
+
+    Opened open_database();
+    Opened failure() const;
     void close_database();
     void move_aside();
     void restore();
     void restore_node(const std::string &parent, const std::string &name, bool instance);
     void on_event(const Event &event);
-    bool write_node(const Node &node);
+    void write_dirty();
+    bool write_node(const Node &node, std::int64_t position);
     bool write_missing_parents(const Node &node);
     bool run(const char *sql, const std::vector<Value> &values);
     bool execute(const char *sql);
@@ -49,8 +60,11 @@ private:
     sqlite3 *database_ = nullptr;
     std::map<std::string, sqlite3_stmt *> prepared_; /* by their text */
     Model::WatchId watch_ = 0;
-    std::map<std::string, bool> dirty_; /* paths of nodes to be written; true: deleted at some time, with all below */
-    bool flush_posted_ = false;
+    std::map<std::string, Dirty> dirty_; /* nodes to be written, by path */
+    std::uint64_t restored_ = 0;         /* the latest event when the model had been restored */
+    std::int64_t highest_position_ = 0;  /* in the file at that time */
+    bool write_posted_ = false;
+    Loop::TimerId retry_ = 0;
     std::shared_ptr<bool> alive_;
 };
 
