@@ -35,7 +35,7 @@ std::uint64_t plugin_handler_ns();
 /* Loads a plug-in (its load-time constructors register its sub-modules) and starts the sub-modules in order. False with
  * the reason in *error when it cannot be loaded. */
 bool plugin_load(const std::string &file, std::string *error);
-/* Stops the sub-modules in reverse order, completes what they pushed, and unloads the plug-in. */
+/* Stops the sub-modules in reverse order, completes what they pushed, detaches, and unloads the plug-in. */
 void plugin_unload();
 /* The names of the sub-modules that started, in order. */
 std::vector<std::string> plugin_modules();

@@ -28,7 +28,10 @@ void write_trace(uint32_t level, const char *zone, const char *format, va_list a
     const keel::Level known = level <= mast_level_error     ? keel::Level::Error
                               : level <= mast_level_warning ? keel::Level::Warning
                                                             : keel::Level::Info;
-    keel::TraceLog::instance().write(known, zone, keel::format_text(format, arguments));
+    std::string text = keel::format_text(format, arguments);
+    if (text.ends_with('\n'))
+        text.pop_back();
+    keel::TraceLog::instance().write(known, zone, std::move(text));
 }
 
 } // namespace
@@ -83,7 +86,7 @@ std::vector<std::string> plugin_modules() {
 extern "C" {
 
 bool rig_module_register(ModuleDescriptor *descriptor) {
-    if (!descriptor || !descriptor->name ||
+    if (!descriptor || !descriptor->name || !*descriptor->name ||
         std::find(registered.begin(), registered.end(), descriptor) != registered.end())
         return false;
     registered.push_back(descriptor);

@@ -52,7 +52,8 @@ std::unique_ptr<object> snapshot(const Node &node, int depth, const std::vector<
 namespace {
 
 /* Objects that the plug-in fetched. A fetch after a change makes a new snapshot; the old one is kept for who still
- * holds it, until the turn is over. */
+ * holds it, until the turn is over. Then everything that is out of date goes, so that the cache does not grow with the
+ * objects that come and go. */
 class Cache {
 public:
     object *fetch(const std::string &path) {
@@ -70,6 +71,7 @@ public:
         }
         entry.generation = model.generation();
         entry.snapshot = snapshot(*node, -1);
+        sweep_later();
         return entry.snapshot.get();
     }
 
@@ -105,19 +107,34 @@ private:
         host_on_detach("cached objects", [this] {
             clear();
             registered_ = false;
+            sweeping_ = false;
             return std::size_t{0};
         });
     }
 
     void retire(std::unique_ptr<object> old) {
         retired_.push_back(std::move(old));
-        if (retired_.size() == 1)
-            host_loop().post([this] { retired_.clear(); });
+        sweep_later();
+    }
+
+    void sweep_later() {
+        if (sweeping_)
+            return;
+        sweeping_ = true;
+        host_loop().post([this] {
+            if (!sweeping_) /* cleared by a detach */
+                return;
+            sweeping_ = false;
+            retired_.clear();
+            const std::uint64_t current = host_model().generation();
+            std::erase_if(entries_, [current](const auto &entry) { return entry.second.generation != current; });
+        });
     }
 
     std::map<std::string, Entry> entries_;
     std::vector<std::unique_ptr<object>> retired_;
     bool registered_ = false;
+    bool sweeping_ = false; /* a sweep is posted */
 };
 
 Cache cache;

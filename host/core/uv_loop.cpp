@@ -61,14 +61,23 @@ Loop::TimerId UvLoop::start_timer(std::uint64_t milliseconds, Task task) {
     uv_timer_start(
         &timer->handle,
         [](uv_timer_t *handle) {
-            auto *due = static_cast<Timer *>(handle->data);
-            const Task run = std::move(due->task);
-            due->loop->cancel_timer(due->id);
-            run();
+            const auto *due = static_cast<Timer *>(handle->data);
+            due->loop->post([loop = due->loop, id = due->id] { loop->run_timer(id); });
         },
         milliseconds, 0);
     timers_[timer->id] = timer;
     return timer->id;
+}
+
+/* A due timer waits its turn among the posted tasks: one that starts itself anew with 0 ms does not starve the sockets,
+ * and one that is cancelled before its turn does not run. */
+void UvLoop::run_timer(TimerId id) {
+    const auto found = timers_.find(id);
+    if (found == timers_.end())
+        return;
+    const Task task = std::move(found->second->task);
+    cancel_timer(id);
+    task();
 }
 
 void UvLoop::cancel_timer(TimerId id) {

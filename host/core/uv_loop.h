@@ -36,6 +36,7 @@ private:
     struct Timer;
 
     void run_posted();
+    void run_timer(TimerId id);
 
     uv_loop_t loop_{};
     uv_idle_t idle_{};   /* active while tasks are posted: keeps the loop from sleeping */

@@ -107,7 +107,8 @@ bool equal(const variant_t *a, const variant_t *b) {
         int64_t y = 0;
         number_of(a, &x);
         number_of(b, &y);
-        return x == y;
+        /* From 2^63 on an unsigned number shows here as a negative one. */
+        return x == y && (x >= 0 || is_signed(a->type) == is_signed(b->type));
     }
     if (a->type != b->type)
         return false;
