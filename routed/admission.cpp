@@ -44,6 +44,15 @@ Client_lease *create_identity(const char *name, DeviceType device_type, bool mon
     return lease;
 }
 
+/* A release that has begun already has stopped the WAN client, which must then run again. */
+void cancel_release(Client_lease *lease) {
+    hull_timer_stop(lease->release_timer);
+    if (!lease->release_deferred)
+        return;
+    lease->release_deferred = false;
+    hull_timer_start(lease->start_timer, 0);
+}
+
 /* The lease of a known device is reported again. */
 void readmit(Client_lease *lease, Server_lease *device, DeviceType device_type, const char *ip_address,
              const char *path) {
@@ -147,7 +156,7 @@ int zep_routed_dhcp_server_lease_add(const object_t *object, DeviceType device_t
         lease = create_identity(name, device_type, mono_client);
     if (!lease)
         return 0;
-    hull_timer_stop(lease->release_timer);
+    cancel_release(lease);
 
     Server_lease *device = zep_server_lease_find(&lease->server_leases, id);
     if (device)

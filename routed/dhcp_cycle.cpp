@@ -59,7 +59,8 @@ void fall_back_to_unleased(Client_lease *lease) {
     routed_drop_unused_routes();
 }
 
-/* A deferred release may come after the record went, or after another took its place in memory. */
+/* A deferred release may come after the record went, after another took its place in memory, or after a device came
+ * back. */
 bool release_still_due(const Client_lease *lease) {
     for (const Client_lease *held : RecordsOf<Client_lease>(&routed_state.client_leases))
         if (held == lease)

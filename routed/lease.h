@@ -50,7 +50,7 @@ struct Client_lease {
     request_t *status_request; /* watch on the WAN client */
     llist_t server_leases;     /* owned, in the order in which they were appended */
     llist_iterator_t link;     /* in client_leases */
-    bool release_deferred;     /* a deferred release is on its way */
+    bool release_deferred;     /* a deferred release is on its way, and wanted */
 };
 
 struct Server_lease {

@@ -49,14 +49,14 @@ TEST_F(Hazard, ADeferredReleaseAfterTheCleanupReleasesNobody) {
         int left = turns;
         std::function<void()> toggle = [&] {
             if (left-- > 0) {
-                loop->post(toggle);
+                loop->start_timer(0, toggle);
                 return;
             }
             model->notify("Keel.Zephyrin", 101, {});
             model->notify("Keel.Zephyrin", 102,
                           {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}});
         };
-        loop->post(toggle);
+        loop->start_timer(0, toggle);
         loop->advance(3 * second);
         for (unsigned number = 1; number <= 3; ++number)
             EXPECT_EQ(firewall.count("SNAT") >= 3, true) << number << " lost its service, turn " << turns;
@@ -65,6 +65,44 @@ TEST_F(Hazard, ADeferredReleaseAfterTheCleanupReleasesNobody) {
         loop->advance(3 * second);
         EXPECT_EQ(model->instances("Keel.Zephyrin.ClientLease").size(), 4U);
     }
+}
+
+TEST_F(Hazard, ADeviceThatComesBackDuringItsReleaseIsServed) {
+    power_on();
+    for (unsigned number = 1; number <= 4; ++number)
+        serve(number);
+    SimDevice &stb = device(4);
+    for (int turns = 0; turns < 12; ++turns) {
+        model->remove(lease_path(stb));
+        stb.stop();
+        int left = turns;
+        std::function<void()> come_back = [&] {
+            if (left-- > 0)
+                loop->start_timer(0, come_back);
+            else
+                stb.start();
+        };
+        loop->start_timer(0, come_back);
+        loop->advance(3 * second);
+        ASSERT_FALSE(stb.address().empty()) << turns;
+        EXPECT_EQ(wan_client(stb.id(), "DHCPStatus"), "Bound") << turns;
+        EXPECT_TRUE(firewall.mapped(stb.address(), wan_client(stb.id(), "IPAddress"))) << turns;
+    }
+}
+
+TEST_F(Hazard, OfTwoRouteInstallationsOnTheirWayTheLaterOneInstalls) {
+    power_on();
+    serve(1);
+    const auto added = traced("IPv4Route.zep_0 added");
+    for (const char *mask : {"255.255.0.0", "255.0.0.0"}) {
+        wan->mask = mask;
+        wan->renew("dhcp_zep_" + device(1).id());
+        loop->advance(600);
+    }
+    EXPECT_TRUE(routes().empty()) << "the first one's second is over, the later one's is not";
+    loop->advance(second);
+    EXPECT_EQ(routes().size(), 2U);
+    EXPECT_EQ(traced("IPv4Route.zep_0 added"), added + 1);
 }
 
 TEST_F(Hazard, ARouteInstallationOutlivesNeitherCleanupNorInterface) {
@@ -148,7 +186,22 @@ TEST_F(Hazard, AddressesAndInterfacesFromOutsideAreCheckedBeforeTheShell) {
                   "/usr/sbin/iptables -t filter -A FORWARD_zep -s 192.168.1.2 -j ACCEPT",
                   "/usr/sbin/iptables -t nat -A PREROUTING_zep -j DNAT --to-destination 192.168.1.2 -d 10.0.0.2"}))
         << "a command that fails does not stop the others";
+    firewall = {};
+    firewall.failing = "nat -D POSTROUTING_IPTV";
     EXPECT_EQ(hook("eth1.20:1@x_y-z"), 1);
+    EXPECT_EQ(operation<int(const char *)>("zep_firewall_static_chain_delete")("eth1.20:1@x_y-z"), 0);
+    std::vector<std::string> hooks;
+    for (const std::string op : {"-A ", "-D "})
+        for (const char *rule : {"nat", "POSTROUTING_IPTV -j POSTROUTING_zep -o eth1.20:1@x_y-z", "nat",
+                                 "PREROUTING_IPTV -j PREROUTING_zep -i eth1.20:1@x_y-z", "raw",
+                                 "PREROUTING -i eth1.20:1@x_y-z -j PREROUTING_zep_ACCEPT", "raw",
+                                 "PREROUTING -i eth1.20:1@x_y-z -j PREROUTING_zep_DROP"}) {
+            if (std::strlen(rule) == 3)
+                hooks.push_back(std::string("/usr/sbin/iptables -t ") + rule + " " + op);
+            else
+                hooks.back() += rule;
+        }
+    EXPECT_EQ(firewall.commands, hooks);
 }
 
 } // namespace keel
