@@ -19,14 +19,19 @@ struct Save {
 
 llist_t saves_in_flight;
 
-void follow(request_t *request, Client_lease *client_lease) {
+/* Without memory to follow it the save is dropped: its answer could not be told that the record is gone. */
+void send_followed(request_t *request, Client_lease *client_lease) {
     auto *save = static_cast<Save *>(calloc(1, sizeof(Save)));
-    if (!save)
+    if (!save) {
+        ZEP_ERROR(zone, "Failed to malloc Save");
+        request_destroy(request);
         return;
+    }
     save->request = request;
     save->client_lease = client_lease;
     llist_iterator_initialize(&save->link, save);
     llist_append(&saves_in_flight, &save->link);
+    hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
 }
 
 /* Destroys an answered or abandoned request and forgets it. */
@@ -73,8 +78,7 @@ void zep_client_lease_obj_write(Client_lease *client_lease, bool add) {
     }
     request_setDoneHandler(request, zep_client_lease_obj_add_done_handler);
     request_setData(request, client_lease);
-    follow(request, client_lease);
-    hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
+    send_followed(request, client_lease);
 }
 
 bool zep_client_lease_obj_save_handler(request_t *request, reply_item_t *item, sysbus_t *, sysbus_t *, void *data) {
@@ -150,8 +154,7 @@ void zep_client_lease_obj_save(Client_lease *client_lease) {
         return;
     request_setData(request, client_lease);
     request_setReplyItemHandler(request, zep_client_lease_obj_save_handler);
-    follow(request, client_lease);
-    hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
+    send_followed(request, client_lease);
 }
 
 void zep_server_lease_obj_save(const char *client_name, const Server_lease *server_lease, int add) {

@@ -25,7 +25,6 @@ int zep_routed_iptv_intf_cleanup(const char *name) {
     zep_firewall_static_chain_default();
     zep_ipv4_route_flush(name);
     zep_ipv4_route_cleanupList(&routed_state.routes);
-    routed_cancel_route_installation();
     zep_ipv4_addr_flush(name);
     return 1;
 }

@@ -137,6 +137,7 @@ TEST_F(Plugin, StoredRecordsComeBackWholeOrNotAtAll) {
     save(client);
     save(client); /* both find nothing stored; one adds, one is refused */
     loop->run_until_idle();
+    EXPECT_EQ(traced("Add/Set ClientLease.0102"), 0U) << "the refused one adds no devices";
     EXPECT_EQ(identity("0102", "DHCPCStatus"), "Internal");
     EXPECT_EQ(model->instances("Keel.Zephyrin.ClientLease.0102.ServerLease"), (std::vector<std::string>{"a", "b"}));
     client->status = LeaseStatus::Connected;

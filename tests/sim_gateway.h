@@ -177,6 +177,7 @@ protected:
             return;
         plugin_unload();
         host_detach();
+        EXPECT_EQ(traced("the plug-in left"), 0U) << "timers, requests or queries that outlive their owners";
         lan_server.reset();
         lan.reset();
         wan.reset();
