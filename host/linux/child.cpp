@@ -145,8 +145,10 @@ bool UvProcessRunner::run(const std::vector<std::string> &argv, OnExit on_exit) 
     *slot = Child::start(
         loop_, argv, nullptr,
         [this, weak = std::weak_ptr(slot), on_exit](int status) { /* the child keeps this, so this must not keep it */
-            loop_.post([this, ended = weak.lock()] { std::erase(running_, ended); });
-            on_exit(status);
+                                                                  loop_.post([this, ended = weak.lock()] {
+                                                                      std::erase(running_, ended);
+                                                                  });
+                                                                  on_exit(status);
         },
         &error);
     if (!*slot) {
