@@ -119,6 +119,12 @@ inline bool is_empty(const char *text) {
     return !text || !*text;
 }
 
+/* Whether a name may stand in a shell line: letters, digits and what else interface names are made of. */
+inline bool is_interface_name(const char *name) {
+    return !is_empty(name) &&
+           name[strspn(name, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:@")] == '\0';
+}
+
 /* The records of a list, in order. The next one is taken before the current one is handed out, so that it may go. */
 template <typename Record> class RecordsOf {
 public:

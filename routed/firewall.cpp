@@ -16,13 +16,9 @@ __attribute__((format(printf, 1, 0))) int run(const char *format, Arguments... a
     return zep_utils_system(command);
 }
 
-/* The names end up in a shell line: nothing but what interface names are made of may pass. */
 bool valid_interface(const char *intf) {
-    if (intf && *intf) {
-        const size_t length = strspn(intf, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:@");
-        if (intf[length] == '\0')
-            return true;
-    }
+    if (is_interface_name(intf))
+        return true;
     ZEP_ERROR(zone, "Invalid intf %s", intf ? intf : "(NULL)");
     return false;
 }
