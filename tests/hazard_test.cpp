@@ -151,7 +151,7 @@ TEST_F(Hazard, NothingThatALanDeviceSendsReachesAShellLineOrBreaksAPath) {
     }
     EXPECT_EQ(model->instances("Keel.Zephyrin.ClientLease").size(), 3U) << "the fourth slot is free again at once";
     for (const std::string &command : firewall.commands)
-        EXPECT_EQ(command.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._- "),
+        EXPECT_EQ(command.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/.:_- "),
                   std::string::npos)
             << command;
 }

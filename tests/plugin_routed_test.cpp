@@ -17,7 +17,8 @@ TEST_F(Routed, WhatAStartCouldNotOpenIsOpenedAtTheNext) {
     build();
     set("Keel.Zephyrin", {{"Enable", false}});
     load_plugin();
-    weft_client_cleanup(); /* no query can be opened now */
+    for (std::size_t i = 0; i < plugin_modules().size(); ++i)
+        weft_client_cleanup(); /* no query can be opened now */
     told("Routed", "Dedicated");
     EXPECT_EQ(firewall.count("eth1.20"), 0U);
     weft_client_initialize(rig_getHull(), nullptr);
@@ -41,7 +42,9 @@ TEST_F(Routed, AnInvalidInterfaceLoadsTheSettingsAndStaysInactive) {
     told("Routed", "");
     loop->advance(2 * second);
     EXPECT_EQ(traced("Zephyrin Routed/Dedicated mode init"), 0U);
-    EXPECT_TRUE(firewall.commands.empty());
+    EXPECT_TRUE(std::none_of(firewall.commands.begin(), firewall.commands.end(), [](const std::string &command) {
+        return command.find("iptables") != std::string::npos;
+    }));
     EXPECT_TRUE(routes().empty());
     EXPECT_EQ(model->instances("Keel.Zephyrin.ClasslessStaticRoute").size(), 1U);
 }

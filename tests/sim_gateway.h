@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "host/core/host.h"
+#include "host/core/interface_state.h"
 #include "host/core/settings.h"
 #include "host/core/store.h"
 #include "host/core/trace.h"
@@ -28,12 +29,14 @@
 
 namespace keel {
 
-/* iptables, as far as the plug-in uses it: what it is told is recorded, and the rules in force are kept. */
+/* iptables and ebtables, as far as the plug-in uses them: what they are told is recorded, and the rules in force are
+ * kept. */
 class RecordedFirewall {
 public:
     std::vector<std::string> commands;
-    std::vector<std::string> rules; /* "TABLE CHAIN RULE..." */
-    std::string failing;            /* commands that contain this text fail */
+    std::vector<std::string> rules;        /* of iptables: "TABLE CHAIN RULE..." */
+    std::vector<std::string> bridge_rules; /* of ebtables, likewise */
+    std::string failing;                   /* commands that contain this text fail */
 
     int run(const std::string &command) {
         commands.push_back(command);
@@ -49,12 +52,13 @@ public:
         words >> program >> flag >> table >> operation >> chain;
         std::getline(words, rest);
         const std::string rule = table + " " + chain + rest;
+        auto &in_force = program.ends_with("ebtables") ? bridge_rules : rules;
         if (operation == "-F")
-            std::erase_if(rules, [&](const std::string &r) { return r.starts_with(table + " " + chain + " "); });
+            std::erase_if(in_force, [&](const std::string &r) { return r.starts_with(table + " " + chain + " "); });
         else if (operation == "-A")
-            rules.push_back(rule);
-        else if (const auto found = std::find(rules.begin(), rules.end(), rule); found != rules.end())
-            rules.erase(found);
+            in_force.push_back(rule);
+        else if (const auto found = std::find(in_force.begin(), in_force.end(), rule); found != in_force.end())
+            in_force.erase(found);
         else
             return 256;
         return 0;
@@ -93,6 +97,8 @@ constexpr std::uint64_t second = 1000;
 constexpr std::uint64_t minute = 60 * second;
 constexpr std::uint64_t hour = 60 * minute;
 
+/* What the operator leases to the gateway's own IPTV client. */
+constexpr const char *gateway_address = "10.20.0.9";
 /* Routes 10.60.0.0/24 and 10.61.0.0/16 via 10.20.0.1 (RFC 3442). */
 constexpr const char *two_routes = "180a3c000a140001100a3d0a140001";
 
@@ -122,7 +128,9 @@ protected:
         store = std::make_unique<Store>(*loop, *model, store_file_);
         settings = std::make_unique<Settings>(*model);
         kernel = std::make_unique<SimKernel>(*model);
+        interface_state = std::make_unique<InterfaceState>(*loop, *model);
         wan = std::make_unique<SimOperator>(*loop, *model);
+        wan->lease_address(model->text("Weft.Intf.dhcp_iptv.SentOption.61", "Value"), gateway_address);
         wan->options = {{42, "0a140002"}, {72, "0a140003"}, {121, two_routes}};
         lan = std::make_unique<SimLan>(*loop);
         lan_server = std::make_unique<LanDhcpServer>(*loop, *model, *lan);
@@ -181,6 +189,7 @@ protected:
         lan_server.reset();
         lan.reset();
         wan.reset();
+        interface_state.reset();
         kernel.reset();
         settings.reset();
         store.reset();
@@ -288,6 +297,7 @@ protected:
     std::unique_ptr<Store> store;
     std::unique_ptr<Settings> settings;
     std::unique_ptr<SimKernel> kernel;
+    std::unique_ptr<InterfaceState> interface_state;
     std::unique_ptr<SimOperator> wan;
     std::unique_ptr<SimLan> lan;
     std::unique_ptr<LanDhcpServer> lan_server;

@@ -126,4 +126,20 @@ std::string netdev_below(const Model &model, std::string_view name) {
     return "";
 }
 
+std::vector<std::string> interface_addresses(const Model &model, const std::string &device) {
+    std::vector<std::string> paths;
+    const auto add = [&](const std::string &name) {
+        const std::string parent = interface_path(name) + ".IPv4Addr";
+        for (const std::string &instance : model.instances(parent))
+            paths.push_back(parent + "." + instance);
+    };
+    add(device);
+    for (const std::string &name : model.instances("Weft.Intf")) {
+        const std::string flags = interface_flags(model, name);
+        if (has_word(flags, "dhcp") && !has_word(flags, "netdev") && netdev_below(model, name) == device)
+            add(name);
+    }
+    return paths;
+}
+
 } // namespace keel

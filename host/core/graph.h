@@ -33,6 +33,9 @@ std::vector<std::string> reach(const Model &model, std::string_view start, Trave
 bool would_loop(const Model &model, std::string_view upper, std::string_view lower);
 /* The first network device at or below an interface, "" for none. */
 std::string netdev_below(const Model &model, std::string_view name);
+/* The paths of the address instances that a network device holds: its own, and the leases of the DHCP interfaces that
+ * it is the device of. */
+std::vector<std::string> interface_addresses(const Model &model, const std::string &device);
 
 } // namespace keel
 

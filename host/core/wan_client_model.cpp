@@ -1,5 +1,9 @@
 #include "host/core/wan_client_model.h"
 
+#include <arpa/inet.h>
+
+#include <bit>
+
 #include "host/core/graph.h"
 #include "host/core/trace.h"
 
@@ -7,9 +11,32 @@ namespace keel {
 
 namespace {
 
+void report(const Outcome &outcome) {
+    if (outcome)
+        trace(Level::Warning, "wan", "%s: %s", outcome->path.c_str(), outcome->reason.c_str());
+}
+
 void write(Model &model, const std::string &path, const Values &values) {
-    if (const Outcome refusal = model.set(path, values))
-        trace(Level::Warning, "wan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
+    report(model.set(path, values));
+}
+
+std::int64_t prefix_length(const std::string &mask) {
+    in_addr parsed{};
+    return inet_pton(AF_INET, mask.c_str(), &parsed) == 1 ? std::popcount(parsed.s_addr) : 0;
+}
+
+/* Where the lease of the gateway's own client stands; "" for a client of the routed mode. */
+std::string lease_path(const Model &model, const std::string &name) {
+    return has_word(interface_flags(model, name), "zep-dhcp") ? "" : interface_path(name) + ".IPv4Addr.dhcp";
+}
+
+void put_in_force(Model &model, const std::string &name, const std::string &address, const std::string &mask) {
+    const std::string path = lease_path(model, name);
+    if (path.empty())
+        return;
+    const Values lease{
+        {"Address", address}, {"PrefixLen", prefix_length(mask)}, {"Origin", std::string("dhcp")}, {"Enable", true}};
+    report(model.find(path) ? model.set(path, lease) : model.add(interface_path(name) + ".IPv4Addr", "dhcp", lease));
 }
 
 } // namespace
@@ -28,6 +55,9 @@ std::map<std::string, std::string> wanted_wan_clients(const Model &model) {
 
 void set_wan_status(Model &model, const std::string &name, const std::string &status) {
     write(model, interface_path(name), {{"DHCPStatus", status}});
+    const std::string lease = lease_path(model, name);
+    if (status == "Idle" && model.find(lease))
+        report(model.remove(lease));
 }
 
 void set_wan_nak(Model &model, const std::string &name) {
@@ -45,11 +75,12 @@ void set_wan_bound(Model &model, const std::string &name, const std::string &add
         const std::string key = std::to_string(number);
         if (model.find(received + "." + key))
             write(model, received + "." + key, {{"Value", value}});
-        else if (const Outcome refusal = model.add(received, key, {{"Value", value}}))
-            trace(Level::Warning, "wan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
+        else
+            report(model.add(received, key, {{"Value", value}}));
     }
     write(model, interface_path(name),
           {{"IPAddress", address}, {"SubnetMask", mask}, {"LastConnectionError", std::string("None")}});
+    put_in_force(model, name, address, mask);
     set_wan_status(model, name, "Bound");
 }
 

@@ -17,6 +17,8 @@ namespace keel {
  * the interface -> name of the device. */
 std::map<std::string, std::string> wanted_wan_clients(const Model &model);
 
+/* The state; with "Idle" the lease of the gateway's own client is over. The addresses of the routed mode's clients
+ * (flag "zep-dhcp") are the plug-in's to put in force; that of another one stands as its IPv4Addr.dhcp. */
 void set_wan_status(Model &model, const std::string &name, const std::string &status);
 /* "RemoteNack", told anew also when the last error was one. */
 void set_wan_nak(Model &model, const std::string &name);

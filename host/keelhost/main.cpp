@@ -13,6 +13,7 @@
 #include "host/control/control.h"
 #include "host/core/graph.h"
 #include "host/core/host.h"
+#include "host/core/interface_state.h"
 #include "host/core/settings.h"
 #include "host/core/store.h"
 #include "host/core/trace.h"
@@ -68,7 +69,7 @@ public:
     explicit Host(const Options &options)
         : model_(loop_), loaded_((model_.load_file(options.model), true)), store_(loop_, model_, options.store),
           settings_(model_), control_(loop_, model_, options.socket, [this] { store_.flush(); }),
-          kernel_(loop_, model_), presence_(loop_, model_),
+          kernel_(loop_, model_), interface_state_(loop_, model_), presence_(loop_, model_),
           lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
                     [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
           lan_server_(loop_, model_, lan_port_),
@@ -104,6 +105,7 @@ private:
     Settings settings_;
     Control control_;
     Kernel kernel_;
+    InterfaceState interface_state_;
     Presence presence_;
     PacketLanPort lan_port_;
     LanDhcpServer lan_server_;

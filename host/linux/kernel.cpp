@@ -114,8 +114,7 @@ void Kernel::mend_addresses(const std::string &name, const KernelLink &link,
         if (address.link == link.index)
             unmatched.push_back(address);
 
-    for (const std::string &instance : model_.instances(parent)) {
-        const std::string path = parent + "." + instance;
+    for (const std::string &path : interface_addresses(model_, name)) {
         const std::string text = model_.text(path, "Address");
         const int prefix = static_cast<int>(model_.integer(path, "PrefixLen"));
         const auto found = std::find_if(unmatched.begin(), unmatched.end(), [&](const KernelAddress &a) {

@@ -15,9 +15,9 @@
 namespace keel {
 
 /* For every "Weft.Intf" instance with the flag "netdev": the flag "up" follows the kernel's link; the kernel's
- * addresses appear as IPv4Addr instances ("Origin" "kernel"); IPv4Addr and IPv4Route instances that others add appear
- * in the kernel, with the outcome in their "Status" ("Enabled" or "error"), and go with them. "Origin" "kernel"
- * instances that others delete take the kernel's address along.
+ * addresses appear as IPv4Addr instances ("Origin" "kernel"); IPv4Addr (also of the DHCP interfaces above it) and
+ * IPv4Route instances that others add appear in the kernel, with the outcome in their "Status" ("Enabled" or "error"),
+ * and go with them. "Origin" "kernel" instances that others delete take the kernel's address along.
  *
  * It compares and mends, after every change on either side. What a killed run left in the kernel is so removed at the
  * start; the destructor removes what is left of this one. */
