@@ -44,6 +44,11 @@ Client_lease *create_identity(const char *name, DeviceType device_type, bool mon
     return lease;
 }
 
+/* Whether an identifier, which the device chose, can name its record whole and stand in a data-model path. */
+bool is_instance_name(const char *id) {
+    return !is_empty(id) && strlen(id) < sizeof(Server_lease::id) && !strchr(id, '.');
+}
+
 /* A release that has begun already has stopped the WAN client, which must then run again. */
 void cancel_release(Client_lease *lease) {
     hull_timer_stop(lease->release_timer);
@@ -142,7 +147,7 @@ int zep_routed_dhcp_server_lease_add(const object_t *object, DeviceType device_t
     const char *ip_address = object_text(object, "IPAddress");
     const char *mac_address = object_text(object, "MACAddress");
     const OwnedText path(object_pathChar(object, 1));
-    if (is_empty(id) || is_empty(ip_address) || is_empty(mac_address)) {
+    if (!is_instance_name(id) || is_empty(ip_address) || is_empty(mac_address)) {
         ZEP_ERROR(zone, "Failed to get lease parameters: ClientID=%s IPAddress=%s MACAddress=%s", id ? id : "(null)",
                   ip_address ? ip_address : "(null)", mac_address ? mac_address : "(null)");
         return 0;

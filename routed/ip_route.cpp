@@ -49,6 +49,8 @@ void zep_ipv4_route_cleanupList(llist_t *list) {
 }
 
 char *zep_ipv4_route_add(const char *intf, const Route *route, int n) {
+    if (is_empty(intf)) /* the IPTV path is on no interface now */
+        return nullptr;
     const char *destination = variant_da_char(param(route, "Destination"));
     const uint8_t prefix_length = variant_uint8(param(route, "PrefixLength"));
     const char *router = variant_da_char(param(route, "Router"));

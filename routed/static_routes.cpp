@@ -15,9 +15,9 @@ unsigned installations_deferred = 0;
 bool installation_wanted = false;
 
 void defer_installation(llist_t *list) {
-    ++installations_deferred;
     installation_wanted = true;
-    hull_timer_defer(zep_routed_add_routes, list, route_installation_delay_ms);
+    if (hull_timer_defer(zep_routed_add_routes, list, route_installation_delay_ms))
+        ++installations_deferred;
 }
 
 bool in_force(const variant_map_t *received) {

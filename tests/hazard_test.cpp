@@ -156,6 +156,19 @@ TEST_F(Hazard, NothingThatALanDeviceSendsReachesAShellLineOrBreaksAPath) {
             << command;
 }
 
+TEST_F(Hazard, AnIdentifierThatCannotNameARecordIsNotAdmitted) {
+    power_on();
+    for (const std::string &id : {std::string(40, 'a'), std::string("01.02")})
+        model->add("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease", id,
+                   {{"ClientID", id},
+                    {"IPAddress", std::string("192.168.1.25")},
+                    {"MACAddress", std::string("02:00:00:00:00:25")},
+                    {"OnHold", true}});
+    loop->run_until_idle();
+    EXPECT_TRUE(model->instances("Keel.Zephyrin.ClientLease").empty());
+    EXPECT_EQ(traced("Failed to get lease parameters: ClientID="), 2U);
+}
+
 TEST_F(Hazard, AddressesAndInterfacesFromOutsideAreCheckedBeforeTheShell) {
     power_on();
     const auto hook = operation<int(const char *)>("zep_firewall_static_chain_append");
