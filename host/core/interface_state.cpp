@@ -39,7 +39,9 @@ bool holds_address(const Model &model, const std::string &name) {
     return false;
 }
 
-void keep_fixed_address(Model &model, const std::string &name) {
+} // namespace
+
+void provide_fixed_address(Model &model, const std::string &name) {
     const std::string fixed = model.text(interface_path(name), "IPTVAddress");
     const std::string addresses = interface_path(name) + ".IPv4Addr";
     if (fixed.empty() || model.find(addresses + ".iptv"))
@@ -52,8 +54,6 @@ void keep_fixed_address(Model &model, const std::string &name) {
                       {"Enable", false}}));
 }
 
-} // namespace
-
 InterfaceState::InterfaceState(Loop &loop, Model &model)
     : model_(model), recheck_(loop, model, interfaces_path, [this] { follow(); }) {
     recheck_.schedule();
@@ -61,7 +61,7 @@ InterfaceState::InterfaceState(Loop &loop, Model &model)
 
 void InterfaceState::follow() {
     for (const std::string &name : model_.instances(interfaces_path)) {
-        keep_fixed_address(model_, name);
+        provide_fixed_address(model_, name);
         const std::string flags = interface_flags(model_, name);
         if (has_word(flags, "netdev"))
             keep_flag(model_, name, "ipv4", has_word(flags, "up") && holds_address(model_, name));

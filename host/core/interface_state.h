@@ -24,6 +24,10 @@ private:
     Recheck recheck_;
 };
 
+/* The instance "iptv" of an interface's fixed address, if it has one and it does not stand: for who needs it at once.
+ */
+void provide_fixed_address(Model &model, const std::string &name);
+
 } // namespace keel
 
 #endif

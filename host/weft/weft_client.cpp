@@ -13,6 +13,7 @@
 
 #include "host/core/graph.h"
 #include "host/core/host_internal.h"
+#include "host/core/interface_state.h"
 #include "host/core/recheck.h"
 #include "host/core/trace.h"
 #include "host/weft/dhcp_option.h"
@@ -236,6 +237,7 @@ void write_parameter(const std::string &name, const std::string &parameter, cons
     const auto value = from_variant(variant);
     const auto dot = parameter.rfind('.');
     const std::string object = interface_path(name) + (dot == std::string::npos ? "" : "." + parameter.substr(0, dot));
+    provide_fixed_address(host_model(), name);
     if (!value)
         report(Refusal{object, "\"" + parameter + "\" has no value"});
     else if (dot != std::string::npos && !host_model().find(object))
