@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -77,9 +78,28 @@ public:
 
 inline RecordedFirewall firewall;
 
-class NoProcesses : public ProcessRunner {
+/* The firewall script's twin: each run takes a while, and the rules that it would leave are kept. */
+class ScriptRuns : public ProcessRunner {
 public:
-    bool run(const std::vector<std::string> &, OnExit) override { return false; }
+    static constexpr std::uint64_t run_ms = 50;
+
+    std::vector<std::string> runs;  /* the arguments of each, in the order of their start */
+    std::set<std::string> in_force; /* "main_rules INTERFACE", "aux_rules ADDRESS" */
+    bool missing = false;           /* the script cannot be started */
+    Loop *loop = nullptr;
+
+    bool run(const std::vector<std::string> &argv, OnExit on_exit) override {
+        if (missing || argv.size() != 4 || argv[0] != "/usr/bin/zep_firewall.sh")
+            return false;
+        runs.push_back(argv[1] + " " + argv[2] + " " + argv[3]);
+        const std::string rule = argv[1] + " " + argv[3];
+        if (argv[2] == "A")
+            in_force.insert(rule);
+        else
+            in_force.erase(rule);
+        loop->start_timer(run_ms, [on_exit] { on_exit(0); });
+        return true;
+    }
 };
 
 } // namespace keel
@@ -136,7 +156,9 @@ protected:
         lan_server = std::make_unique<LanDhcpServer>(*loop, *model, *lan);
         lan->plug_in(lan_server.get());
         kernel->set_link("eth1.20", true);
-        host_attach(*loop, *model, runner_);
+        script = {};
+        script.loop = loop.get();
+        host_attach(*loop, *model, script);
         loop->run_until_idle();
     }
 
@@ -251,13 +273,14 @@ protected:
         return "";
     }
 
-    /* The addresses on an interface, in order. */
+    /* The addresses in force on an interface, in order. */
     std::vector<std::string> addresses(const std::string &device_name = "eth1.20") const {
         std::vector<std::string> all;
         const std::string parent = "Weft.Intf." + device_name + ".IPv4Addr";
         for (const std::string &one : model->instances(parent))
-            all.push_back(model->text(parent + "." + one, "Address") + "/" +
-                          std::to_string(model->integer(parent + "." + one, "PrefixLen")));
+            if (model->boolean(parent + "." + one, "Enable"))
+                all.push_back(model->text(parent + "." + one, "Address") + "/" +
+                              std::to_string(model->integer(parent + "." + one, "PrefixLen")));
         return all;
     }
 
@@ -301,10 +324,10 @@ protected:
     std::unique_ptr<SimOperator> wan;
     std::unique_ptr<SimLan> lan;
     std::unique_ptr<LanDhcpServer> lan_server;
+    ScriptRuns script;
     std::string store_file_;
 
 private:
-    NoProcesses runner_;
     std::map<unsigned, std::unique_ptr<SimDevice>> devices_;
 };
 
