@@ -58,21 +58,81 @@ std::string server_address(const std::string &hex) {
     return dotted;
 }
 
-/* The network device below "iptv" that is up, breadth first as the plug-in looks for it. */
-std::string iptv_device(const Json &interfaces) {
-    std::vector<std::string> waiting{"iptv"};
+/* "iptv" and all below it, breadth first as the plug-in looks for them. */
+std::vector<std::string> iptv_stack(const Json &interfaces) {
+    std::vector<std::string> stack{"iptv"};
     std::set<std::string> seen;
-    for (std::size_t i = 0; i < waiting.size(); ++i) {
-        const Json one = child(interfaces, waiting[i]);
-        const std::string flags = text(one, "Flags");
-        if (has_word(flags, "netdev") && has_word(flags, "up"))
-            return waiting[i];
-        std::istringstream links(text(one, "LowerLayers"));
+    for (std::size_t i = 0; i < stack.size(); ++i) {
+        std::istringstream links(text(child(interfaces, stack[i]), "LowerLayers"));
         for (std::string lower; links >> lower;)
             if (seen.insert(lower).second)
-                waiting.push_back(lower);
+                stack.push_back(lower);
+    }
+    return stack;
+}
+
+/* The network device that carries IPTV. */
+std::string iptv_device(const Json &interfaces) {
+    for (const std::string &name : iptv_stack(interfaces)) {
+        const std::string flags = text(child(interfaces, name), "Flags");
+        if (has_word(flags, "netdev") && has_word(flags, "up"))
+            return name;
     }
     return "";
+}
+
+/* ------------------------------------------------------------------------------------------------ sub-modules */
+
+std::string routed_state(const Json &service) {
+    if (!flag(service, "Enable") || text(service, "Mode") != "Routed" || text(service, "Interface") != "Dedicated")
+        return "off in this mode";
+    const std::size_t count = children(service, {"ClientLease"}).size();
+    return std::to_string(count) + (count == 1 ? " identity" : " identities");
+}
+
+/* The stack without the routed mode's own clients. */
+std::string wan_mode_state(const Json &steward, const Json &interfaces) {
+    std::string stack;
+    for (const std::string &name : iptv_stack(interfaces)) {
+        const Json one = child(interfaces, name);
+        if (has_word(text(one, "Flags"), "zep-dhcp"))
+            continue;
+        stack += (stack.empty() ? "" : " > ") + name;
+        if (has_word(text(one, "Flags"), "netdev"))
+            break;
+    }
+    const std::string mode = text(steward, "WANMode");
+    return (mode.empty() ? "no WAN mode yet" : "WAN mode " + mode) + ", stack " + stack;
+}
+
+std::string isolation_state(const Json &interfaces) {
+    std::string devices;
+    for (const std::string &name : iptv_stack(interfaces)) {
+        const std::string flags = text(child(interfaces, name), "Flags");
+        const bool isolated = (has_word(flags, "vlan") || has_word(flags, "atm")) && has_word(flags, "netdev") &&
+                              has_word(flags, "up") && !has_word(flags, "zep-lan-iptv");
+        if (isolated)
+            devices += (devices.empty() ? "" : " ") + name;
+    }
+    return devices.empty() ? "no IPTV device to keep apart" : "keeps apart " + devices;
+}
+
+std::string daemon_state(const Json &daemon) {
+    if (!flag(daemon, "ClientEnable"))
+        return "off in this mode";
+    return "multicast daemon " + text(daemon, "Status") + ", line " + (flag(daemon, "WANEnable") ? "up" : "down");
+}
+
+std::string mirror_state(const Json &mirror) {
+    const std::string address = text(mirror, "ExternalIPAddress");
+    return text(mirror, "ConnectionStatus") + (address.empty() ? "" : ", address " + address);
+}
+
+std::string firewall_state(const Json &policy, const std::string &mode) {
+    std::string state = "LAN to IPTV through " + text(policy, "ReverseChain");
+    if (text(policy, "ReverseChain") == "Off")
+        state = "LAN to IPTV off";
+    return state + (mode.starts_with("Simplified") ? ", rules by the script" : "");
 }
 
 /* Every lease of the IPTV pools, by the device's identifier. */
@@ -119,15 +179,23 @@ Json gather_status(Client &client) {
     auto leases = iptv_leases(client.tree("DHCPv4.Server.Pool"));
     const std::string device = iptv_device(interfaces);
 
-    Json status{{"enabled", flag(service, "Enable")},
-                {"mode", text(service, "Mode")},
-                {"interface", text(service, "Interface")},
-                {"device", device},
-                {"ntp", server_address(text(service, "NTPServer"))},
-                {"www", server_address(text(service, "WWWServer"))},
-                {"routes", Json::array()},
-                {"identities", Json::array()},
-                {"waiting", Json::array()}};
+    Json status{
+        {"enabled", flag(service, "Enable")},
+        {"mode", text(service, "Mode")},
+        {"interface", text(service, "Interface")},
+        {"device", device},
+        {"ntp", server_address(text(service, "NTPServer"))},
+        {"www", server_address(text(service, "WWWServer"))},
+        {"modules",
+         {{"routed", routed_state(service)},
+          {"wanmode", wan_mode_state(client.tree("Steward"), interfaces)},
+          {"l2fw", isolation_state(interfaces)},
+          {"tide", daemon_state(child(client.tree("TIDE.Intf"), "iptv"))},
+          {"igdmap", mirror_state(child(service, "IGDMap"))},
+          {"firewall", firewall_state(child(client.tree("Firewall.Policy"), "IPTV2Lan"), text(service, "Mode"))}}},
+        {"routes", Json::array()},
+        {"identities", Json::array()},
+        {"waiting", Json::array()}};
     for (const Json &route : children(interfaces, {device.c_str(), "IPv4Route"}))
         status["routes"].push_back({{"destination", text(route, "Dst") + "/" + text(route, "DstLen")},
                                     {"router", text(route, "Gateway")},
@@ -167,6 +235,8 @@ std::string print_status(const Json &status, bool colours) {
         << " interface\n";
     out << "  device   " << or_none(status["device"]) << "\n";
     out << "  servers  NTP " << or_none(status["ntp"]) << ", WWW " << or_none(status["www"]) << "\n";
+    for (const char *name : {"routed", "wanmode", "l2fw", "tide", "igdmap", "firewall"})
+        out << "  " << pad(name, 8) << " " << status["modules"][name].get<std::string>() << "\n";
     for (const Json &route : status["routes"])
         out << "  route    " << pad(route["destination"], 18) << " via " << pad(route["router"], 15) << "  "
             << (route["status"] == "Enabled" ? shade("in force", "32") : shade(route["status"], "31")) << "\n";
