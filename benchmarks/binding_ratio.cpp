@@ -6,17 +6,13 @@
 #define SIM_GATEWAY_RUNS_COMMANDS
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "benchmarks/timing.h"
 #include "tests/sim_gateway.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 class Gateway : public keel::SimGateway {
 public:
@@ -29,15 +25,6 @@ public:
     using SimGateway::wan;
 };
 
-double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2), values.end());
-    return values[values.size() / 2];
-}
-
 double four_commands(char operation, const std::string &lan, const std::string &wan) {
     const std::string op(1, operation);
     const std::string commands[] = {
@@ -45,11 +32,11 @@ double four_commands(char operation, const std::string &lan, const std::string &
         "/usr/sbin/iptables -t nat -" + op + " POSTROUTING_zep -s " + lan + " -j SNAT --to-source " + wan,
         "/usr/sbin/iptables -t filter -" + op + " FORWARD_zep -s " + lan + " -j ACCEPT",
         "/usr/sbin/iptables -t nat -" + op + " PREROUTING_zep -j DNAT --to-destination " + lan + " -d " + wan};
-    const auto start = Clock::now();
+    const auto start = timing::Clock::now();
     for (const std::string &command : commands)
         if (std::system(command.c_str()) != 0)
             std::abort(); /* the figures would be worth nothing */
-    return seconds_since(start);
+    return timing::seconds_since(start);
 }
 
 void binding(benchmark::State &state) {
@@ -64,19 +51,19 @@ void binding(benchmark::State &state) {
         gateway.wan->renew(client);
         gateway.loop->advance(3000 + 15);
         const std::uint64_t before = keel::plugin_handler_ns();
-        const auto start = Clock::now();
+        const auto start = timing::Clock::now();
         gateway.loop->advance(10); /* "Bound" comes within it */
-        with_host.push_back(seconds_since(start));
+        with_host.push_back(timing::seconds_since(start));
         bindings.push_back(static_cast<double>(keel::plugin_handler_ns() - before) * 1e-9);
         state.SetIterationTime(bindings.back());
         gateway.loop->advance(2000);
         loops.push_back(four_commands('A', "192.168.1.250", "10.20.0.250"));
         four_commands('D', "192.168.1.250", "10.20.0.250");
     }
-    state.counters["binding_ms"] = median(bindings) * 1e3;
-    state.counters["loop_ms"] = median(loops) * 1e3;
-    state.counters["ratio"] = median(bindings) / median(loops);
-    state.counters["ratio_with_host"] = median(with_host) / median(loops);
+    state.counters["binding_ms"] = timing::median(bindings) * 1e3;
+    state.counters["loop_ms"] = timing::median(loops) * 1e3;
+    state.counters["ratio"] = timing::median(bindings) / timing::median(loops);
+    state.counters["ratio_with_host"] = timing::median(with_host) / timing::median(loops);
 }
 BENCHMARK(binding)->UseManualTime()->Iterations(100)->Unit(benchmark::kMillisecond);
 
