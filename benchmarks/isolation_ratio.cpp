@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "benchmarks/timing.h"
+#include "platform/weft.h"
 #include "tests/sim_gateway.h"
 
 namespace {
