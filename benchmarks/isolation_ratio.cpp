@@ -44,7 +44,7 @@ void update(benchmark::State &state) {
     struct Row; /* the plug-in's own, of four equal sizes */
     auto *on_interfaces = gateway.operation<void(const variant_t *, void *)>("zep_l2fw_onIntfs");
     auto *rows = gateway.operation<char>("zep_l2fw");
-    void *isolation = rows + 3 * 8 * sizeof(void *);
+    void *isolation = rows + std::size_t{3} * 8 * sizeof(void *);
 
     std::vector<std::string> names;
     variant_t list{};

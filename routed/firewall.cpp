@@ -9,10 +9,12 @@ namespace {
 
 const char zone[] = "fw";
 
-template <typename... Arguments>
-__attribute__((format(printf, 1, 0))) int run(const char *format, Arguments... arguments) {
+__attribute__((format(printf, 1, 2))) int run(const char *format, ...) {
     char command[path_size];
-    snprintf(command, sizeof command, format, arguments...);
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(command, sizeof command, format, arguments);
+    va_end(arguments);
     return zep_utils_system(command);
 }
 

@@ -23,7 +23,7 @@ int zep_utils_system(const char *command) {
 const char *zep_utils_format_option61(const char *mac, int32_t offset) {
     const bool whole = strlen(mac) == mac_text_length;
     for (int i = 0; i < mac_bytes; ++i)
-        address[i] = whole ? static_cast<uint8_t>(strtoul(mac + 3 * i, nullptr, 16)) : 0;
+        address[i] = whole ? static_cast<uint8_t>(strtoul(mac + ptrdiff_t{3} * i, nullptr, 16)) : 0;
     int64_t carry = offset;
     for (int i = mac_bytes - 1; i >= 0 && carry != 0; --i) {
         const int64_t sum = address[i] + carry;

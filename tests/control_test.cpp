@@ -133,8 +133,8 @@ TEST_F(ControlTest, Transcripts) {
 TEST_F(ControlTest, TheStateIsTheDefaultView) {
     for (const char *line :
          {"add Keel.Zephyrin.ClientLease 0102 Name=0102 ClientIDOffset=1 DHCPCStatus=Connected IPAddress=10.20.0.7",
-          "add Keel.Zephyrin.ClientLease.0102.ServerLease 0102 Id=0102 DeviceType=STB IPAddress=192.168.1.20 "
-          "MACAddress=02:00:00:00:00:01",
+          "add Keel.Zephyrin.ClientLease.0102.ServerLease 0102 Id=0102 DeviceType=STB IPAddress=192.168.1.20",
+          "set Keel.Zephyrin.ClientLease.0102.ServerLease.0102 MACAddress=02:00:00:00:00:01",
           "add Weft.Intf dhcp_zep_0102 DHCPStatus=Bound", "set Weft.Intf.dhcp_zep_0102.SentOption.61 Value=01aa",
           "set Weft.Intf.eth1.20 'Flags=netdev up'", "set Keel.Zephyrin NTPServer=0a140002",
           "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=10.20.0.1 Status=error",
@@ -179,9 +179,9 @@ TEST_F(ControlTest, WhateverIsSentGetsAClearErrorAndTheHostGoesOn) {
     }
     EXPECT_NE(say(std::string(70000, 'x')).find("longer than 65536"), std::string::npos);
 
-    std::vector<int> many;
-    for (int count = 0; count < 40; ++count)
-        many.push_back(connect_raw());
+    std::vector<int> many(40);
+    for (int &one : many)
+        one = connect_raw();
     char byte = 0;
     EXPECT_EQ(recv(many.back(), &byte, 1, 0), 0) << "one client too many is turned away";
     for (const int raw : many)

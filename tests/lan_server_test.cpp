@@ -48,7 +48,7 @@ protected:
 TEST_F(LanServerTest, AHeldDeviceIsAnsweredAtOnceWithTheValuesOfItsRelease) {
     hold(true);
     stb.start();
-    loop.advance(200 * 1000);
+    loop.advance(200000);
     EXPECT_TRUE(stb.answers().empty());
     EXPECT_TRUE(model.boolean(lease(stb), "OnHold"));
     EXPECT_EQ(model.text(lease(stb), "ClientID"), stb.id());
@@ -72,10 +72,10 @@ TEST_F(LanServerTest, AHeldDeviceIsAnsweredAtOnceWithTheValuesOfItsRelease) {
     EXPECT_EQ(format_hex(ack->options.at(54)), "c0a80101");
 
     set("DHCPv4.Server.Pool.zep_stb", {{"LeaseTime", std::int64_t{600}}, {"MaxLeaseTime", std::int64_t{600}}});
-    loop.advance(151 * 1000);
+    loop.advance(151000);
     EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 600U) << "a renewal gets the values of now";
     stb.stop();
-    loop.advance(700 * 1000);
+    loop.advance(700000);
     EXPECT_FALSE(model.find(lease(stb))) << "a lease that runs out is deleted";
     stb.start();
     loop.advance(1000);

@@ -12,8 +12,8 @@ struct Mode {
     const char *interface;
     /* What the mode itself brings. */
     const char *policy; /* nullptr: not written */
-    bool daemon;
     const char *mirror; /* address and state */
+    bool daemon;
     bool asks_for_wan_mode;
     bool script;
     bool routed;
@@ -21,11 +21,11 @@ struct Mode {
 };
 
 constexpr Mode modes[] = {
-    {"Bridged", "Dedicated", nullptr, false, " Idle", false, false, false, false},
-    {"Routed", "Dedicated", "Firewall.Chain.IPTV_Out", true, "10.20.0.9 Bound", true, false, true, false},
-    {"Simplified", "Dedicated", "Off", true, "10.20.0.9 Bound", true, true, false, false},
-    {"SimplifiedV2", "Dedicated", "Off", true, "10.20.0.9 Bound", false, true, false, false},
-    {"SimplifiedV2", "Internet", "Off", true, "0.0.0.0 Bound", false, true, false, true},
+    {"Bridged", "Dedicated", nullptr, " Idle", false, false, false, false, false},
+    {"Routed", "Dedicated", "Firewall.Chain.IPTV_Out", "10.20.0.9 Bound", true, true, false, true, false},
+    {"Simplified", "Dedicated", "Off", "10.20.0.9 Bound", true, true, true, false, false},
+    {"SimplifiedV2", "Dedicated", "Off", "10.20.0.9 Bound", true, false, true, false, false},
+    {"SimplifiedV2", "Internet", "Off", "0.0.0.0 Bound", true, false, true, false, true},
 };
 
 std::string label(const Mode &mode) {

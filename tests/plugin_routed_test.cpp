@@ -42,9 +42,8 @@ TEST_F(Routed, AnInvalidInterfaceLoadsTheSettingsAndStaysInactive) {
     told("Routed", "");
     loop->advance(2 * second);
     EXPECT_EQ(traced("Zephyrin Routed/Dedicated mode init"), 0U);
-    EXPECT_TRUE(std::none_of(firewall.commands.begin(), firewall.commands.end(), [](const std::string &command) {
-        return command.find("iptables") != std::string::npos;
-    }));
+    EXPECT_TRUE(std::none_of(firewall.commands.begin(), firewall.commands.end(),
+                             [](const std::string &command) { return command.find("iptables") != std::string::npos; }));
     EXPECT_TRUE(routes().empty());
     EXPECT_EQ(model->instances("Keel.Zephyrin.ClasslessStaticRoute").size(), 1U);
 }

@@ -11,7 +11,7 @@ namespace {
 /* The contents as a text, "(null)" for none. */
 std::string text_of(const variant_t *variant) {
     char *text = variant_char(variant);
-    const std::string copy = text ? text : "(null)";
+    std::string copy = text ? text : "(null)";
     std::free(text);
     return copy;
 }
