@@ -4,15 +4,10 @@
 
 namespace keel {
 
-Recheck::Recheck(Loop &loop, Model &model, std::string_view path, std::function<void()> check)
-    : loop_(loop), model_(model), state_(std::make_shared<State>(State{std::move(check), false})),
-      watch_(model.watch(path, [this](const Event &) { schedule(); })) {}
+OnceATurn::OnceATurn(Loop &loop, std::function<void()> action)
+    : loop_(loop), state_(std::make_shared<State>(State{std::move(action), false})) {}
 
-Recheck::~Recheck() {
-    model_.unwatch(watch_);
-}
-
-void Recheck::schedule() {
+void OnceATurn::schedule() {
     if (state_->scheduled)
         return;
     state_->scheduled = true;
@@ -21,8 +16,15 @@ void Recheck::schedule() {
         if (!state)
             return;
         state->scheduled = false;
-        state->check();
+        state->action();
     });
+}
+
+Recheck::Recheck(Loop &loop, Model &model, std::string_view path, std::function<void()> check)
+    : model_(model), check_(loop, std::move(check)), watch_(model.watch(path, [this](const Event &) { schedule(); })) {}
+
+Recheck::~Recheck() {
+    model_.unwatch(watch_);
 }
 
 } // namespace keel

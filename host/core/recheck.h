@@ -1,5 +1,6 @@
 /*
- * Looking at a part of the model again after it has changed: once a turn, however many writes there were.
+ * Doing a thing once on a later turn, however often it was asked for; and looking at a part of the model again so,
+ * after it has changed.
  */
 #ifndef HOST_CORE_RECHECK_H
 #define HOST_CORE_RECHECK_H
@@ -13,6 +14,24 @@
 
 namespace keel {
 
+class OnceATurn {
+public:
+    /* action may destroy this. The loop must outlive it. */
+    OnceATurn(Loop &loop, std::function<void()> action);
+
+    /* Has the action run on a later turn; asked for again before that, it runs once. Not any more when this is gone. */
+    void schedule();
+
+private:
+    struct State {
+        std::function<void()> action;
+        bool scheduled = false;
+    };
+
+    Loop &loop_;
+    std::shared_ptr<State> state_; /* a task that is still posted when this is gone finds none */
+};
+
 class Recheck {
 public:
     /* Calls check on a later turn than every change at or below the path, until it is destroyed. check may destroy it.
@@ -23,17 +42,11 @@ public:
     ~Recheck();
 
     /* The same without a change. */
-    void schedule();
+    void schedule() { check_.schedule(); }
 
 private:
-    struct State {
-        std::function<void()> check;
-        bool scheduled = false;
-    };
-
-    Loop &loop_;
     Model &model_;
-    std::shared_ptr<State> state_; /* a task that is still posted when this is gone finds none */
+    OnceATurn check_;
     Model::WatchId watch_;
 };
 

@@ -36,13 +36,12 @@ std::string network_of(const std::string &dotted, int prefix) {
 } // namespace
 
 Kernel::Kernel(UvLoop &loop, Model &model)
-    : loop_(loop), model_(model), alive_(std::make_shared<bool>(true)), netlink_(loop, [this] { schedule(); }) {
+    : model_(model), mending_(loop, [this] { mend(); }), netlink_(loop, [this] { mending_.schedule(); }) {
     watch_ = model_.watch("Weft.Intf", [this](const Event &event) { on_event(event); });
     mend();
 }
 
 Kernel::~Kernel() {
-    *alive_ = false;
     model_.unwatch(watch_);
     for (const KernelRoute &route : netlink_.routes())
         netlink_.delete_route(route);
@@ -62,19 +61,7 @@ void Kernel::on_event(const Event &event) {
             netlink_.delete_address({link->index, to_text(event.values.at("Address")),
                                      static_cast<int>(std::get<std::int64_t>(event.values.at("PrefixLen"))), true});
     }
-    schedule();
-}
-
-void Kernel::schedule() {
-    if (scheduled_)
-        return;
-    scheduled_ = true;
-    loop_.post([this, alive = alive_] {
-        if (!*alive)
-            return;
-        scheduled_ = false;
-        mend();
-    });
+    mending_.schedule();
 }
 
 const KernelLink *Kernel::link_of(const std::string &name) const {

@@ -5,11 +5,10 @@
 #define HOST_LINUX_KERNEL_H
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "host/core/model.h"
+#include "host/core/recheck.h"
 #include "host/linux/netlink.h"
 
 namespace keel {
@@ -30,7 +29,6 @@ public:
 
 private:
     void on_event(const Event &event);
-    void schedule();
     void mend();
     void mend_link(const std::string &name, const KernelLink *link);
     void mend_addresses(const std::string &name, const KernelLink &link, const std::vector<KernelAddress> &present);
@@ -38,13 +36,11 @@ private:
     void report(const std::string &path, const std::string &what, const std::string &error);
     const KernelLink *link_of(const std::string &name) const;
 
-    UvLoop &loop_;
     Model &model_;
-    std::shared_ptr<bool> alive_;
+    OnceATurn mending_;
     Netlink netlink_;
     Model::WatchId watch_;
     std::vector<KernelLink> links_; /* as of the last look */
-    bool scheduled_ = false;
 };
 
 } // namespace keel

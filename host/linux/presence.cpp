@@ -22,26 +22,13 @@ struct Seen {
 } // namespace
 
 Presence::Presence(UvLoop &loop, Model &model)
-    : loop_(loop), model_(model), alive_(std::make_shared<bool>(true)), netlink_(loop, [this] { schedule(); }) {
+    : loop_(loop), model_(model), looking_(loop, [this] { look(); }), netlink_(loop, [this] { looking_.schedule(); }) {
     look();
     ask();
 }
 
 Presence::~Presence() {
-    *alive_ = false;
     loop_.cancel_timer(asking_);
-}
-
-void Presence::schedule() {
-    if (scheduled_)
-        return;
-    scheduled_ = true;
-    loop_.post([this, alive = alive_] {
-        if (!*alive)
-            return;
-        scheduled_ = false;
-        look();
-    });
 }
 
 /* The kernel's number of the LAN bridge; 0 when there is none. */

@@ -5,10 +5,9 @@
 #define HOST_LINUX_PRESENCE_H
 
 #include <map>
-#include <memory>
 #include <string>
 
-#include "host/core/model.h"
+#include "host/core/recheck.h"
 #include "host/linux/netlink.h"
 
 namespace keel {
@@ -25,18 +24,16 @@ public:
     ~Presence();
 
 private:
-    void schedule();
     void look();
     void ask();
     int bridge();
 
     UvLoop &loop_;
     Model &model_;
-    std::shared_ptr<bool> alive_;
+    OnceATurn looking_;
     Netlink netlink_;
     std::map<std::string, int> ports_; /* MAC -> the port it was last seen behind */
     Loop::TimerId asking_ = 0;
-    bool scheduled_ = false;
 };
 
 } // namespace keel

@@ -12,28 +12,13 @@ constexpr std::uint64_t restart_delay_ms = 2000; /* of a client that ended by it
 
 WanClients::WanClients(UvLoop &loop, Model &model, std::string udhcpc, std::string report_script)
     : loop_(loop), model_(model), udhcpc_(std::move(udhcpc)), script_(std::move(report_script)),
-      alive_(std::make_shared<bool>(true)) {
-    watch_ = model_.watch("Weft.Intf", [this](const Event &) { schedule(); });
-    schedule();
+      recheck_(loop, model, "Weft.Intf", [this] { follow_model(); }) {
+    recheck_.schedule();
 }
 
 WanClients::~WanClients() {
-    *alive_ = false;
-    model_.unwatch(watch_);
     while (!clients_.empty())
         stop(clients_.begin()->first);
-}
-
-void WanClients::schedule() {
-    if (scheduled_)
-        return;
-    scheduled_ = true;
-    loop_.post([this, alive = alive_] {
-        if (!*alive)
-            return;
-        scheduled_ = false;
-        follow_model();
-    });
 }
 
 void WanClients::follow_model() {

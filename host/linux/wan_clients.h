@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "host/core/model.h"
+#include "host/core/recheck.h"
 #include "host/core/uv_loop.h"
 #include "host/linux/child.h"
 #include "host/linux/udhcpc.h"
@@ -34,7 +34,6 @@ private:
         Loop::TimerId restart = 0;
     };
 
-    void schedule();
     void follow_model();
     void start(const std::string &name, Client &client);
     void stop(const std::string &name);
@@ -45,10 +44,8 @@ private:
     Model &model_;
     std::string udhcpc_;
     std::string script_;
-    Model::WatchId watch_;
     std::map<std::string, std::unique_ptr<Client>> clients_;
-    bool scheduled_ = false;
-    std::shared_ptr<bool> alive_;
+    Recheck recheck_;
 };
 
 } // namespace keel

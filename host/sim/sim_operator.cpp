@@ -11,28 +11,14 @@ constexpr std::uint64_t retry_ms = 3000;  /* between two tries to find a server 
 constexpr std::uint64_t renew_ms = 10000; /* between two tries to renew */
 } // namespace
 
-SimOperator::SimOperator(Loop &loop, Model &model) : loop_(loop), model_(model), alive_(std::make_shared<bool>(true)) {
-    watch_ = model_.watch("Weft.Intf", [this](const Event &) { schedule(); });
-    schedule();
+SimOperator::SimOperator(Loop &loop, Model &model)
+    : loop_(loop), model_(model), recheck_(loop, model, "Weft.Intf", [this] { follow_model(); }) {
+    recheck_.schedule();
 }
 
 SimOperator::~SimOperator() {
-    *alive_ = false;
-    model_.unwatch(watch_);
     for (const auto &[name, client] : clients_)
         loop_.cancel_timer(client.timer);
-}
-
-void SimOperator::schedule() {
-    if (scheduled_)
-        return;
-    scheduled_ = true;
-    loop_.post([this, alive = alive_] {
-        if (!*alive)
-            return;
-        scheduled_ = false;
-        follow_model();
-    });
 }
 
 void SimOperator::follow_model() {

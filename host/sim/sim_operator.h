@@ -6,11 +6,10 @@
 #define HOST_SIM_SIM_OPERATOR_H
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "host/core/model.h"
+#include "host/core/recheck.h"
 
 namespace keel {
 
@@ -43,7 +42,6 @@ private:
         std::uint64_t bound_at_ms = 0;
     };
 
-    void schedule();
     void follow_model();
     void after(const std::string &name, std::uint64_t milliseconds, void (SimOperator::*step)(const std::string &));
     void select(const std::string &name);
@@ -55,13 +53,11 @@ private:
 
     Loop &loop_;
     Model &model_;
-    Model::WatchId watch_;
     std::map<std::string, Client> clients_;
     std::map<std::string, std::string> addresses_;
     std::map<std::string, bool> refused_;
     unsigned next_host_ = 10;
-    bool scheduled_ = false;
-    std::shared_ptr<bool> alive_;
+    Recheck recheck_;
 };
 
 } // namespace keel
