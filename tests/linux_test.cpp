@@ -14,11 +14,14 @@
 #include <fstream>
 
 #include "host/core/graph.h"
+#include "host/core/interface_state.h"
 #include "host/core/trace.h"
 #include "host/linux/chains.h"
 #include "host/linux/child.h"
+#include "host/linux/firewall_policy.h"
 #include "host/linux/kernel.h"
 #include "host/linux/lan_port.h"
+#include "host/linux/multicast.h"
 #include "host/linux/presence.h"
 #include "host/linux/udhcpc.h"
 #include "host/linux/wan_clients.h"
@@ -30,7 +33,7 @@ namespace {
 std::string shell(const std::string &command) {
     std::string printed;
     std::array<char, 4096> buffer{};
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    FILE *pipe = popen(("exec 2>&1; " + command).c_str(), "r");
     while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
         printed.append(buffer.data(), size);
     pclose(pipe);
@@ -87,6 +90,15 @@ protected:
         EXPECT_FALSE(
             model.add("Weft.Intf.eth1.20.IPv4Route", key,
                       {{"Dst", std::string(destination)}, {"DstLen", prefix}, {"Gateway", std::string(gateway)}}));
+    }
+    static void set_up() {
+        std::string error;
+        ASSERT_TRUE(set_up_chains(SOURCE_DIR "/share/chains.sh", &error)) << error;
+    }
+    /* All of iptables and ebtables. */
+    static std::string rules() {
+        return shell("for t in raw nat filter; do iptables -t $t -S; done;"
+                     "for t in nat filter; do ebtables -t $t -L; done");
     }
     static std::string addresses() { return shell("ip -4 -o addr show dev eth1.20"); }
     static std::string routes() { return shell("ip route show proto 99"); }
@@ -218,19 +230,154 @@ TEST_F(LinuxTest, AWanClientIsLeasedAnAddressAndLeavesWithoutARelease) {
 }
 
 TEST_F(LinuxTest, TheChainsAreSetUpAndEmptiedAsOftenAsOneLikes) {
-    std::string error;
-    ASSERT_TRUE(set_up_chains(SOURCE_DIR "/share/chains.sh", &error)) << error;
-    const std::string fresh = shell("for t in raw nat filter; do iptables -t $t -S; done");
+    set_up();
+    const std::string fresh = rules();
+    EXPECT_EQ(count(shell("iptables -S FORWARD"), "-A"), 4U);
+    EXPECT_EQ(count(fresh, "-A IPTV_Out -j FORWARD_zep\n"), 1U);
+    EXPECT_EQ(count(fresh, "policy: RETURN"), 4U) << fresh;
     shell("iptables -t raw -A PREROUTING -i eth1.20 -j PREROUTING_zep_ACCEPT;"
           "iptables -t raw -A PREROUTING -i eth1.20 -j PREROUTING_zep_DROP;"
           "iptables -t nat -A POSTROUTING_IPTV -o eth1.20 -j POSTROUTING_zep;"
           "iptables -t nat -A POSTROUTING_zep -s 192.168.1.2 -j SNAT --to-source 10.0.0.2;"
-          "iptables -t filter -A FORWARD_zep -s 192.168.1.2 -j ACCEPT");
-    ASSERT_NE(shell("for t in raw nat filter; do iptables -t $t -S; done"), fresh);
-    ASSERT_TRUE(set_up_chains(SOURCE_DIR "/share/chains.sh", &error)) << error;
-    EXPECT_EQ(shell("for t in raw nat filter; do iptables -t $t -S; done"), fresh);
+          "iptables -t filter -A FORWARD_zep -s 192.168.1.2 -j ACCEPT;"
+          "iptables -t filter -A FORWARD -j FORWARD_zep;"
+          "iptables -t filter -A FORWARD_IPTV2Lan -o eth1.20 -j IPTV_Out");
+    EXPECT_EQ(shell("ebtables -t nat -A POSTROUTING_No_DHCP -p 0x800 --ip-protocol udp --ip-destination-port 67:68 -j "
+                    "DROP -o eth1.21;"
+                    "ebtables -t nat -A POSTROUTING_Only_IGMP -d ! 01:00:5e:00:00:00/ff:ff:ff:00:00:00 -j DROP -o "
+                    "eth1.21;"
+                    "ebtables -t filter -A FORWARD_Isolation  -j DROP -i eth1.21 -o eth1.20"),
+              "");
+    EXPECT_EQ(count(rules(), "-j DROP\n"), 4U) << rules();
+    set_up();
+    EXPECT_EQ(rules(), fresh);
+    std::string error;
     EXPECT_FALSE(set_up_chains("/nonexistent/chains.sh", &error));
     EXPECT_EQ(error, "/nonexistent/chains.sh: cannot be run");
+}
+
+TEST_F(LinuxTest, TheFirewallScriptAddsOnceDeletesWhatIsThereAndRefusesTheRest) {
+    set_up();
+    const std::string fresh = rules();
+    const auto run = [](const std::string &arguments) {
+        return shell(SOURCE_DIR "/share/zep_firewall.sh " + arguments + "; echo \"[$?]\"");
+    };
+    for (int twice = 0; twice < 2; ++twice)
+        for (const char *arguments : {"main_rules A eth1.10", "main_rules A b@d_i:f-1", "aux_rules A 192.168.1.255"})
+            EXPECT_EQ(run(arguments), "[0]\n") << arguments;
+    const std::string open = rules();
+    for (const char *rule :
+         {"-A FORWARD_ZEP -o eth1.10 -j FORWARD_ZEP_Services\n", "-A FORWARD_ZEP -o b@d_i:f-1 ",
+          "-A POSTROUTING_ZEP -o eth1.10 -j MASQUERADE\n", "-A FORWARD_ZEP_Services -s 192.168.1.255/32 -j ACCEPT\n"})
+        EXPECT_EQ(count(open, rule), 1U) << rule;
+    for (const char *arguments :
+         {"", "main_rules A", "main_rules A eth1.10 x", "main_rules a eth2", "others A eth2", "main_rules A ''",
+          "main_rules A -o", "main_rules A 'e 2'", "main_rules A eth+", "main_rules A 1234567890123456",
+          "aux_rules A 1.2.3.256", "aux_rules A 1.2.3", "aux_rules A 1.2.3.4.5", "aux_rules A 1.2.3.4/8",
+          "aux_rules A 010.2.3.4", "aux_rules A ''", "aux_rules A '1.2.3.4\n'"}) {
+        const std::string said = run(arguments);
+        EXPECT_TRUE(said.starts_with("zep_firewall.sh: ") && said.ends_with("\n[2]\n")) << arguments << ": " << said;
+    }
+    EXPECT_EQ(rules(), open);
+    for (int twice = 0; twice < 2; ++twice)
+        for (const char *arguments : {"main_rules D eth1.10", "main_rules D b@d_i:f-1", "aux_rules D 192.168.1.255"})
+            EXPECT_EQ(run(arguments), "[0]\n") << arguments;
+    EXPECT_EQ(rules(), fresh);
+}
+
+TEST_F(LinuxTest, ThePolicyIsOneRuleOnTheIptvDevice) {
+    set_up();
+    const std::string path = "Firewall.Policy.IPTV2Lan";
+    const auto choose = [&](const std::string &chain) { model.set(path, {{"ReverseChain", chain}}); };
+    const auto holds = [&](const std::string &rule, const std::string &outcome) {
+        return soon([&] {
+            return shell("iptables -S FORWARD_IPTV2Lan") ==
+                       "-N FORWARD_IPTV2Lan\n" + (rule.empty() ? "" : "-A FORWARD_IPTV2Lan " + rule + "\n") &&
+                   model.text(path, "Status") == outcome;
+        });
+    };
+    {
+        FirewallPolicy policy(loop, model);
+        EXPECT_TRUE(holds("", "Enabled"));
+        choose("Firewall.Chain.IPTV_Out");
+        EXPECT_TRUE(holds("-o eth1.20 -j IPTV_Out", "Enabled"));
+        model.set("Weft.Intf.iptv", {{"LowerLayers", std::string("eth1.10")}});
+        EXPECT_TRUE(holds("-o eth1.10 -j IPTV_Out", "Enabled"));
+        for (const char *wrong : {"Firewall.Chain.-F", "IPTV_Out", "", "Firewall.Chain.a b", "Firewall.Chain.None"}) {
+            choose(wrong);
+            EXPECT_TRUE(holds("", "error")) << wrong;
+            choose("Firewall.Chain.FORWARD_zep");
+            EXPECT_TRUE(holds("-o eth1.10 -j FORWARD_zep", "Enabled"));
+        }
+        model.set("Weft.Intf.iptv", {{"LowerLayers", std::string()}});
+        EXPECT_TRUE(holds("", "Enabled")) << "no device, no rule";
+        model.set("Weft.Intf.iptv", {{"LowerLayers", std::string("eth1.20")}});
+        for (const char *chain : {"Off", "Firewall.Chain.IPTV_Out", "Off", "Firewall.Chain.FORWARD_zep"}) {
+            choose(chain); /* while the commands of the one before run */
+            loop.settle(1);
+        }
+        EXPECT_TRUE(holds("-o eth1.20 -j FORWARD_zep", "Enabled"));
+        choose("Off");
+        loop.settle(1); /* it ends while a command runs */
+    }
+    EXPECT_EQ(shell("iptables -S FORWARD_IPTV2Lan"), "-N FORWARD_IPTV2Lan\n");
+}
+
+TEST_F(LinuxTest, TheMulticastDaemonRunsWhileItIsWantedAndComesBack) {
+    const std::string folder = std::filesystem::temp_directory_path() / ("multicast-" + std::to_string(getpid()));
+    std::filesystem::create_directories(folder);
+    shell("ip link add br-lan type bridge; ip link set br-lan up; ip addr add 192.168.1.1/24 dev br-lan");
+    const std::string path = "TIDE.Intf.iptv";
+    const auto process = [&] { return shell("pgrep -f '^igmpproxy -n " + folder + "'"); };
+    /* The two interfaces of the kernel's multicast routing: the daemon is at work. */
+    const auto runs = [&] {
+        return soon([&] {
+            const std::string interfaces = shell("cat /proc/net/ip_mr_vif");
+            return model.text(path, "Status") == "Running" && count(interfaces, " eth1.20 ") == 1 &&
+                   count(interfaces, " br-lan ") == 1;
+        });
+    };
+    const auto rests = [&] {
+        return soon([&] { return model.text(path, "Status") == "Stopped" && process().empty(); });
+    };
+    {
+        Kernel kernel(loop, model);
+        InterfaceState state(loop, model);
+        Multicast multicast(loop, model, "igmpproxy", folder);
+        model.set(path, {{"ClientEnable", true}, {"MRTIIFEnable", true}, {"WANEnable", true}});
+        EXPECT_TRUE(rests()) << "without an address";
+        add_address("1", "10.20.0.5", 24);
+        ASSERT_TRUE(runs()) << shell("cat /proc/net/ip_mr_vif " + folder + "/igmpproxy.conf");
+
+        for (const char *name : {"ClientEnable", "MRTIIFEnable", "WANEnable"}) {
+            model.set(path, {{name, false}});
+            EXPECT_TRUE(rests()) << name;
+            model.set(path, {{name, true}});
+            EXPECT_TRUE(runs()) << name;
+        }
+        shell("ip link set peer down");
+        EXPECT_TRUE(rests());
+        shell("ip link set peer up");
+        EXPECT_TRUE(runs());
+
+        const std::string first = process();
+        add_address("2", "10.20.0.6", 24);
+        EXPECT_TRUE(soon([&] { return status("IPv4Addr.2") == "Enabled"; }));
+        loop.settle(20);
+        usleep(200000);
+        EXPECT_EQ(process(), first) << "another address does not disturb the streams";
+        model.remove("Weft.Intf.eth1.20.IPv4Addr.1");
+        EXPECT_TRUE(soon([&] { return !process().empty() && process() != first; }));
+        EXPECT_TRUE(runs());
+
+        kill(std::stoi(process()), SIGTERM);
+        EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Error"; }));
+        EXPECT_TRUE(runs()) << "it is started again";
+    }
+    EXPECT_TRUE(rests()) << "it ends with the host";
+    Multicast multicast(loop, model, "/nonexistent/igmpproxy", folder);
+    EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Error"; }));
+    std::filesystem::remove_all(folder);
 }
 
 TEST_F(LinuxTest, ChildrenTellTheirLinesAndEnd) {

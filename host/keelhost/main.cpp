@@ -21,8 +21,10 @@
 #include "host/dhcp/lan_server.h"
 #include "host/linux/chains.h"
 #include "host/linux/child.h"
+#include "host/linux/firewall_policy.h"
 #include "host/linux/kernel.h"
 #include "host/linux/lan_port.h"
+#include "host/linux/multicast.h"
 #include "host/linux/presence.h"
 #include "host/linux/wan_clients.h"
 
@@ -39,6 +41,7 @@ struct Options {
     std::string plugin;
     std::string share;
     std::string udhcpc = "udhcpc";
+    std::string igmpproxy = "igmpproxy";
 };
 
 /* The installed place, or the one in a build folder. */
@@ -70,6 +73,8 @@ public:
         : model_(loop_), loaded_((model_.load_file(options.model), true)), store_(loop_, model_, options.store),
           settings_(model_), control_(loop_, model_, options.socket, [this] { store_.flush(); }),
           kernel_(loop_, model_), interface_state_(loop_, model_), presence_(loop_, model_),
+          firewall_policy_(loop_, model_),
+          multicast_(loop_, model_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
                     [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
           lan_server_(loop_, model_, lan_port_),
@@ -107,6 +112,8 @@ private:
     Kernel kernel_;
     InterfaceState interface_state_;
     Presence presence_;
+    FirewallPolicy firewall_policy_;
+    Multicast multicast_;
     PacketLanPort lan_port_;
     LanDhcpServer lan_server_;
     WanClients wan_clients_;
@@ -147,6 +154,7 @@ int main(int argc, char **argv) {
     app.add_option("--plugin", options.plugin, "the plug-in")->capture_default_str();
     app.add_option("--share", options.share, "folder of chains.sh and udhcpc-report.sh")->capture_default_str();
     app.add_option("--udhcpc", options.udhcpc, "the DHCP client program")->capture_default_str();
+    app.add_option("--igmpproxy", options.igmpproxy, "the multicast daemon's program")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     if (options.model.empty())
         options.model = options.share + "/gateway.json";

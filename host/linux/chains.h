@@ -1,16 +1,24 @@
 /*
- * The iptables chains that the plug-in expects to find.
+ * The iptables and ebtables chains that the plug-in expects to find.
  */
 #ifndef HOST_LINUX_CHAINS_H
 #define HOST_LINUX_CHAINS_H
 
 #include <string>
+#include <vector>
 
 namespace keel {
 
 /* Runs the chain set-up script (share/chains.sh) and waits for it: everything that an earlier run left in the chains is
  * gone after it. False with the reason in *error. */
 bool set_up_chains(const std::string &script, std::string *error);
+
+/* The command that empties a chain of the filter table, or puts a rule at its end. */
+std::vector<std::string> flush_command(const std::string &chain);
+std::vector<std::string> append_command(const std::string &chain, const std::vector<std::string> &rule);
+
+/* Runs a command and waits for it: for the end, when the loop does not turn any more. Its exit status, or -1. */
+int run_and_wait(const std::vector<std::string> &argv);
 
 } // namespace keel
 

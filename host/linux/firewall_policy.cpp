@@ -1,0 +1,104 @@
+#include "host/linux/firewall_policy.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "host/core/graph.h"
+#include "host/core/trace.h"
+#include "host/linux/chains.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *policy_path = "Firewall.Policy.IPTV2Lan";
+constexpr const char *own_chain = "FORWARD_IPTV2Lan";
+constexpr std::string_view chain_prefix = "Firewall.Chain.";
+constexpr std::size_t max_chain_name = 28; /* of iptables */
+
+bool is_chain_name(std::string_view name) {
+    const auto fits = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
+    };
+    return !name.empty() && name.size() <= max_chain_name && name.front() != '-' &&
+           std::all_of(name.begin(), name.end(), fits);
+}
+
+} // namespace
+
+FirewallPolicy::FirewallPolicy(UvLoop &loop, Model &model)
+    : loop_(loop), model_(model), policy_(loop, model, policy_path, [this] { follow(); }),
+      interfaces_(loop, model, "Weft.Intf", [this] { follow(); }) {
+    policy_.schedule();
+}
+
+FirewallPolicy::~FirewallPolicy() {
+    if (running_) { /* killed now, it might still add its rule after the chain was emptied; libuv takes its status */
+        siginfo_t ended;
+        waitid(P_PID, static_cast<id_t>(running_->pid()), &ended, WEXITED | WNOWAIT);
+    }
+    run_and_wait(flush_command(own_chain));
+}
+
+FirewallPolicy::Goal FirewallPolicy::goal() const {
+    const std::string chain = model_.text(policy_path, "ReverseChain");
+    if (chain == "Off")
+        return {};
+    if (!chain.starts_with(chain_prefix) || !is_chain_name(chain.substr(chain_prefix.size())))
+        return {false, {}};
+    const std::string device = netdev_below(model_, "iptv");
+    if (device.empty())
+        return {};
+    return {true, {"-o", device, "-j", chain.substr(chain_prefix.size())}};
+}
+
+void FirewallPolicy::follow() {
+    if (running_)
+        return; /* done() looks again */
+    const Goal wanted = goal();
+    if (wanted == tried_)
+        return;
+    tried_ = wanted;
+    commands_ = {flush_command(own_chain)};
+    if (!wanted.rule.empty())
+        commands_.push_back(append_command(own_chain, wanted.rule));
+    next();
+}
+
+void FirewallPolicy::next() {
+    if (commands_.empty()) {
+        done(true);
+        return;
+    }
+    const std::vector<std::string> command = std::move(commands_.front());
+    commands_.pop_front();
+    std::string error;
+    running_ = Child::start(
+        loop_, command, nullptr,
+        [this](int status) {
+            running_.reset();
+            if (status == 0)
+                next();
+            else
+                done(false);
+        },
+        &error);
+    if (running_)
+        return;
+    trace(Level::Error, "firewall", "%s cannot be started: %s", command.front().c_str(), error.c_str());
+    done(false);
+}
+
+void FirewallPolicy::done(bool well) {
+    commands_.clear();
+    const bool holds = well && tried_ && tried_->valid;
+    if (!holds)
+        trace(Level::Error, "firewall", "%s: ReverseChain=%s is not in force", policy_path,
+              model_.text(policy_path, "ReverseChain").c_str());
+    model_.set(policy_path, {{"Status", std::string(holds ? "Enabled" : "error")}});
+    follow();
+}
+
+} // namespace keel

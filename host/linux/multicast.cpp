@@ -1,0 +1,162 @@
+#include "host/linux/multicast.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "host/core/graph.h"
+#include "host/core/trace.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *switches_path = "TIDE.Intf.iptv";
+constexpr std::uint64_t restart_delay_ms = 2000; /* of a daemon that ended by itself */
+
+/* The name by which igmpproxy knows the device of an address: the address's label, which is not the device's name
+ * when somebody gave it one of its own. "" when the kernel does not hold the address. */
+std::string label_of(const std::string &device, const std::string &address) {
+    ifaddrs *list = nullptr;
+    in_addr wanted{};
+    if (inet_pton(AF_INET, address.c_str(), &wanted) != 1 || getifaddrs(&list) != 0)
+        return "";
+    std::string label;
+    for (const ifaddrs *one = list; one && label.empty(); one = one->ifa_next) {
+        if (!one->ifa_addr || one->ifa_addr->sa_family != AF_INET)
+            continue;
+        const std::string name = one->ifa_name;
+        const auto *held = reinterpret_cast<const sockaddr_in *>(one->ifa_addr);
+        if (held->sin_addr.s_addr == wanted.s_addr && device.starts_with(name.substr(0, name.find(':'))))
+            label = name;
+    }
+    freeifaddrs(list);
+    return label;
+}
+
+} // namespace
+
+Multicast::Multicast(UvLoop &loop, Model &model, std::string igmpproxy, const std::string &folder)
+    : loop_(loop), model_(model), igmpproxy_(std::move(igmpproxy)),
+      file_(std::filesystem::path(folder) / "igmpproxy.conf"),
+      switches_(loop, model, switches_path, [this] { follow(); }),
+      interfaces_(loop, model, "Weft.Intf", [this] { follow(); }) {
+    switches_.schedule();
+}
+
+Multicast::~Multicast() {
+    loop_.cancel_timer(restart_);
+    process_.reset();
+    set_status("Stopped");
+}
+
+/* With the address that is in use already, as long as the device holds it. */
+Multicast::Side Multicast::side(const std::string &device, const Side &used) const {
+    Side found{device, ""};
+    for (const std::string &path : interface_addresses(model_, device)) {
+        if (!model_.boolean(path, "Enable") || model_.text(path, "Status") != "Enabled")
+            continue; /* the kernel does not hold it */
+        const std::string address = model_.text(path, "Address");
+        if (found.address.empty() || Side{device, address} == used)
+            found.address = address;
+    }
+    return found;
+}
+
+std::optional<Multicast::Setup> Multicast::wanted() const {
+    for (const char *name : {"ClientEnable", "MRTIIFEnable", "WANEnable"})
+        if (!model_.boolean(switches_path, name))
+            return std::nullopt;
+    const std::string device = netdev_below(model_, "iptv");
+    const std::string flags = interface_flags(model_, device);
+    if (!has_word(flags, "up") || !has_word(flags, "ipv4"))
+        return std::nullopt;
+    std::string bridge;
+    for (const std::string &name : model_.instances("Weft.Intf"))
+        if (bridge.empty() && has_word(interface_flags(model_, name), "bridge"))
+            bridge = name;
+    if (bridge.empty())
+        return std::nullopt;
+    const Setup setup{side(device, used_.upstream), side(bridge, used_.downstream)};
+    if (setup.upstream.address.empty() || setup.downstream.address.empty())
+        return std::nullopt;
+    return setup;
+}
+
+void Multicast::follow() {
+    const std::optional<Setup> setup = wanted();
+    if (process_) {
+        if (setup != used_ && !killed_) { /* the next one needs the kernel's routing table, which has one owner */
+            killed_ = true;
+            kill(process_->pid(), SIGKILL);
+        }
+    } else if (!setup) {
+        loop_.cancel_timer(restart_);
+        restart_ = 0;
+        set_status("Stopped");
+    } else if (!restart_) {
+        start(*setup);
+    }
+}
+
+void Multicast::start(const Setup &setup) {
+    used_ = setup;
+    killed_ = false;
+    const std::string upstream = label_of(setup.upstream.device, setup.upstream.address);
+    const std::string downstream = label_of(setup.downstream.device, setup.downstream.address);
+    if (upstream.empty() || downstream.empty()) {
+        failed("the kernel does not hold its addresses");
+        return;
+    }
+    if (!write_configuration(upstream, downstream)) {
+        failed("its configuration file " + file_ + " cannot be written");
+        return;
+    }
+    std::string error;
+    process_ = Child::start(
+        loop_, {igmpproxy_, "-n", file_}, nullptr, [this](int status) { ended(status); }, &error);
+    if (process_)
+        set_status("Running");
+    else
+        failed("it cannot be started: " + error);
+}
+
+bool Multicast::write_configuration(const std::string &upstream, const std::string &downstream) const {
+    std::ofstream file(file_);
+    file << "quickleave\n"
+         << "phyint " << upstream << " upstream ratelimit 0 threshold 1\n"
+         << "    altnet 0.0.0.0/0\n"
+         << "phyint " << downstream << " downstream ratelimit 0 threshold 1\n";
+    for (const std::string &name : model_.instances("Weft.Intf"))
+        if (has_word(interface_flags(model_, name), "netdev") && name != used_.upstream.device &&
+            name != used_.downstream.device)
+            file << "phyint " << name << " disabled\n";
+    file.close();
+    return file.good();
+}
+
+void Multicast::ended(int status) {
+    process_.reset();
+    if (killed_)
+        follow();
+    else
+        failed("it ended with status " + std::to_string(status));
+}
+
+void Multicast::failed(const std::string &reason) {
+    trace(Level::Error, "multicast", "%s: %s; it is started again", igmpproxy_.c_str(), reason.c_str());
+    set_status("Error");
+    restart_ = loop_.start_timer(restart_delay_ms, [this] {
+        restart_ = 0;
+        follow();
+    });
+}
+
+void Multicast::set_status(const char *status) {
+    model_.set(switches_path, {{"Status", std::string(status)}});
+}
+
+} // namespace keel
