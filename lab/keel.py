@@ -31,6 +31,27 @@ class Keel:
     def set(self, path, **values):
         return self._ask("set", path, *(f"{name}={value}" for name, value in values.items())) is not None
 
+    def get(self, path, name):
+        """One parameter, or None."""
+        lines = self._ask("get", path, name)
+        return lines[0][name] if lines else None
+
+    def add(self, path, key, **values):
+        return self._ask("add", path, key, *(f"{name}={value}" for name, value in values.items())) is not None
+
+    def at_once(self, *writes):
+        """Writes several parameters, each (path, name, value), so close together that none waits for what another sets
+        going."""
+        started = [subprocess.Popen((self._keelctl, "--socket", self._socket, "set", path, f"{name}={value}"))
+                   for path, name, value in writes]
+        return all([process.wait(10) == 0 for process in started])
+
+    def change_flags(self, interface, add=(), remove=()):
+        """Flags of an interface come and go; the others, which the host may be keeping, stay."""
+        path = f"Weft.Intf.{interface}"
+        words = [word for word in self.get(path, "Flags").split() if word not in remove]
+        return self.set(path, Flags=" ".join((*words, *add)))
+
     def watch_wan_clients(self):
         """Notes, from now on, when each WAN client is first bound."""
         watch = subprocess.Popen((self._keelctl, "--socket", self._socket, "-S", "watch", "Weft.Intf"),

@@ -1,11 +1,13 @@
 """The lab: an operator, a gateway and four LAN devices on one machine, each in a network namespace of its own.
 
-    server ---- operator ==== gateway ==+== stb1
-    10.60.0.10   10.20.0.1    eth1.20   +== stb2
-                              br-lan    +== itf
-                                        +== pc
+    server ---- operator ==== eth1.20 gateway ==+== stb1
+    10.60.0.10   10.20.0.1            br-lan    +== stb2
+                                                +== itf
+                internet ==== eth1.10           +== pc
+               203.0.113.10
 """
 
+import json
 import os
 import signal
 import socket
@@ -20,6 +22,9 @@ SERVER_ADDRESS = "10.60.0.10"
 SERVER_PORT = 8080
 DEVICE_PORT = 7000
 IPTV = "eth1.20"
+DATA = "eth1.10"
+INTERNET_ADDRESS = "203.0.113.10"
+INTERNET_PORT = 80
 LAN_ADDRESS = "192.168.1.1"
 
 
@@ -46,9 +51,10 @@ DEVICES = (
 class Lab:
     """Brings the network up and runs its parts; each can be stopped and started again by itself."""
 
-    def __init__(self, programs, share, folder, devices=DEVICES):
+    def __init__(self, programs, share, folder, mode="Routed", devices=DEVICES):
         self.programs = programs  # folder of keelhost, keelctl, zephyrin.so
         self.share = share
+        self.mode = mode  # in which the gateway starts
         self.devices = devices
         self.network = Network(folder)
         self.folder = folder
@@ -64,7 +70,7 @@ class Lab:
 
     def build(self):
         net = self.network
-        for name in ("server", "operator", "gateway", *(device.name for device in self.devices)):
+        for name in ("server", "operator", "internet", "gateway", *(device.name for device in self.devices)):
             net.namespace(name)
 
         net.link("server", "eth0", "operator", "iptv0")
@@ -75,17 +81,42 @@ class Lab:
         net.link("operator", "wan0", "gateway", IPTV)
         net.run("operator", "ip", "addr", "add", "10.20.0.1/24", "dev", "wan0")
 
+        net.run("internet", "ip", "addr", "add", f"{INTERNET_ADDRESS}/32", "dev", "lo")
+        self.join_internet("eth0", DATA, "100.64.0")
+        self.route_to_internet(DATA, "100.64.0")
+
         net.run("gateway", "ip", "link", "add", "br-lan", "type", "bridge")
         net.run("gateway", "ip", "addr", "add", f"{LAN_ADDRESS}/24", "dev", "br-lan")
         net.run("gateway", "ip", "link", "set", "br-lan", "up")
         for device in self.devices:
             net.link("gateway", device.port, device.name, "eth0")
             net.run("gateway", "ip", "link", "set", device.port, "master", "br-lan")
-            self.taps[device.name] = Tap(net, device.name, "eth0")
+            self.taps[device.name] = Tap(net, device.name)
 
+        # Only what the gateway's rules accept is routed; what its bridge forwards is none of their business.
+        net.run("gateway", "iptables", "-P", "FORWARD", "DROP")
+        net.run("gateway", "sh", "-c", "f=/proc/sys/net/bridge/bridge-nf-call-iptables; [ ! -e $f ] || echo 0 > $f")
         for router in ("operator", "gateway"):
             net.run(router, "sh", "-c", "echo 1 > /proc/sys/net/ipv4/ip_forward")
             net.run(router, "sh", "-c", "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 > $f; done")
+
+    def join_internet(self, far_interface, device, network):
+        """Connects the gateway with the Internet by one more device; network is the first three bytes of its addresses."""
+        self.network.link("internet", far_interface, "gateway", device)
+        self.network.run("internet", "ip", "addr", "add", f"{network}.1/30", "dev", far_interface)
+        self.network.run("gateway", "ip", "addr", "add", f"{network}.2/30", "dev", device)
+
+    def change_data_address(self, change):
+        """The gateway's address on the data device goes ("del") or comes back ("add")."""
+        self.network.run("gateway", "ip", "addr", change, "100.64.0.2/30", "dev", DATA)
+
+    def route_to_internet(self, device, network):
+        """The gateway's default route goes over that device from now on."""
+        self.network.run("gateway", "ip", "route", "replace", "default", "via", f"{network}.1", "dev", device)
+
+    def set_link(self, device, state):
+        """A device of the gateway goes "up" or "down"."""
+        self.network.run("gateway", "ip", "link", "set", device, state)
 
     # ------------------------------------------------------------------------------------------ operator
 
@@ -99,12 +130,23 @@ class Lab:
         self.network.stop(self.dhcp_server)
         self.dhcp_server = None
 
+    def start_multicast_router(self):
+        """What the server sends to groups goes to the gateway once that asks for it."""
+        self.network.spawn("operator", "igmpproxy", "-n", f"{HERE}/operator-igmp.conf", log="operator-igmp.log")
+
     # ------------------------------------------------------------------------------------------- gateway
 
     def start_gateway(self):
+        with open(os.path.join(self.share, "gateway.json"), encoding="utf-8") as file:
+            model = json.load(file)
+        model["objects"]["Keel"]["objects"]["Zephyrin"]["parameters"]["Mode"][1] = self.mode
+        model_file = os.path.join(self.folder, "gateway.json")
+        with open(model_file, "w", encoding="utf-8") as file:
+            json.dump(model, file)
         self.gateway = self.network.spawn(
             "gateway", os.path.join(self.programs, "keelhost"),
             "--share", self.share,
+            "--model", model_file,
             "--store", os.path.join(self.folder, "keel.db"),
             "--socket", self.socket,
             "--plugin", os.path.join(self.programs, "zephyrin.so"), log="gateway.log")
@@ -139,8 +181,11 @@ class Lab:
 
     def address(self, device):
         """The address that the device itself has, or None."""
-        words = self.network.run(device.name, "ip", "-4", "-o", "addr", "show", "dev", "eth0").split()
-        return words[words.index("inet") + 1].split("/")[0] if "inet" in words else None
+        return next(iter(self.addresses(device.name, "eth0")), None)
+
+    def tag_stb(self, *devices):
+        """Tells the gateway, at once, that these LAN devices are STBs."""
+        self.keel.at_once(*((f"Hosts.Host.{self.mac(device)}", "Tags", "lan stb") for device in devices))
 
     # ------------------------------------------------------------------------------------------- traffic
 
@@ -161,6 +206,12 @@ class Lab:
         finally:
             client.close()
 
+    def served_as(self, device):
+        """The WAN address with which the device's packets reach the server, when that is its own; or None."""
+        address = self.address(device)
+        wan = address and self.mapped(address)
+        return wan if wan and self.connect(device.name, "server", SERVER_ADDRESS, SERVER_PORT, 1) == wan else None
+
     def _listener(self, namespace, port):
         if (namespace, port) not in self._listeners:
             listener = self.network.socket(namespace, socket.AF_INET, socket.SOCK_STREAM)
@@ -172,9 +223,20 @@ class Lab:
 
     # --------------------------------------------------------------------------------------------- state
 
-    def rules(self, table):
-        """The gateway's iptables rules of one table, one a line."""
-        return self.network.run("gateway", "iptables", "-t", table, "-S").splitlines()
+    def addresses(self, namespace, interface):
+        """The IPv4 addresses that an interface has in the kernel, without their prefix lengths."""
+        words = self.network.run(namespace, "ip", "-4", "-o", "addr", "show", "dev", interface).split()
+        return [words[at + 1].split("/")[0] for at, word in enumerate(words) if word == "inet"]
+
+    def rules(self, table, chain=None):
+        """The gateway's iptables rules of one table, one a line; or those of one chain, without "-A CHAIN"."""
+        lines = self.network.run("gateway", "iptables", "-t", table, "-S").splitlines()
+        return lines if chain is None else [line.split(" ", 2)[2] for line in lines if line.startswith(f"-A {chain} ")]
+
+    def bridge_rules(self, table, chain):
+        """The rules of one of the gateway's ebtables chains, one a line; None when there is no such chain."""
+        lines = self.network.run("gateway", "ebtables", "-t", table, "-L", chain, check=False).splitlines()
+        return [line for line in lines if line.startswith("-")] if f"Bridge chain: {chain}" in "\n".join(lines) else None
 
     def mapped(self, lan_address):
         """The WAN address that a LAN address is mapped to, or None."""
@@ -184,22 +246,34 @@ class Lab:
                 return words[words.index("--to-source") + 1]
         return None
 
-    def wan_clients(self):
-        """The process ids of the DHCP clients that run on the gateway's IPTV interface."""
-        found = []
+    def processes(self):
+        """What runs on the gateway: process id -> name of its program."""
+        found = {}
         for pid in self.network.run("gateway", "ip", "netns", "pids", "gateway").split():
             try:
                 with open(f"/proc/{pid}/cmdline", "rb") as file:
-                    words = file.read().split(b"\0")
+                    program = os.path.basename(file.read().split(b"\0")[0].decode())
             except OSError:
                 continue
-            if words[0].endswith(b"udhcpc"):
-                found.append(int(pid))
+            if program:  # a zombie has none
+                found[int(pid)] = program
         return found
 
+    def wan_clients(self):
+        """The process ids of the DHCP clients that run on the gateway's IPTV interface."""
+        return [pid for pid, program in self.processes().items() if program == "udhcpc"]
+
+    def renew_wan_leases(self):
+        """Has the gateway's DHCP clients renew their leases now, as they would after half of the lease time."""
+        for pid in self.wan_clients():
+            os.kill(pid, signal.SIGUSR1)
+
+    def own_address(self):
+        """The address of the gateway's own IPTV lease, once the kernel has it."""
+        address = self.keel.get("Weft.Intf.dhcp_iptv", "IPAddress")
+        return address if address in self.addresses("gateway", IPTV) else None
+
     def close(self):
-        for tap in self.taps.values():
-            tap.close()
-        for listener in self._listeners.values():
-            listener.close()
+        for one in (*self.taps.values(), *self._listeners.values()):
+            one.close()
         self.network.close()

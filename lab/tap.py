@@ -1,4 +1,4 @@
-"""Watches the DHCP messages that reach a device (RFC 2131, RFC 2132)."""
+"""Watches the frames that reach an interface, and the DHCP messages among them (RFC 2131, RFC 2132)."""
 
 import socket
 import struct
@@ -6,7 +6,7 @@ import time
 from dataclasses import dataclass
 
 OFFER, ACK, NAK = 2, 5, 6
-_ETH_P_IP = 0x0800
+_ETH_P_ALL = 0x0003
 _COOKIE = b"\x63\x82\x53\x63"
 
 
@@ -41,28 +41,49 @@ def parse(frame):
     return Message(time.monotonic(), kind, socket.inet_ntoa(payload[16:20]), options)
 
 
-class Tap:
-    """Collects the DHCP replies seen on one interface of a namespace."""
+class Frames:
+    """The frames that come in on one interface of a namespace, whoever they are for."""
 
-    def __init__(self, network, namespace, interface):
-        self.messages = []
-        self._socket = network.socket(namespace, socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_IP))
-        self._socket.bind((interface, _ETH_P_IP))
+    def __init__(self, network, namespace, interface="eth0"):
+        self._socket = network.socket(namespace, socket.AF_PACKET, socket.SOCK_RAW, socket.htons(_ETH_P_ALL))
+        self._socket.bind((interface, _ETH_P_ALL))
         self._socket.setblocking(False)
 
-    def poll(self):
+    def take(self):
+        """What has come in since the last time."""
+        frames = []
         while True:
             try:
-                frame = self._socket.recv(4096)
+                frame, origin = self._socket.recvfrom(4096)
             except BlockingIOError:
-                return self.messages
-            message = parse(frame)
-            if message:
-                self.messages.append(message)
+                return frames
+            except OSError:
+                continue  # the interface went down: said once
+            if origin[2] != socket.PACKET_OUTGOING:
+                frames.append(frame)
+
+    def count(self, marker):
+        """How many frames with these bytes in them have come in since the last time."""
+        return sum(marker in frame for frame in self.take())
+
+    def close(self):
+        self._socket.close()
+
+
+class Tap:
+    """Collects the DHCP replies that reach a LAN device."""
+
+    def __init__(self, network, namespace):
+        self.messages = []
+        self._frames = Frames(network, namespace)
+
+    def poll(self):
+        self.messages += filter(None, map(parse, self._frames.take()))
+        return self.messages
 
     def last(self, kind):
         found = [message for message in self.poll() if message.kind == kind]
         return found[-1] if found else None
 
     def close(self):
-        self._socket.close()
+        self._frames.close()

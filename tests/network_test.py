@@ -14,7 +14,7 @@ import unittest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
-from lab import DEVICES, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
+from lab import DEVICES, IPTV, Lab  # noqa: E402
 from network import wait_for  # noqa: E402
 from tap import ACK, OFFER  # noqa: E402
 
@@ -28,7 +28,7 @@ class NetworkTest(unittest.TestCase):
         cls.folder = tempfile.mkdtemp(dir="/run")
         cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder)
         cls.lab.build()
-        cls.lab.start_operator(lease_seconds=120)
+        cls.lab.start_operator()
         cls.lab.start_gateway()
 
     @classmethod
@@ -38,11 +38,7 @@ class NetworkTest(unittest.TestCase):
 
     def await_service(self, device, seconds=40):
         """Waits until the device plays: its packets reach the server with its WAN address as source."""
-        def plays():
-            address = self.lab.address(device)
-            wan = address and self.lab.mapped(address)
-            return wan if wan and self.lab.connect(device.name, "server", SERVER_ADDRESS, SERVER_PORT, 1) == wan else None
-        wan = wait_for(plays, seconds)
+        wan = wait_for(lambda: self.lab.served_as(device), seconds)
         self.assertTrue(wan, f"{device.name} does not play\n{self.lab.network.log('gateway.log')[-4000:]}")
         return wan
 
@@ -54,15 +50,16 @@ class NetworkTest(unittest.TestCase):
         lab.stop_operator()
         lab.start_device(STB2)
         self.assertTrue(wait_for(lambda: lab.keel.hold(lab.mac(STB2)), 15), "STB2 is not held while the operator is away")
-        # STB1's WAN lease is due for renewal after 60 s and would be lost after 120 s.
-        state = wait_for(lambda: lab.keel.wan_state(lab.mac(STB1)) in ("Renewing", "Rebinding"), 75, pause=1)
+        lab.renew_wan_leases()
+        state = wait_for(lambda: lab.keel.wan_state(lab.mac(STB1)) in ("Renewing", "Rebinding"), 15)
         self.assertTrue(state, f"STB1's WAN client does not renew: {lab.keel.wan_state(lab.mac(STB1))}")
         self.assertFalse([m for m in lab.taps["stb2"].poll() if m.kind in (OFFER, ACK)] and
                          lab.keel.hold(lab.mac(STB2)), "STB2 was answered while on hold")
         self.assertEqual(self.await_service(STB1), wan, "STB1 lost its address while its lease was in force")
 
-        lab.start_operator(lease_seconds=120)
-        self.assertTrue(wait_for(lambda: lab.keel.wan_state(lab.mac(STB1)) == "Bound", 60, pause=1), "STB1 is not bound again")
+        lab.start_operator()
+        lab.renew_wan_leases()
+        self.assertTrue(wait_for(lambda: lab.keel.wan_state(lab.mac(STB1)) == "Bound", 60), "STB1 is not bound again")
         self.assertEqual(self.await_service(STB1), wan)
         self.assertNotEqual(self.await_service(STB2, 150), wan)
 
@@ -70,7 +67,7 @@ class NetworkTest(unittest.TestCase):
         lab = self.lab
         before = {device.name: self.await_service(device) for device in (STB1, STB2)}
         clients = lab.wan_clients()
-        self.assertEqual(len(clients), 2)
+        self.assertEqual(len(clients), 3, "one for each STB, and the gateway's own")
 
         lab.stop_gateway(signal.SIGKILL)
         self.assertTrue(wait_for(lambda: not lab.wan_clients(), 5), "WAN clients outlive the host")
@@ -80,15 +77,15 @@ class NetworkTest(unittest.TestCase):
         self.assertEqual(before, after)
         routes = lab.network.run("gateway", "ip", "route", "show", "dev", IPTV)
         self.assertEqual(routes.count("10.60.0.0/24 via 10.20.0.1"), 1)
-        addresses = lab.network.run("gateway", "ip", "-4", "-o", "addr", "show", "dev", IPTV)
-        self.assertEqual(sorted(word.split("/")[0] for word in addresses.split() if word.startswith("10.20.0.") and
-                                "/" in word), sorted(after.values()))
+        own = wait_for(lambda: lab.own_address(), 15)
+        self.assertTrue(own, "the gateway's own lease is not in force")
+        self.assertEqual(sorted(lab.addresses("gateway", IPTV)), sorted((*after.values(), own)))
 
     def test_3_stopped_host_leaves_nothing(self):
         lab = self.lab
         self.assertEqual(lab.stop_gateway(), 0)
-        self.assertEqual(lab.wan_clients(), [])
-        self.assertEqual(lab.network.run("gateway", "ip", "-4", "addr", "show", "dev", IPTV).count("inet "), 0)
+        self.assertEqual(lab.processes(), {})
+        self.assertEqual(lab.addresses("gateway", IPTV), [])
         self.assertEqual([rule for rule in lab.rules("nat") if "_zep" in rule and not rule.startswith("-N")], [])
 
 
