@@ -17,8 +17,10 @@ WanClients::WanClients(UvLoop &loop, Model &model, std::string udhcpc, std::stri
 }
 
 WanClients::~WanClients() {
-    while (!clients_.empty())
-        stop(clients_.begin()->first);
+    while (!clients_.empty()) {
+        const std::string name = clients_.begin()->first; /* the one in the map goes with its client */
+        stop(name);
+    }
 }
 
 void WanClients::follow_model() {
