@@ -13,7 +13,8 @@ from network import wait_for  # noqa: E402
 
 def main():
     devices = [Device(f"stb{number}", "zep-stb", f"lan{number}", "zep_stb") for number in range(1, 5)]
-    lab = Lab(os.path.abspath(sys.argv[1]), os.path.join(ROOT, "share"), tempfile.mkdtemp(dir="/run"), devices)
+    lab = Lab(os.path.abspath(sys.argv[1]), os.path.join(ROOT, "share"), tempfile.mkdtemp(dir="/run"),
+              devices=devices)
     try:
         lab.build()
         lab.start_operator()
