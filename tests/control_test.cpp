@@ -140,8 +140,8 @@ TEST_F(ControlTest, TheStateIsTheDefaultView) {
           "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=10.20.0.1 Status=error",
           "add Hosts.Host 02:00:00:00:00:01 Active=true",
           "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0102 ClientID=0102",
-          "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0109 ClientID=0109 IPAddress=192.168.1.21 "
-          "MACAddress=02:00:00:00:00:09 OnHold=true"})
+          "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0109 ClientID=0109 IPAddress=192.168.1.21 OnHold=true",
+          "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0109 MACAddress=02:00:00:00:00:09"})
         EXPECT_NE(type(line).find("[0]"), std::string::npos) << line;
     EXPECT_EQ(type(""), "IPTV  enabled, Routed over the Dedicated interface\n"
                         "  device   eth1.20\n"
