@@ -301,6 +301,7 @@ protected:
 
     /* What must hold once the routed mode is over. */
     void expect_clean() {
+        EXPECT_EQ(traced("only instances can be deleted"), 0U) << "a client without a lease of its own to end";
         EXPECT_EQ(firewall.rules, (std::vector<std::string>{"raw PREROUTING_zep_ACCEPT -d 224.0.0.0/4 -j ACCEPT",
                                                             "raw PREROUTING_zep_ACCEPT -d 255.255.255.255 -j ACCEPT"}));
         EXPECT_TRUE(addresses().empty());

@@ -56,7 +56,7 @@ std::map<std::string, std::string> wanted_wan_clients(const Model &model) {
 void set_wan_status(Model &model, const std::string &name, const std::string &status) {
     write(model, interface_path(name), {{"DHCPStatus", status}});
     const std::string lease = lease_path(model, name);
-    if (status == "Idle" && model.find(lease))
+    if (status == "Idle" && !lease.empty() && model.find(lease))
         report(model.remove(lease));
 }
 

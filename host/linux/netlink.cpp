@@ -207,7 +207,7 @@ std::vector<KernelNeighbour> Netlink::neighbours() {
     each<rtnl_neigh>(dump(requests_, "route/neigh", AF_UNSPEC), [&](rtnl_neigh *neighbour) {
         const int state = rtnl_neigh_get_state(neighbour);
         const std::string address = dotted(rtnl_neigh_get_dst(neighbour));
-        if (!address.empty()) /* IPv4 */
+        if (!address.empty() && !(state > 0 && (state & NUD_NOARP))) /* IPv4, and no multicast group */
             all.push_back({rtnl_neigh_get_ifindex(neighbour), mac_of(rtnl_neigh_get_lladdr(neighbour)), address,
                            state > 0 && !(state & gone)});
     });
