@@ -36,6 +36,10 @@ class Keel:
         lines = self._ask("get", path, name)
         return lines[0][name] if lines else None
 
+    def instances(self, path):
+        lines = self._ask("get", path)
+        return [child["name"] for child in lines[0]["children"]] if lines else []
+
     def add(self, path, key, **values):
         return self._ask("add", path, key, *(f"{name}={value}" for name, value in values.items())) is not None
 
