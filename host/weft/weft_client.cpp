@@ -237,7 +237,8 @@ void write_parameter(const std::string &name, const std::string &parameter, cons
     const auto value = from_variant(variant);
     const auto dot = parameter.rfind('.');
     const std::string object = interface_path(name) + (dot == std::string::npos ? "" : "." + parameter.substr(0, dot));
-    provide_fixed_address(host_model(), name);
+    if (dot != std::string::npos) /* it may be the fixed address's */
+        provide_fixed_address(host_model(), name);
     if (!value)
         report(Refusal{object, "\"" + parameter + "\" has no value"});
     else if (dot != std::string::npos && !host_model().find(object))
