@@ -1,5 +1,7 @@
 #include "host/linux/wan_clients.h"
 
+#include <algorithm>
+
 #include "host/core/graph.h"
 #include "host/core/trace.h"
 #include "host/core/wan_client_model.h"
@@ -8,7 +10,8 @@ namespace keel {
 
 namespace {
 constexpr std::uint64_t restart_delay_ms = 2000; /* of a client that ended by itself */
-}
+constexpr std::uint64_t start_gap_ms = 25;       /* between the starts of two clients */
+} // namespace
 
 WanClients::WanClients(UvLoop &loop, Model &model, std::string udhcpc, std::string report_script)
     : loop_(loop), model_(model), udhcpc_(std::move(udhcpc)), script_(std::move(report_script)),
@@ -37,7 +40,7 @@ void WanClients::follow_model() {
             continue;
         client = std::make_unique<Client>();
         client->device = device;
-        start(name, *client);
+        start_later(name, *client, 0);
     }
 }
 
@@ -102,13 +105,20 @@ void WanClients::ended(const std::string &name, int status) {
         return;
     trace(Level::Warning, "wan", "%s: its DHCP client ended with status %d; it is started again", name.c_str(), status);
     set_wan_status(model_, name, "Idle");
-    found->second->restart = loop_.start_timer(restart_delay_ms, [this, name] {
-        const auto client = clients_.find(name);
-        if (client == clients_.end())
+    start_later(name, *found->second, restart_delay_ms);
+}
+
+/* udhcpc draws its transaction ids from the instant of its start, and all clients of a device have its MAC address: two
+ * that started together would take each other's leases. */
+void WanClients::start_later(const std::string &name, Client &client, std::uint64_t delay_ms) {
+    latest_start_ms_ = std::max(loop_.now_ms() + delay_ms, latest_start_ms_ + start_gap_ms);
+    client.restart = loop_.start_timer(latest_start_ms_ - loop_.now_ms(), [this, name] {
+        const auto found = clients_.find(name);
+        if (found == clients_.end())
             return;
-        client->second->restart = 0;
-        client->second->reader = {};
-        start(name, *client->second);
+        found->second->restart = 0;
+        found->second->reader = {};
+        start(name, *found->second);
     });
 }
 

@@ -36,6 +36,7 @@ private:
 
     void follow_model();
     void start(const std::string &name, Client &client);
+    void start_later(const std::string &name, Client &client, std::uint64_t delay_ms);
     void stop(const std::string &name);
     void take(const std::string &name, const UdhcpcReport &report);
     void ended(const std::string &name, int status);
@@ -45,6 +46,7 @@ private:
     std::string udhcpc_;
     std::string script_;
     std::map<std::string, std::unique_ptr<Client>> clients_;
+    std::uint64_t latest_start_ms_ = 0; /* of those made and still to come */
     Recheck recheck_;
 };
 
