@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "host/core/host.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/platform/plugin.h"
 #include "host/sim/sim_loop.h"
 #include "platform/keel.h"
 

@@ -11,9 +11,9 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "host/base/trace.h"
+#include "host/base/uv_loop.h"
 #include "host/control/control.h"
-#include "host/core/trace.h"
-#include "host/core/uv_loop.h"
 
 namespace keel {
 

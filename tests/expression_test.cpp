@@ -3,7 +3,7 @@
 #include <map>
 #include <set>
 
-#include "host/core/expression.h"
+#include "host/model/expression.h"
 
 using namespace keel;
 

@@ -3,7 +3,7 @@
 
 #include <random>
 
-#include "host/core/trace.h"
+#include "host/base/trace.h"
 #include "host/dhcp/lan_server.h"
 #include "host/sim/sim_lan.h"
 #include "host/sim/sim_loop.h"

@@ -13,9 +13,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "host/core/graph.h"
-#include "host/core/interface_state.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
+#include "host/gateway/interface_state.h"
 #include "host/linux/chains.h"
 #include "host/linux/child.h"
 #include "host/linux/firewall_policy.h"

@@ -11,11 +11,11 @@
 
 #include <sqlite3.h>
 
-#include "host/core/model.h"
-#include "host/core/settings.h"
-#include "host/core/store.h"
-#include "host/core/trace.h"
-#include "host/core/uv_loop.h"
+#include "host/base/trace.h"
+#include "host/base/uv_loop.h"
+#include "host/gateway/settings.h"
+#include "host/model/model.h"
+#include "host/model/store.h"
 #include "host/sim/sim_loop.h"
 
 namespace keel {

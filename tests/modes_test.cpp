@@ -1,6 +1,6 @@
 /* Every change of the mode, on the virtual clock: what is in force afterwards is the new mode's, whole, and nothing of
  * the old one's but what is meant to stay. */
-#include "host/core/graph.h"
+#include "host/gateway/graph.h"
 #include "tests/sim_gateway.h"
 
 namespace keel {

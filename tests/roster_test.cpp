@@ -3,8 +3,8 @@
 #include <functional>
 #include <utility>
 
-#include "host/core/host.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/platform/plugin.h"
 #include "host/sim/sim_loop.h"
 #include "platform/roster.h"
 

@@ -17,12 +17,12 @@
 #include <string>
 #include <vector>
 
-#include "host/core/host.h"
-#include "host/core/interface_state.h"
-#include "host/core/settings.h"
-#include "host/core/store.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
 #include "host/dhcp/lan_server.h"
+#include "host/gateway/interface_state.h"
+#include "host/gateway/settings.h"
+#include "host/model/store.h"
+#include "host/platform/plugin.h"
 #include "host/sim/sim_kernel.h"
 #include "host/sim/sim_lan.h"
 #include "host/sim/sim_loop.h"

@@ -4,9 +4,9 @@
 #include <functional>
 #include <set>
 
-#include "host/core/graph.h"
-#include "host/core/host.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
+#include "host/platform/plugin.h"
 #include "host/sim/sim_loop.h"
 #include "platform/keel.h"
 #include "platform/weft.h"

@@ -12,7 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/core/trace.h"
+#include "host/base/trace.h"
 
 namespace keel {
 

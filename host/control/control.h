@@ -19,8 +19,8 @@
 #include <set>
 #include <string>
 
-#include "host/core/model.h"
-#include "host/core/uv_loop.h"
+#include "host/base/uv_loop.h"
+#include "host/model/model.h"
 
 namespace keel {
 

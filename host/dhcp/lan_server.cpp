@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "host/core/trace.h"
+#include "host/base/trace.h"
 
 namespace keel {
 

@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
-#include "host/core/model.h"
 #include "host/dhcp/packet.h"
+#include "host/model/model.h"
 
 namespace keel {
 

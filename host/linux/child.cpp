@@ -3,8 +3,9 @@
 #include <csignal>
 
 #include <algorithm>
+#include <utility>
 
-#include "host/core/trace.h"
+#include "host/base/trace.h"
 
 namespace keel {
 

@@ -11,8 +11,8 @@
 
 #include <uv.h>
 
-#include "host/core/host.h"
-#include "host/core/uv_loop.h"
+#include "host/base/process_runner.h"
+#include "host/base/uv_loop.h"
 
 namespace keel {
 

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <string_view>
 
-#include "host/core/graph.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
 #include "host/linux/chains.h"
 
 namespace keel {

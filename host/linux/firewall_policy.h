@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/core/recheck.h"
-#include "host/core/uv_loop.h"
+#include "host/base/uv_loop.h"
 #include "host/linux/child.h"
+#include "host/model/recheck.h"
 
 namespace keel {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <fstream>
 
-#include "host/core/graph.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
 
 namespace keel {
 

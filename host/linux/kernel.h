@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "host/core/recheck.h"
 #include "host/linux/netlink.h"
+#include "host/model/recheck.h"
 
 namespace keel {
 

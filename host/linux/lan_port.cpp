@@ -15,7 +15,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/core/trace.h"
+#include "host/base/trace.h"
 
 namespace keel {
 

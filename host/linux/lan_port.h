@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "host/core/uv_loop.h"
+#include "host/base/uv_loop.h"
 #include "host/dhcp/lan_server.h"
 
 namespace keel {

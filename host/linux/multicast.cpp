@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "host/core/graph.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
 
 namespace keel {
 

@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "host/core/recheck.h"
-#include "host/core/uv_loop.h"
+#include "host/base/uv_loop.h"
 #include "host/linux/child.h"
+#include "host/model/recheck.h"
 
 namespace keel {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/core/uv_loop.h"
+#include "host/base/uv_loop.h"
 
 struct nl_sock;
 

@@ -2,8 +2,8 @@
 
 #include <set>
 
-#include "host/core/graph.h"
-#include "host/core/trace.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
 
 namespace keel {
 

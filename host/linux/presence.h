@@ -7,8 +7,8 @@
 #include <map>
 #include <string>
 
-#include "host/core/recheck.h"
 #include "host/linux/netlink.h"
+#include "host/model/recheck.h"
 
 namespace keel {
 

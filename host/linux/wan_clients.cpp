@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "host/core/graph.h"
-#include "host/core/trace.h"
-#include "host/core/wan_client_model.h"
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
+#include "host/gateway/wan_client_model.h"
 
 namespace keel {
 

@@ -8,10 +8,10 @@
 #include <memory>
 #include <string>
 
-#include "host/core/recheck.h"
-#include "host/core/uv_loop.h"
+#include "host/base/uv_loop.h"
 #include "host/linux/child.h"
 #include "host/linux/udhcpc.h"
+#include "host/model/recheck.h"
 
 namespace keel {
 

@@ -1,6 +1,6 @@
 #include "host/sim/sim_kernel.h"
 
-#include "host/core/graph.h"
+#include "host/gateway/graph.h"
 
 namespace keel {
 

@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "host/core/model.h"
+#include "host/model/model.h"
 
 namespace keel {
 

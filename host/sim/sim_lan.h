@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/core/loop.h"
+#include "host/base/loop.h"
 #include "host/dhcp/lan_server.h"
 
 namespace keel {

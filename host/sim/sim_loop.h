@@ -8,7 +8,7 @@
 #include <map>
 #include <utility>
 
-#include "host/core/loop.h"
+#include "host/base/loop.h"
 
 namespace keel {
 

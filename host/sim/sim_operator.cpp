@@ -1,7 +1,7 @@
 #include "host/sim/sim_operator.h"
 
-#include "host/core/graph.h"
-#include "host/core/wan_client_model.h"
+#include "host/gateway/graph.h"
+#include "host/gateway/wan_client_model.h"
 
 namespace keel {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/core/recheck.h"
+#include "host/model/recheck.h"
 
 namespace keel {
 

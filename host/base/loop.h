@@ -1,0 +1,38 @@
+/*
+ * The event loop: everything the host does happens on it, one task at a time.
+ */
+#ifndef HOST_BASE_LOOP_H
+#define HOST_BASE_LOOP_H
+
+#include <cstdint>
+#include <functional>
+
+namespace keel {
+
+/* What components need of a loop. The real one (uv_loop.h) runs on libuv, its twin (sim/sim_loop.h) on a virtual clock.
+ */
+class Loop {
+public:
+    using Task = std::function<void()>;
+    using TimerId = std::uint64_t; /* never 0 */
+
+    Loop() = default;
+    Loop(const Loop &) = delete;
+    Loop &operator=(const Loop &) = delete;
+    virtual ~Loop() = default;
+
+    /* Runs the task on a later turn, after every task posted before it. */
+    virtual void post(Task task) = 0;
+    /* Runs the task once after the delay, on a later turn, also for 0 ms. */
+    virtual TimerId start_timer(std::uint64_t milliseconds, Task task) = 0;
+    /* Cancels a timer that has not run; an unknown id is ignored. */
+    virtual void cancel_timer(TimerId id) = 0;
+    /* Monotonic, ms. */
+    virtual std::uint64_t now_ms() const = 0;
+    /* Seconds since the epoch, for what is stored. */
+    virtual std::uint64_t wall_clock_s() const = 0;
+};
+
+} // namespace keel
+
+#endif

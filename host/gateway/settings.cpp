@@ -1,0 +1,93 @@
+#include "host/gateway/settings.h"
+
+#include "host/base/trace.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *keel_path = "Keel";
+constexpr const char *service_path = "Keel.Zephyrin";
+constexpr std::uint32_t mode_left = 101;
+constexpr std::uint32_t settings_in_force = 102;
+
+void write(Model &model, const char *path, const Values &values) {
+    if (const Outcome refusal = model.set(path, values))
+        trace(Level::Error, "settings", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
+}
+
+} // namespace
+
+Settings::Settings(Model &model)
+    : model_(model), mode_{keel_path, "IPTVMode", {}}, interface_{service_path, "Interface", {}} {
+    write(model_, service_path, {{"Interface", model_.text(keel_path, "IPTVMode")}});
+    for (const char *name : {"Enable", "Mode", "Interface", "WanMode"})
+        if (const auto value = model_.get(service_path, name))
+            service_[name] = *value;
+    if (service_.size() != 4)
+        throw ModelError("the data model has no complete object Keel.Zephyrin");
+    follow_holds();
+    start_ = model_.latest_event();
+    watch_ = model_.watch(keel_path, [this](const Event &event) { on_event(event); });
+}
+
+Settings::~Settings() {
+    model_.unwatch(watch_);
+}
+
+void Settings::copy_to(Name &name, const Value &value) {
+    const std::uint64_t before = model_.latest_event();
+    write(model_, name.path, {{name.parameter, value}});
+    if (model_.latest_event() != before)
+        name.copies.insert(model_.latest_event());
+}
+
+/* The latest write by others decides for both names, also when there were several before the first was told. */
+void Settings::follow_name(Name &written, Name &other, const Event &event) {
+    const auto value = event.values.find(written.parameter);
+    if (value == event.values.end() || written.copies.erase(event.number) != 0)
+        return;
+    copy_to(other, value->second);
+    if (!written.copies.empty()) /* an earlier write was copied over this one */
+        copy_to(written, value->second);
+}
+
+void Settings::on_event(const Event &event) {
+    if (event.kind != Event::Kind::Changed || event.number <= start_)
+        return;
+    const std::string path = event.path();
+    if (path == keel_path) {
+        follow_name(mode_, interface_, event);
+    } else if (path == service_path) {
+        follow_name(interface_, mode_, event);
+        service_changed(event);
+    }
+}
+
+void Settings::service_changed(const Event &event) {
+    const auto changed = [&](const char *name) { return event.values.contains(name); };
+    const bool was_enabled = std::get<bool>(service_["Enable"]);
+    for (const auto &[name, value] : event.values)
+        service_[name] = value;
+    const bool enabled = std::get<bool>(service_["Enable"]);
+    const bool moved = changed("Mode") || changed("Interface");
+    if (!changed("Enable") && !moved && !changed("WanMode"))
+        return;
+    follow_holds();
+    if (was_enabled && (!enabled || moved))
+        model_.notify(service_path, mode_left, {});
+    if (enabled)
+        model_.notify(
+            service_path, settings_in_force,
+            {{"Mode", service_["Mode"]}, {"Interface", service_["Interface"]}, {"WanMode", service_["WanMode"]}});
+}
+
+void Settings::follow_holds() {
+    const bool hold = model_.boolean(service_path, "Enable") && model_.text(service_path, "Mode") == "Routed" &&
+                      model_.text(service_path, "Interface") == "Dedicated";
+    for (const char *pool : {"DHCPv4.Server.Pool.zep_itf", "DHCPv4.Server.Pool.zep_stb"})
+        if (model_.find(pool))
+            write(model_, pool, {{"LeasesOnHold", hold}});
+}
+
+} // namespace keel

@@ -1,0 +1,50 @@
+/*
+ * What follows from a write to the IPTV settings.
+ */
+#ifndef HOST_GATEWAY_SETTINGS_H
+#define HOST_GATEWAY_SETTINGS_H
+
+#include <cstdint>
+#include <set>
+
+#include "host/model/model.h"
+
+namespace keel {
+
+/* Works on writes made after its construction; what was before is the state that it starts from.
+ *
+ * Keeps "IPTVMode" of "Keel" and "Interface" of "Keel.Zephyrin" one setting, tells the plug-in's sub-modules of changes
+ * by notifications 101 (the mode is left) and 102 (the settings are in force), and has the two IPTV pools of the LAN
+ * DHCP server hold their leases while the mode is Routed over the Dedicated interface. */
+class Settings {
+public:
+    explicit Settings(Model &model);
+    Settings(const Settings &) = delete;
+    Settings &operator=(const Settings &) = delete;
+    ~Settings();
+
+private:
+    /* One of the two names of the interface setting. */
+    struct Name {
+        const char *path;
+        const char *parameter;
+        std::set<std::uint64_t> copies; /* events of copies made to it which have not been told yet */
+    };
+
+    void copy_to(Name &name, const Value &value);
+    void follow_name(Name &written, Name &other, const Event &event);
+    void on_event(const Event &event);
+    void service_changed(const Event &event);
+    void follow_holds();
+
+    Model &model_;
+    Model::WatchId watch_;
+    std::uint64_t start_ = 0; /* the latest event at construction */
+    Name mode_;
+    Name interface_;
+    Values service_; /* the settings as of the event being looked at */
+};
+
+} // namespace keel
+
+#endif

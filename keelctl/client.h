@@ -1,0 +1,52 @@
+/*
+ * keelctl's end of the control socket.
+ */
+#ifndef KEELCTL_CLIENT_H
+#define KEELCTL_CLIENT_H
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace keelctl {
+
+using Json = nlohmann::ordered_json;
+
+/* The host refused: what() says why, on which object. */
+class Refused : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/* The host cannot be talked to. */
+class Unreachable : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Client {
+public:
+    explicit Client(const std::string &socket);
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    ~Client();
+
+    /* Sends a message and returns its answer; throws Refused when it says no. */
+    Json ask(const Json &message);
+    void send(const Json &message);
+    /* The next line; nothing when the host has closed the connection. */
+    std::optional<Json> next();
+    /* The tree at a path, empty when there is none. */
+    Json tree(const std::string &path);
+
+private:
+    int socket_;
+    std::string name_;
+    std::string input_;
+};
+
+} // namespace keelctl
+
+#endif

@@ -1,0 +1,201 @@
+/*
+ * keelctl: looks into a running keelhost and changes its data model.
+ */
+#include <CLI/CLI.hpp>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "keelctl/client.h"
+#include "keelctl/status.h"
+
+using namespace keelctl;
+
+namespace {
+
+struct Options {
+    std::string socket = "/run/keel/keel.sock";
+    bool script = false;
+    std::string path;
+    std::vector<std::string> words;
+    bool follow = false;
+    unsigned lines = 50;
+};
+
+std::string value_text(const Json &value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+void print_json(const Json &json) {
+    std::printf("%s\n", json.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+    std::fflush(stdout);
+}
+
+/* NAME=VALUE words as the values of a message. */
+Json values_of(const std::vector<std::string> &words) {
+    Json values = Json::object();
+    for (const std::string &word : words) {
+        const auto equals = word.find('=');
+        if (equals == std::string::npos || equals == 0)
+            throw Refused("\"" + word + "\" is not of the form NAME=VALUE");
+        values[word.substr(0, equals)] = word.substr(equals + 1);
+    }
+    return values;
+}
+
+void print_tree(const Json &tree, const std::string &path) {
+    for (const auto &[name, value] : tree["parameters"].items())
+        std::printf("%s.%s=%s\n", path.c_str(), name.c_str(), value_text(value).c_str());
+    for (const Json &one : tree["children"])
+        print_tree(one, path + "." + one["name"].get<std::string>());
+}
+
+void status(Client &client, const Options &options) {
+    const Json gathered = gather_status(client);
+    if (options.script)
+        print_json(gathered);
+    else
+        std::printf("%s", print_status(gathered, isatty(STDOUT_FILENO)).c_str());
+}
+
+void get(Client &client, const Options &options) {
+    const Json tree = client.ask({{"op", "get"}, {"path", options.path}})["tree"];
+    if (options.words.empty()) {
+        if (options.script)
+            print_json(tree);
+        else
+            print_tree(tree, options.path);
+        return;
+    }
+    for (const std::string &name : options.words) {
+        if (!tree["parameters"].contains(name))
+            throw Refused(options.path + ": no parameter \"" + name + "\"");
+        if (options.script)
+            print_json({{name, tree["parameters"][name]}});
+        else
+            std::printf("%s\n", value_text(tree["parameters"][name]).c_str());
+    }
+}
+
+void set(Client &client, const Options &options) {
+    client.ask({{"op", "set"}, {"path", options.path}, {"values", values_of(options.words)}});
+}
+
+void add(Client &client, const Options &options) {
+    std::vector<std::string> words = options.words;
+    Json message{{"op", "add"}, {"path", options.path}};
+    if (!words.empty() && words.front().find('=') == std::string::npos) {
+        message["key"] = words.front();
+        words.erase(words.begin());
+    }
+    message["values"] = values_of(words);
+    const std::string name = client.ask(message)["name"];
+    if (options.script)
+        print_json({{"name", name}});
+    else
+        std::printf("%s.%s\n", options.path.c_str(), name.c_str());
+}
+
+void del(Client &client, const Options &options) {
+    client.ask({{"op", "del"}, {"path", options.path}});
+}
+
+void watch(Client &client, const Options &options) {
+    client.ask({{"op", "watch"}, {"path", options.path}});
+    while (const auto event = client.next()) {
+        if (options.script) {
+            print_json(*event);
+            continue;
+        }
+        std::printf("%s %s", (*event)["event"].get<std::string>().c_str(), (*event)["path"].get<std::string>().c_str());
+        for (const auto &[name, value] : (*event)["values"].items())
+            std::printf(" %s=%s", name.c_str(), value_text(value).c_str());
+        std::printf("\n");
+        std::fflush(stdout);
+    }
+    throw Unreachable(options.socket + ": the host has gone");
+}
+
+void trace(Client &client, const Options &options) {
+    client.send({{"op", "trace"}, {"lines", options.lines}, {"follow", options.follow}});
+    while (const auto line = client.next()) {
+        if (line->contains("ok")) {
+            if (!options.follow)
+                return;
+            continue;
+        }
+        if (options.script) {
+            print_json(*line);
+            continue;
+        }
+        const auto milliseconds = (*line)["time_ms"].get<std::uint64_t>();
+        const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
+        std::tm local{};
+        localtime_r(&seconds, &local);
+        const unsigned level = (*line)["level"].get<unsigned>();
+        std::printf("%02d:%02d:%02d.%03u %c %s: %s\n", local.tm_hour, local.tm_min, local.tm_sec,
+                    static_cast<unsigned>(milliseconds % 1000),
+                    level <= 100   ? 'x'
+                    : level <= 200 ? '!'
+                                   : 'i',
+                    (*line)["zone"].get<std::string>().c_str(), (*line)["text"].get<std::string>().c_str());
+        std::fflush(stdout);
+    }
+    throw Unreachable(options.socket + ": the host has gone");
+}
+
+/* A subcommand: its name, what it does, what its words are called ("" for none), and who does it. */
+struct Command {
+    const char *name;
+    const char *help;
+    const char *words;
+    void (*run)(Client &client, const Options &options);
+};
+
+const Command commands[] = {
+    {"get", "print an object and what is below it, or single parameters of it", "PARAMETER", get},
+    {"set", "write parameters of an object; several at once are one change", "NAME=VALUE", set},
+    {"add", "add an instance, named by the key or by the model", "[KEY] NAME=VALUE", add},
+    {"del", "delete an instance", "", del},
+    {"watch", "print every change at and below a path, until interrupted", "", watch},
+    {"trace", "print the recent traces", nullptr, trace},
+};
+
+} // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    CLI::App app{"Without a command: the IPTV service at a glance.", "keelctl"};
+    app.add_option("--socket", options.socket, "the host's socket")->capture_default_str();
+    app.add_flag("-S", options.script, "print JSON lines, for scripts");
+    app.require_subcommand(0, 1);
+    void (*run)(Client &, const Options &) = status;
+    for (const Command &command : commands) {
+        CLI::App *sub = app.add_subcommand(command.name, command.help);
+        sub->callback([&run, &command] { run = command.run; });
+        if (!command.words) {
+            sub->add_flag("-f,--follow", options.follow, "go on with those to come");
+            sub->add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
+            continue;
+        }
+        sub->add_option("path", options.path, "an object, such as Keel.Zephyrin")->required();
+        if (*command.words)
+            sub->add_option("words", options.words, command.words);
+    }
+    CLI11_PARSE(app, argc, argv);
+    try {
+        Client client(options.socket);
+        run(client, options);
+        return 0;
+    } catch (const Unreachable &failure) {
+        std::fprintf(stderr, "keelctl: %s\n", failure.what());
+        return 2;
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "keelctl: %s\n", failure.what());
+        return 1;
+    }
+}

@@ -1,0 +1,169 @@
+/*
+ * keelhost: the data model, its components on this Linux machine, and the plug-in.
+ */
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "host/base/trace.h"
+#include "host/base/uv_loop.h"
+#include "host/control/control.h"
+#include "host/dhcp/lan_server.h"
+#include "host/gateway/graph.h"
+#include "host/gateway/interface_state.h"
+#include "host/gateway/settings.h"
+#include "host/linux/chains.h"
+#include "host/linux/child.h"
+#include "host/linux/firewall_policy.h"
+#include "host/linux/kernel.h"
+#include "host/linux/lan_port.h"
+#include "host/linux/multicast.h"
+#include "host/linux/presence.h"
+#include "host/linux/wan_clients.h"
+#include "host/model/store.h"
+#include "host/platform/plugin.h"
+
+using namespace keel;
+
+namespace {
+
+constexpr std::uint64_t settle_ms = 3000; /* at the end, for what the plug-in's cleanup has set going */
+
+struct Options {
+    std::string model;
+    std::string store = "/var/lib/keel/keel.db";
+    std::string socket = "/run/keel/keel.sock";
+    std::string plugin;
+    std::string share;
+    std::string udhcpc = "udhcpc";
+    std::string igmpproxy = "igmpproxy";
+};
+
+/* The installed place, or the one in a build folder. */
+std::string default_place(const std::string &installed, const std::string &built) {
+    const auto program = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    const auto beside = (program / installed).lexically_normal();
+    return std::filesystem::exists(beside) ? beside.string() : (program / built).lexically_normal().string();
+}
+
+/* The WAN MAC address is the base of the client identifiers; the environment has the first word. */
+void provide_wan_address(const Model &model) {
+    if (std::getenv("WAN_ADDR"))
+        return;
+    const std::string device = netdev_below(model, "iptv");
+    const std::string mac = link_address(device);
+    if (mac.empty()) {
+        trace(Level::Error, "host", "WAN_ADDR is not set and %s has no MAC address: the routed mode stays off",
+              device.empty() ? "no device below iptv" : device.c_str());
+        return;
+    }
+    trace(Level::Info, "host", "WAN_ADDR is not set: the MAC address of %s is taken, %s", device.c_str(), mac.c_str());
+    setenv("WAN_ADDR", mac.c_str(), 1);
+}
+
+/* Everything in the order in which it is made; it goes in the reverse order. */
+class Host {
+public:
+    explicit Host(const Options &options)
+        : model_(loop_), loaded_((model_.load_file(options.model), true)), store_(loop_, model_, options.store),
+          settings_(model_), control_(loop_, model_, options.socket, [this] { store_.flush(); }),
+          kernel_(loop_, model_), interface_state_(loop_, model_), presence_(loop_, model_),
+          firewall_policy_(loop_, model_),
+          multicast_(loop_, model_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
+          lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
+                    [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
+          lan_server_(loop_, model_, lan_port_),
+          wan_clients_(loop_, model_, options.udhcpc, options.share + "/udhcpc-report.sh"), runner_(loop_) {
+        host_attach(loop_, model_, runner_);
+        provide_wan_address(model_);
+    }
+
+    void run() {
+        for (const int number : {SIGTERM, SIGINT}) {
+            auto *handler = new uv_signal_t;
+            uv_signal_init(loop_.handle(), handler);
+            handler->data = this;
+            uv_signal_start_oneshot(
+                handler, [](uv_signal_t *raised, int) { static_cast<Host *>(raised->data)->loop_.stop(); }, number);
+            signals_.push_back(handler);
+        }
+        loop_.run();
+        trace(Level::Info, "host", "stopping");
+        for (uv_signal_t *handler : signals_)
+            uv_close(reinterpret_cast<uv_handle_t *>(handler),
+                     [](uv_handle_t *closed) { delete reinterpret_cast<uv_signal_t *>(closed); });
+    }
+
+    /* After the plug-in is gone: what it has written last reaches kernel, clients and store. */
+    void settle() { loop_.settle(settle_ms); }
+
+private:
+    UvLoop loop_;
+    Model model_;
+    bool loaded_;
+    Store store_;
+    Settings settings_;
+    Control control_;
+    Kernel kernel_;
+    InterfaceState interface_state_;
+    Presence presence_;
+    FirewallPolicy firewall_policy_;
+    Multicast multicast_;
+    PacketLanPort lan_port_;
+    LanDhcpServer lan_server_;
+    WanClients wan_clients_;
+    UvProcessRunner runner_;
+    std::vector<uv_signal_t *> signals_;
+};
+
+int run(const Options &options) {
+    std::string error;
+    if (!set_up_chains(options.share + "/chains.sh", &error)) {
+        std::fprintf(stderr, "keelhost: %s\n", error.c_str());
+        return 1;
+    }
+    Host host(options);
+    if (!plugin_load(options.plugin, &error)) {
+        std::fprintf(stderr, "keelhost: the plug-in cannot be loaded: %s\n", error.c_str());
+        host_detach();
+        return 1;
+    }
+    trace(Level::Info, "host", "up");
+    host.run();
+    plugin_unload();
+    host.settle();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    options.share = default_place("../share/keel", "../../share");
+    options.plugin = default_place("../lib/keel/zephyrin.so", "zephyrin.so");
+    CLI::App app{"Runs the plug-in of a gateway's network manager on this machine.", "keelhost"};
+    app.set_version_flag("--version", "keelhost 1.0");
+    app.add_option("--model", options.model, "data-model file (default: gateway.json of the share folder)");
+    app.add_option("--store", options.store, "SQLite file of what survives")->capture_default_str();
+    app.add_option("--socket", options.socket, "Unix socket for keelctl")->capture_default_str();
+    app.add_option("--plugin", options.plugin, "the plug-in")->capture_default_str();
+    app.add_option("--share", options.share, "folder of chains.sh and udhcpc-report.sh")->capture_default_str();
+    app.add_option("--udhcpc", options.udhcpc, "the DHCP client program")->capture_default_str();
+    app.add_option("--igmpproxy", options.igmpproxy, "the multicast daemon's program")->capture_default_str();
+    CLI11_PARSE(app, argc, argv);
+    if (options.model.empty())
+        options.model = options.share + "/gateway.json";
+
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return run(options);
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "keelhost: %s\n", failure.what());
+        return 1;
+    }
+}
