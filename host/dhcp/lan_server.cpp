@@ -24,17 +24,6 @@ enum : std::uint8_t {
     option_rebinding = 59
 };
 
-Bytes bytes_of(std::uint32_t number) {
-    return {static_cast<std::uint8_t>(number >> 24), static_cast<std::uint8_t>(number >> 16),
-            static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)};
-}
-
-std::string mac_text(const HardwareAddress &mac) {
-    char text[18];
-    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return text;
-}
-
 /* FNV-1a, 64 bits: the same in every run, which std::hash does not promise. */
 std::uint64_t stable_hash(const Bytes &bytes) {
     std::uint64_t hash = 14695981039346656037U;
@@ -132,8 +121,8 @@ std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &me
         for (const std::string &number : model_.instances(pool_path(pool) + ".Rule")) {
             const std::string path = pool_path(pool) + ".Rule." + number;
             const std::string wanted = model_.text(path, "VendorClass");
-            const Rule rule{pool, path, parse_ipv4(model_.text(path, "MinAddress")),
-                            parse_ipv4(model_.text(path, "MaxAddress"))};
+            const Rule rule{pool, path, ipv4_or_none(model_.text(path, "MinAddress")),
+                            ipv4_or_none(model_.text(path, "MaxAddress"))};
             if (wanted.empty() && !rest)
                 rest = rule;
             else if (!wanted.empty() && message.vendor_class.starts_with(wanted))
@@ -158,13 +147,13 @@ void LanDhcpServer::discover(const DhcpMessage &message, const Rule &rule, const
 }
 
 void LanDhcpServer::request(const DhcpMessage &message, const Rule &rule, const std::string &id) {
-    const std::uint32_t server = parse_ipv4(model_.text(pool_path(rule.pool), "Router"));
+    const std::uint32_t server = ipv4_or_none(model_.text(pool_path(rule.pool), "Router"));
     if (message.server_id != 0 && message.server_id != server)
         return; /* it took another server's offer */
     const std::uint32_t wanted = message.requested_address ? message.requested_address : message.client_address;
     const std::string path = lease_path(rule, id);
     const bool known = model_.find(path) != nullptr;
-    const bool right = known && parse_ipv4(model_.text(path, "IPAddress")) == wanted;
+    const bool right = known && ipv4_or_none(model_.text(path, "IPAddress")) == wanted;
     if (right && model_.boolean(path, "OnHold")) {
         park(message, rule, id);
         return;
@@ -189,11 +178,11 @@ void LanDhcpServer::request(const DhcpMessage &message, const Rule &rule, const 
 void LanDhcpServer::release(const DhcpMessage &message, const Rule &rule, const std::string &id, bool declined) {
     const std::string path = lease_path(rule, id);
     const std::uint32_t address = declined ? message.requested_address : message.client_address;
-    if (!model_.find(path) || address == 0 || parse_ipv4(model_.text(path, "IPAddress")) != address)
+    if (!model_.find(path) || address == 0 || ipv4_or_none(model_.text(path, "IPAddress")) != address)
         return;
     if (declined) {
         trace(Level::Warning, "lan", "%s is in use by another device, says %s; it is set aside",
-              format_ipv4(address).c_str(), mac_text(message.hardware).c_str());
+              format_ipv4(address).c_str(), format_mac(message.hardware.data()).c_str());
         declined_until_[address] = loop_.wall_clock_s() + declined_for_s;
     }
     model_.remove(path);
@@ -258,7 +247,7 @@ bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, cons
     const Outcome refusal = model_.add(rule.path + ".Lease", id,
                                        {{"ClientID", id},
                                         {"IPAddress", format_ipv4(address)},
-                                        {"MACAddress", mac_text(message.hardware)},
+                                        {"MACAddress", format_mac(message.hardware.data())},
                                         {"OnHold", hold},
                                         {"Expires", static_cast<std::int64_t>(loop_.wall_clock_s() + offer_valid_s)}});
     if (refusal) {
@@ -292,10 +281,10 @@ void LanDhcpServer::answer_lease(const DhcpMessage &message, const Rule &rule, c
     const std::string path = lease_path(rule, id);
     parked_.erase(path);
     const std::uint32_t time = lease_time(rule);
-    DhcpReply reply{type, parse_ipv4(model_.text(path, "IPAddress")), 0, {}};
-    reply.options[option_lease_time] = bytes_of(time);
-    reply.options[option_renewal] = bytes_of(time / 2);
-    reply.options[option_rebinding] = bytes_of(time / 8 * 7);
+    DhcpReply reply{type, ipv4_or_none(model_.text(path, "IPAddress")), 0, {}};
+    reply.options[option_lease_time] = network_bytes(time);
+    reply.options[option_renewal] = network_bytes(time / 2);
+    reply.options[option_rebinding] = network_bytes(time / 8 * 7);
     const std::uint64_t valid = type == DhcpType::Ack ? time : offer_valid_s;
     const std::int64_t until = static_cast<std::int64_t>(loop_.wall_clock_s() + valid);
     if (type == DhcpType::Ack || model_.integer(path, "Expires") < until)
@@ -306,14 +295,14 @@ void LanDhcpServer::answer_lease(const DhcpMessage &message, const Rule &rule, c
 
 void LanDhcpServer::answer(const DhcpMessage &message, const Rule &rule, DhcpReply reply) {
     const std::string pool = pool_path(rule.pool);
-    const std::uint32_t router = parse_ipv4(model_.text(pool, "Router"));
+    const std::uint32_t router = ipv4_or_none(model_.text(pool, "Router"));
     reply.server = router;
     if (reply.type != DhcpType::Nak) {
-        reply.options[option_mask] = bytes_of(parse_ipv4(model_.text(pool, "SubnetMask")));
-        reply.options[option_router] = bytes_of(router);
+        reply.options[option_mask] = network_bytes(ipv4_or_none(model_.text(pool, "SubnetMask")));
+        reply.options[option_router] = network_bytes(router);
         for (const std::string &name : model_.instances(pool + ".Option")) {
             const std::string path = pool + ".Option." + name;
-            const Bytes value = parse_hex(model_.text(path, "Value"));
+            const Bytes value = parse_hex(model_.text(path, "Value")).value_or(Bytes());
             const bool empty = std::all_of(value.begin(), value.end(), [](std::uint8_t b) { return b == 0; });
             const auto tag = static_cast<std::uint8_t>(model_.integer(path, "Tag"));
             if (model_.boolean(path, "Enable") && !empty && value.size() <= 255 && tag > 0 && tag < 255)

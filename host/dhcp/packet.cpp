@@ -4,7 +4,6 @@
 #include <tins/dhcp.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <exception>
 
 namespace keel {
@@ -31,43 +30,12 @@ Bytes option_of(const Tins::DHCP &packet, Tins::DHCP::OptionTypes number) {
     return option ? Bytes(option->data_ptr(), option->data_ptr() + option->data_size()) : Bytes();
 }
 
+/* 0 for what is no address. */
 std::uint32_t address_of(const Bytes &bytes) {
-    if (bytes.size() != 4)
-        return 0;
-    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+    return bytes.size() == 4 ? network_number(bytes.data()) : 0;
 }
 
 } // namespace
-
-std::uint32_t parse_ipv4(const std::string &dotted) {
-    in_addr address{};
-    return inet_pton(AF_INET, dotted.c_str(), &address) == 1 ? ntohl(address.s_addr) : 0;
-}
-
-std::string format_ipv4(std::uint32_t address) {
-    char text[INET_ADDRSTRLEN];
-    const in_addr network{htonl(address)};
-    return inet_ntop(AF_INET, &network, text, sizeof text);
-}
-
-Bytes parse_hex(const std::string &hex) {
-    Bytes bytes;
-    if (hex.size() % 2 != 0 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        return bytes;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
-
-std::string format_hex(const Bytes &bytes) {
-    std::string text;
-    char digits[3];
-    for (const std::uint8_t byte : bytes) {
-        std::snprintf(digits, sizeof digits, "%02x", byte);
-        text += digits;
-    }
-    return text;
-}
 
 bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error) {
     if (size < smallest_message) {

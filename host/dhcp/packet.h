@@ -4,22 +4,13 @@
 #ifndef HOST_DHCP_PACKET_H
 #define HOST_DHCP_PACKET_H
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
-#include <vector>
+
+#include "host/base/text_forms.h"
 
 namespace keel {
-
-using Bytes = std::vector<std::uint8_t>;
-
-/* IPv4 addresses in host order; 0 for none. */
-std::uint32_t parse_ipv4(const std::string &dotted);
-std::string format_ipv4(std::uint32_t address);
-/* Bytes of a hexadecimal text; empty for anything else. */
-Bytes parse_hex(const std::string &hex);
-std::string format_hex(const Bytes &bytes);
 
 enum class DhcpType : std::uint8_t {
     Discover = 1,
@@ -31,8 +22,6 @@ enum class DhcpType : std::uint8_t {
     Release = 7,
     Inform = 8
 };
-
-using HardwareAddress = std::array<std::uint8_t, 6>;
 
 /* What the server reads of a client's message. */
 struct DhcpMessage {

@@ -3,7 +3,6 @@
 #include <tins/dhcp.h>
 
 #include <algorithm>
-#include <cstdio>
 
 namespace keel {
 
@@ -31,8 +30,7 @@ std::uint32_t SimDevice::Answer::lease_time() const {
     const auto found = options.find(51);
     if (found == options.end() || found->second.size() != 4)
         return 0;
-    const Bytes &bytes = found->second;
-    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+    return network_number(found->second.data());
 }
 
 SimDevice::SimDevice(Loop &loop, SimLan &lan, unsigned number, std::string vendor_class)
@@ -48,10 +46,7 @@ SimDevice::~SimDevice() {
 }
 
 std::string SimDevice::mac() const {
-    char text[18];
-    std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", hardware_[0], hardware_[1], hardware_[2],
-                  hardware_[3], hardware_[4], hardware_[5]);
-    return text;
+    return format_mac(hardware_.data());
 }
 
 std::string SimDevice::id() const {
@@ -75,9 +70,7 @@ Bytes SimDevice::message(DhcpType type, const std::string &requested, const std:
     if (!current.empty())
         packet.ciaddr(Tins::IPv4Address(current));
     if (!requested.empty()) {
-        const std::uint32_t wanted = parse_ipv4(requested);
-        const Bytes bytes{static_cast<std::uint8_t>(wanted >> 24), static_cast<std::uint8_t>(wanted >> 16),
-                          static_cast<std::uint8_t>(wanted >> 8), static_cast<std::uint8_t>(wanted)};
+        const Bytes bytes = network_bytes(ipv4_or_none(requested));
         packet.add_option({Tins::DHCP::DHCP_REQUESTED_ADDRESS, bytes.begin(), bytes.end()});
         packet.server_identifier(Tins::IPv4Address(server_address));
     }
