@@ -23,6 +23,9 @@ public:
 
     /* Runs the task on a later turn, after every task posted before it. */
     virtual void post(Task task) = 0;
+    /* Runs the task on a later turn once nothing posted is left and no timer is due, or has waited for long; one such
+     * task a turn, in their order. For what may hold the loop: what one brings about is done before the next. */
+    virtual void post_last(Task task) = 0;
     /* Runs the task once after the delay, on a later turn, also for 0 ms. */
     virtual TimerId start_timer(std::uint64_t milliseconds, Task task) = 0;
     /* Cancels a timer that has not run; an unknown id is ignored. */

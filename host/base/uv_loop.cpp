@@ -8,6 +8,10 @@
 
 namespace keel {
 
+namespace {
+constexpr int max_passed_over = 64;
+} // namespace
+
 struct UvLoop::Timer {
     uv_timer_t handle;
     UvLoop *loop;
@@ -38,6 +42,15 @@ UvLoop::~UvLoop() {
 
 void UvLoop::post(Task task) {
     posted_.push_back(std::move(task));
+    stay_awake();
+}
+
+void UvLoop::post_last(Task task) {
+    last_.push_back(std::move(task));
+    stay_awake();
+}
+
+void UvLoop::stay_awake() {
     uv_idle_start(&idle_, [](uv_idle_t *) {});
 }
 
@@ -49,7 +62,13 @@ void UvLoop::run_posted() {
         task();
         task = nullptr;
     }
-    if (posted_.empty())
+    if (!last_.empty() && ((tasks.empty() && posted_.empty()) || ++passed_over_ == max_passed_over)) {
+        passed_over_ = 0;
+        const Task task = std::move(last_.front());
+        last_.pop_front();
+        task();
+    }
+    if (posted_.empty() && last_.empty())
         uv_idle_stop(&idle_);
 }
 
@@ -111,7 +130,7 @@ void UvLoop::settle(std::uint64_t milliseconds) {
     const std::uint64_t end = now_ms() + milliseconds;
     do
         uv_run(&loop_, UV_RUN_NOWAIT);
-    while (!posted_.empty() && now_ms() < end);
+    while (!(posted_.empty() && last_.empty()) && now_ms() < end);
 }
 
 } // namespace keel

@@ -19,6 +19,7 @@ public:
     ~UvLoop() override;
 
     void post(Task task) override;
+    void post_last(Task task) override;
     TimerId start_timer(std::uint64_t milliseconds, Task task) override;
     void cancel_timer(TimerId id) override;
     std::uint64_t now_ms() const override;
@@ -35,6 +36,7 @@ public:
 private:
     struct Timer;
 
+    void stay_awake();
     void run_posted();
     void run_timer(TimerId id);
 
@@ -42,6 +44,8 @@ private:
     uv_idle_t idle_{};   /* active while tasks are posted: keeps the loop from sleeping */
     uv_check_t check_{}; /* runs them, once a turn, after I/O */
     std::deque<Task> posted_;
+    std::deque<Task> last_; /* those of post_last() */
+    int passed_over_ = 0;   /* turns in which one of these was waiting and none was run */
     std::map<TimerId, Timer *> timers_;
     TimerId last_timer_ = 0;
 };

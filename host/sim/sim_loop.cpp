@@ -12,6 +12,10 @@ void SimLoop::post(Task task) {
     posted_.push_back(std::move(task));
 }
 
+void SimLoop::post_last(Task task) {
+    last_.push_back(std::move(task));
+}
+
 Loop::TimerId SimLoop::start_timer(std::uint64_t milliseconds, Task task) {
     const TimerId id = ++last_timer_;
     timers_[{now_ + milliseconds, id}] = std::move(task);
@@ -37,6 +41,9 @@ bool SimLoop::run_one() {
         task = std::move(first->second);
         due_.erase(first->first.second);
         timers_.erase(first);
+    } else if (!last_.empty()) {
+        task = std::move(last_.front());
+        last_.pop_front();
     } else {
         return false;
     }

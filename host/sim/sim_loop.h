@@ -15,6 +15,7 @@ namespace keel {
 class SimLoop : public Loop {
 public:
     void post(Task task) override;
+    void post_last(Task task) override;
     TimerId start_timer(std::uint64_t milliseconds, Task task) override;
     void cancel_timer(TimerId id) override;
     std::uint64_t now_ms() const override { return now_; }
@@ -33,6 +34,7 @@ private:
     std::uint64_t now_ = 0;
     TimerId last_timer_ = 0;
     std::deque<Task> posted_;
+    std::deque<Task> last_;                                    /* those of post_last() */
     std::map<std::pair<std::uint64_t, TimerId>, Task> timers_; /* by due time, then by age */
     std::map<TimerId, std::uint64_t> due_;
 };
