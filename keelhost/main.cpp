@@ -52,10 +52,10 @@ std::string default_place(const std::string &installed, const std::string &built
 }
 
 /* The WAN MAC address is the base of the client identifiers; the environment has the first word. */
-void provide_wan_address(const Model &model) {
+void provide_wan_address(const InterfaceGraph &graph) {
     if (std::getenv("WAN_ADDR"))
         return;
-    const std::string device = netdev_below(model, "iptv");
+    const std::string device = graph.netdev_below("iptv");
     const std::string mac = link_address(device);
     if (mac.empty()) {
         trace(Level::Error, "host", "WAN_ADDR is not set and %s has no MAC address: the routed mode stays off",
@@ -70,17 +70,17 @@ void provide_wan_address(const Model &model) {
 class Host {
 public:
     explicit Host(const Options &options)
-        : model_(loop_), loaded_((model_.load_file(options.model), true)), store_(loop_, model_, options.store),
-          settings_(model_), control_(loop_, model_, options.socket, [this] { store_.flush(); }),
-          kernel_(loop_, model_), interface_state_(loop_, model_), presence_(loop_, model_),
-          firewall_policy_(loop_, model_),
-          multicast_(loop_, model_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
+        : model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
+          store_(loop_, model_, options.store), settings_(model_),
+          control_(loop_, model_, options.socket, [this] { store_.flush(); }), kernel_(loop_, graph_),
+          interface_state_(loop_, graph_), presence_(loop_, graph_), firewall_policy_(loop_, graph_),
+          multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
                     [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
           lan_server_(loop_, model_, lan_port_),
-          wan_clients_(loop_, model_, options.udhcpc, options.share + "/udhcpc-report.sh"), runner_(loop_) {
-        host_attach(loop_, model_, runner_);
-        provide_wan_address(model_);
+          wan_clients_(loop_, graph_, options.udhcpc, options.share + "/udhcpc-report.sh"), runner_(loop_) {
+        host_attach(loop_, graph_, runner_);
+        provide_wan_address(graph_);
     }
 
     void run() {
@@ -106,6 +106,7 @@ private:
     UvLoop loop_;
     Model model_;
     bool loaded_;
+    InterfaceGraph graph_;
     Store store_;
     Settings settings_;
     Control control_;

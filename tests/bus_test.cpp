@@ -69,7 +69,7 @@ protected:
         TraceLog::instance().set_print(false);
         TraceLog::instance().clear();
         model.load_text(tree, "test");
-        host_attach(loop, model, runner);
+        host_attach(loop, graph, runner);
     }
     ~BusTest() override { host_detach(); }
 
@@ -108,6 +108,7 @@ protected:
         request_notify_values | request_notify_added | request_notify_deleted | request_notify_custom;
     SimLoop loop;
     Model model{loop};
+    InterfaceGraph graph{model};
     HeldRunner runner;
     Told told;
 };
@@ -481,6 +482,7 @@ TEST_F(BusTest, AProcessObjectRunsOneChildAtATime) {
     EXPECT_TRUE(process_start(process, "three", nullptr));
     EXPECT_EQ(runner.started, (std::vector<std::vector<std::string>>{{"one", "a", "b"}}));
     runner.exits[0](0);
+    loop.run_until_idle();
     EXPECT_EQ(exits, 1);
     EXPECT_EQ(runner.started.back(), std::vector<std::string>{"two"});
     EXPECT_TRUE(process_isRunning(process));
@@ -493,6 +495,7 @@ TEST_F(BusTest, AProcessObjectRunsOneChildAtATime) {
         EXPECT_TRUE(process_start(later.back(), "later", nullptr));
     }
     runner.exits[1](0); /* of the object that is gone */
+    loop.run_until_idle();
     EXPECT_EQ(exits, 1);
     EXPECT_EQ(runner.started.size(), 10U) << "what was queued is dropped";
     for (process_t *one : later) {
@@ -517,8 +520,10 @@ TEST_F(BusTest, AnExitHandlerMayStartAgainBehindWhatWaitsOrEndTheObject) {
     process_start(process, "one", nullptr);
     process_start(process, "missing", nullptr);
     process_start(process, "two", nullptr);
-    for (std::size_t run = 0; run < 3; ++run)
+    for (std::size_t run = 0; run < 3; ++run) {
         runner.exits.at(run)(0);
+        loop.run_until_idle();
+    }
     EXPECT_EQ(runner.started, (std::vector<std::vector<std::string>>{{"one"}, {"two"}, {"again"}}));
     EXPECT_EQ(exits, 3);
     EXPECT_EQ(TraceLog::instance().recent().back().text, "missing cannot be started");
@@ -545,7 +550,7 @@ TEST_F(BusTest, WhatThePlugInLeavesOpenIsCountedAndReleased) {
     EXPECT_EQ(calls, 0);
     EXPECT_TRUE(told.empty());
 
-    host_attach(loop, model, runner);
+    host_attach(loop, graph, runner);
     request_destroy(watch("Box", 0, all_news));
     loop.run_until_idle();
     host_detach();

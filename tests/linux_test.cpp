@@ -70,6 +70,7 @@ protected:
                         "ip link set eth1.20 up; ip link set peer up"),
                   "");
         model.load_file(SOURCE_DIR "/share/gateway.json");
+        graph.emplace(model);
     }
 
     /* Runs the loop until something holds, for a few seconds. */
@@ -80,7 +81,7 @@ protected:
         }
         return holds();
     }
-    bool up() const { return has_word(interface_flags(model, "eth1.20"), "up"); }
+    bool up() const { return graph->has_flag("eth1.20", "up"); }
     std::string status(const std::string &path) const { return model.text("Weft.Intf.eth1.20." + path, "Status"); }
     void add_address(const char *key, const char *address, std::int64_t prefix) {
         EXPECT_FALSE(
@@ -105,10 +106,11 @@ protected:
 
     UvLoop loop;
     Model model{loop};
+    std::optional<InterfaceGraph> graph; /* of the loaded model */
 };
 
 TEST_F(LinuxTest, LinksAndForeignAddressesShowInTheModel) {
-    Kernel kernel(loop, model);
+    Kernel kernel(loop, *graph);
     EXPECT_TRUE(up());
     shell("ip link set peer down");
     EXPECT_TRUE(soon([&] { return !up(); })) << "no carrier is down";
@@ -127,7 +129,7 @@ TEST_F(LinuxTest, LinksAndForeignAddressesShowInTheModel) {
 
 TEST_F(LinuxTest, AddressesAndRoutesOfTheModelAreInForce) {
     {
-        Kernel kernel(loop, model);
+        Kernel kernel(loop, *graph);
         add_route("zep_0", "10.60.0.0", 24, "10.20.0.1");
         EXPECT_TRUE(soon([&] { return status("IPv4Route.zep_0") == "error"; })) << "its gateway cannot be reached yet";
         add_address("1", "10.20.0.5", 24);
@@ -161,7 +163,7 @@ TEST_F(LinuxTest, AddressesAndRoutesOfTheModelAreInForce) {
 TEST_F(LinuxTest, WhatAnEarlierRunLeftIsRemovedAtTheStart) {
     shell("ip addr add 10.20.0.9/24 dev eth1.20 label eth1.20:zep; ip addr add 10.9.0.1/24 dev eth1.20;"
           "ip route add 10.70.0.0/16 via 10.20.0.1 proto 99; ip route add 10.71.0.0/16 via 10.9.0.2");
-    Kernel kernel(loop, model);
+    Kernel kernel(loop, *graph);
     EXPECT_EQ(count(addresses(), "inet"), 1U);
     EXPECT_EQ(count(shell("ip route"), "10.71.0.0/16"), 1U) << "others' things are left alone";
     EXPECT_EQ(routes(), "");
@@ -171,7 +173,7 @@ TEST_F(LinuxTest, DevicesOnTheBridgeArePresentWhileTheirPortHasCarrier) {
     shell("ip link add br-lan type bridge; ip link set br-lan up; ip addr add 192.168.1.1/24 dev br-lan;"
           "ip link set eth1.20 master br-lan; ip link set peer address 02:00:00:00:00:77;"
           "ip addr add 192.168.1.50/24 dev peer");
-    Presence presence(loop, model);
+    Presence presence(loop, *graph);
     shell("ip neigh replace 192.168.1.50 lladdr 02:00:00:00:00:77 nud reachable dev br-lan;"
           "bridge fdb replace 02:00:00:00:00:77 dev eth1.20 master dynamic");
     const std::string host = "Hosts.Host.02:00:00:00:00:77";
@@ -203,8 +205,8 @@ TEST_F(LinuxTest, AWanClientIsLeasedAnAddressAndLeavesWithoutARelease) {
         if (event.kind == Event::Kind::Changed && event.values.contains("DHCPStatus"))
             states.push_back(to_text(event.values.at("DHCPStatus")));
     });
-    Kernel kernel(loop, model);
-    WanClients clients(loop, model, "udhcpc", SOURCE_DIR "/share/udhcpc-report.sh");
+    Kernel kernel(loop, *graph);
+    WanClients clients(loop, *graph, "udhcpc", SOURCE_DIR "/share/udhcpc-report.sh");
     model.add("Weft.Intf", "dhcp_zep_x",
               {{"Enable", false}, {"Flags", std::string("dhcp")}, {"LowerLayers", std::string("eth1.20")}});
     model.set("Weft.Intf.dhcp_zep_x.SentOption.61", {{"Value", std::string("01021a2b3c4d5e")}});
@@ -297,7 +299,7 @@ TEST_F(LinuxTest, ThePolicyIsOneRuleOnTheIptvDevice) {
         });
     };
     {
-        FirewallPolicy policy(loop, model);
+        FirewallPolicy policy(loop, *graph);
         EXPECT_TRUE(holds("", "Enabled"));
         choose("Firewall.Chain.IPTV_Out");
         EXPECT_TRUE(holds("-o eth1.20 -j IPTV_Out", "Enabled"));
@@ -341,9 +343,9 @@ TEST_F(LinuxTest, TheMulticastDaemonRunsWhileItIsWantedAndComesBack) {
         return soon([&] { return model.text(path, "Status") == "Stopped" && process().empty(); });
     };
     {
-        Kernel kernel(loop, model);
-        InterfaceState state(loop, model);
-        Multicast multicast(loop, model, "igmpproxy", folder);
+        Kernel kernel(loop, *graph);
+        InterfaceState state(loop, *graph);
+        Multicast multicast(loop, *graph, "igmpproxy", folder);
         model.set(path, {{"ClientEnable", true}, {"MRTIIFEnable", true}, {"WANEnable", true}});
         EXPECT_TRUE(rests()) << "without an address";
         add_address("1", "10.20.0.5", 24);
@@ -375,7 +377,7 @@ TEST_F(LinuxTest, TheMulticastDaemonRunsWhileItIsWantedAndComesBack) {
         EXPECT_TRUE(runs()) << "it is started again";
     }
     EXPECT_TRUE(rests()) << "it ends with the host";
-    Multicast multicast(loop, model, "/nonexistent/igmpproxy", folder);
+    Multicast multicast(loop, *graph, "/nonexistent/igmpproxy", folder);
     EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Error"; }));
     std::filesystem::remove_all(folder);
 }

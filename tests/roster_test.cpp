@@ -38,7 +38,7 @@ protected:
     void SetUp() override {
         TraceLog::instance().set_print(false);
         model.load_file(SOURCE_DIR "/share/gateway.json");
-        host_attach(loop, model, runner);
+        host_attach(loop, graph, runner);
         ASSERT_TRUE(roster_initialize(rig_getHull(), rig_getSysbus()));
         ASSERT_TRUE(roster_initialize(rig_getHull(), rig_getSysbus()));
     }
@@ -60,6 +60,7 @@ protected:
     using News = std::vector<std::string>;
     SimLoop loop;
     Model model{loop};
+    InterfaceGraph graph{model}; /* of no interfaces: the model is loaded later */
     NoPrograms runner;
 };
 

@@ -143,13 +143,14 @@ protected:
         loop = std::make_unique<SimLoop>();
         model = std::make_unique<Model>(*loop);
         model->load_file(SOURCE_DIR "/share/gateway.json");
+        graph = std::make_unique<InterfaceGraph>(*model);
         model->add("Weft.Intf", "eth1.30", {{"Flags", std::string("netdev vlan")}});
         model->set("Weft.Intf.dhcp_iptv", {{"LowerLayers", std::string("eth1.20 eth1.30")}});
         store = std::make_unique<Store>(*loop, *model, store_file_);
         settings = std::make_unique<Settings>(*model);
-        kernel = std::make_unique<SimKernel>(*model);
-        interface_state = std::make_unique<InterfaceState>(*loop, *model);
-        wan = std::make_unique<SimOperator>(*loop, *model);
+        kernel = std::make_unique<SimKernel>(*graph);
+        interface_state = std::make_unique<InterfaceState>(*loop, *graph);
+        wan = std::make_unique<SimOperator>(*loop, *graph);
         wan->lease_address(model->text("Weft.Intf.dhcp_iptv.SentOption.61", "Value"), gateway_address);
         wan->options = {{42, "0a140002"}, {72, "0a140003"}, {121, two_routes}};
         lan = std::make_unique<SimLan>(*loop);
@@ -158,7 +159,7 @@ protected:
         kernel->set_link("eth1.20", true);
         script = {};
         script.loop = loop.get();
-        host_attach(*loop, *model, script);
+        host_attach(*loop, *graph, script);
         loop->run_until_idle();
     }
 
@@ -215,6 +216,7 @@ protected:
         kernel.reset();
         settings.reset();
         store.reset();
+        graph.reset();
         model.reset();
         loop.reset();
     }
@@ -318,6 +320,7 @@ protected:
 
     std::unique_ptr<SimLoop> loop;
     std::unique_ptr<Model> model;
+    std::unique_ptr<InterfaceGraph> graph;
     std::unique_ptr<Store> store;
     std::unique_ptr<Settings> settings;
     std::unique_ptr<SimKernel> kernel;

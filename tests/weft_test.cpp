@@ -57,7 +57,8 @@ protected:
     void SetUp() override {
         TraceLog::instance().set_print(false);
         model.load_file(SOURCE_DIR "/share/gateway.json");
-        host_attach(loop, model, runner);
+        graph.emplace(model);
+        host_attach(loop, *graph, runner);
         ASSERT_TRUE(weft_client_initialize(rig_getHull(), nullptr));
         add("e", "netdev");
         add("d", "netdev up", "");
@@ -81,6 +82,7 @@ protected:
     void set_flags(const std::string &name, const std::string &flags) {
         ASSERT_FALSE(model.set("Weft.Intf." + name, {{"Flags", flags}}));
     }
+    std::string flags(const std::string &name) { return model.text("Weft.Intf." + name, "Flags"); }
     std::string lower(const std::string &name) { return model.text("Weft.Intf." + name, "LowerLayers"); }
     static std::string lucky(const char *intf, const char *flags, weft_traverse_t traversal) {
         char *name = weft_luckyIntf(intf, flags, traversal);
@@ -104,6 +106,7 @@ protected:
 
     SimLoop loop;
     Model model{loop};
+    std::optional<InterfaceGraph> graph; /* of the loaded model */
     NoPrograms runner;
 };
 
@@ -111,7 +114,7 @@ protected:
 
 TEST_F(Weft, TraversalsReachBreadthFirstInTheOrderOfTheLinks) {
     const auto reached = [&](const char *start, const char *traversal) {
-        return reach(model, start, *parse_traversal(traversal));
+        return graph->reach(start, *parse_traversal(traversal));
     };
     EXPECT_EQ(reached("top", "down"), (Names{"top", "a", "b", "c", "d", "e"}));
     EXPECT_EQ(reached("b", "down exclusive"), (Names{"d", "c", "e"}));
@@ -124,8 +127,8 @@ TEST_F(Weft, TraversalsReachBreadthFirstInTheOrderOfTheLinks) {
     EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), model.instances("Weft.Intf").size());
     EXPECT_EQ(all.size(), model.instances("Weft.Intf").size());
     EXPECT_EQ(reached("missing", "all"), Names{});
-    EXPECT_EQ(netdev_below(model, "top"), "d");
-    EXPECT_EQ(netdev_below(model, "lo"), "lo");
+    EXPECT_EQ(graph->netdev_below("top"), "d");
+    EXPECT_EQ(graph->netdev_below("lo"), "lo");
 
     /* A loop that a model file brings along, and links to what does not exist, end nothing but themselves. */
     ASSERT_FALSE(model.set("Weft.Intf.e", {{"LowerLayers", "gone top"}}));
@@ -158,14 +161,14 @@ TEST_F(Weft, SynchronousSearchesHonourConditionsAndWhatWasPushedBefore) {
 
 TEST_F(Weft, FlagsAreSetAndClearedWhereTheConditionHolds) {
     weft_setFlag("top", "x y", "netdev", weft_traverse_down);
-    EXPECT_EQ(interface_flags(model, "d"), "netdev up x y");
-    EXPECT_EQ(interface_flags(model, "e"), "netdev x y");
-    EXPECT_EQ(interface_flags(model, "c"), "vlan");
+    EXPECT_EQ(flags("d"), "netdev up x y");
+    EXPECT_EQ(flags("e"), "netdev x y");
+    EXPECT_EQ(flags("c"), "vlan");
     weft_setFlag("d", "up x", "", weft_traverse_this);
-    EXPECT_EQ(interface_flags(model, "d"), "netdev up x y");
+    EXPECT_EQ(flags("d"), "netdev up x y");
     weft_clearFlag("top", "x netdev", "up", weft_traverse_all);
-    EXPECT_EQ(interface_flags(model, "d"), "up y");
-    EXPECT_EQ(interface_flags(model, "e"), "netdev x y");
+    EXPECT_EQ(flags("d"), "up y");
+    EXPECT_EQ(flags("e"), "netdev x y");
 
     weft_setFlag("top", "z", "!", weft_traverse_all); /* a malformed condition is not "everywhere" */
     EXPECT_FALSE(weft_hasFlag("top", "z", "", weft_traverse_all));
@@ -342,7 +345,8 @@ TEST_F(Weft, DetachDropsQueriesAndAnotherHostStartsAfresh) {
     SimLoop other_loop;
     Model other(other_loop);
     other.load_file(SOURCE_DIR "/share/gateway.json");
-    host_attach(other_loop, other, runner);
+    InterfaceGraph other_graph(other);
+    host_attach(other_loop, other_graph, runner);
     loop.run_until_idle();
     EXPECT_TRUE(told.results.empty());
     ASSERT_TRUE(weft_client_initialize(rig_getHull(), nullptr));

@@ -1,5 +1,6 @@
 /*
- * Texts for bytes and addresses: hexadecimal, dotted IPv4, masks, MAC addresses. Formed and parsed here and nowhere else.
+ * Texts for bytes and addresses: hexadecimal, dotted IPv4, masks, MAC addresses. Formed and parsed here and nowhere
+ * else.
  *
  * IPv4 addresses are numbers in host order; 0 stands for none.
  */

@@ -39,10 +39,10 @@ Json tree_json(const Node &node) {
     Json parameters = Json::object();
     for (const Parameter &parameter : node.parameters)
         if (parameter.present)
-            parameters[parameter.name] = value_json(parameter.value);
+            parameters[parameter.name()] = value_json(parameter.value);
     Json children = Json::array();
-    for (const auto &child : node.children)
-        children.push_back(tree_json(*child));
+    for (const Node &child : node.children)
+        children.push_back(tree_json(child));
     return {{"name", node.name}, {"parameters", parameters}, {"children", children}};
 }
 
@@ -62,7 +62,7 @@ std::string text_member(const Json &message, const char *name) {
 }
 
 /* The values of a message for the parameters of a node: texts are read as the parameter wants. */
-Values read_values(const Json &message, const std::vector<Parameter> &parameters) {
+Values read_values(const Json &message, const std::vector<ParameterShape> &parameters) {
     Values values;
     const auto found = message.find("values");
     if (found == message.end())
@@ -71,7 +71,7 @@ Values read_values(const Json &message, const std::vector<Parameter> &parameters
         throw std::invalid_argument("\"values\" must be an object");
     for (const auto &[name, json] : found->items()) {
         const auto parameter = std::find_if(parameters.begin(), parameters.end(),
-                                            [&, wanted = name](const Parameter &p) { return p.name == wanted; });
+                                            [&, wanted = name](const ParameterShape &p) { return p.name == wanted; });
         if (parameter == parameters.end())
             throw std::invalid_argument("no parameter \"" + name + "\"");
         const std::string text = json.is_string() ? json.get<std::string>() : json.dump();
@@ -276,7 +276,7 @@ void Control::take(Client &client, const std::string &line) {
         if (op == "get") {
             answer["tree"] = tree_json(*node);
         } else if (op == "set") {
-            refusal = model_.set(path, read_values(message, node->parameters));
+            refusal = model_.set(path, read_values(message, node->shape->parameters));
         } else if (op == "add") {
             std::string name;
             const auto key = message.contains("key") ? std::optional(text_member(message, "key")) : std::nullopt;

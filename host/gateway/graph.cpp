@@ -2,8 +2,26 @@
 
 #include <algorithm>
 #include <map>
+#include <unordered_set>
+#include <utility>
 
 namespace keel {
+
+namespace {
+
+/* Interfaces are the instances of "Weft.Intf": their paths have three names. */
+constexpr std::size_t interface_depth = 3;
+
+bool of_interface(const Event &event) {
+    return event.steps.size() >= interface_depth && event.steps[0] == "Weft" && event.steps[1] == "Intf";
+}
+
+std::string text_in(const Values &values, const char *name) {
+    const auto found = values.find(name);
+    return found == values.end() ? "" : to_text(found->second);
+}
+
+} // namespace
 
 std::optional<Traversal> parse_traversal(std::string_view text) {
     static const std::map<std::string_view, Traversal> names = {{"this", Traversal::This},
@@ -18,128 +36,286 @@ std::optional<Traversal> parse_traversal(std::string_view text) {
 }
 
 std::string interface_path(std::string_view name) {
-    return "Weft.Intf." + std::string(name);
+    return join_path(interfaces_path, name);
 }
 
-namespace {
+/* ----------------------------------------------------------------------------------------- keeping the index */
 
-/* A set of words that an interface holds as a text. */
-const std::string &words_of(const Node &intf, std::string_view parameter_name) {
-    static const std::string none;
-    const Parameter *parameter = intf.parameter(parameter_name);
-    const auto *words = parameter ? std::get_if<std::string>(&parameter->value) : nullptr;
-    return words ? *words : none;
+InterfaceGraph::InterfaceGraph(Model &model) : model_(model) {
+    if (const Node *all = model_.find(interfaces_path))
+        for (const Node &one : all->children)
+            add(one.name, text_in(one.values(), "Flags"), text_in(one.values(), "LowerLayers"));
+    model_.observe(this, [this](const Event &event) { observe(event); });
 }
 
-const Node *interface_of(const Model &model, std::string_view name) {
-    const Node *all = model.find("Weft.Intf");
-    return all ? all->child(name) : nullptr;
+InterfaceGraph::~InterfaceGraph() {
+    model_.observe(this, nullptr);
 }
 
-std::vector<const Node *> neighbours(const Node &intf, bool down) {
-    const Node &all = *intf.parent;
-    std::vector<const Node *> found;
-    if (down) {
-        for (const std::string &lower : split_words(words_of(intf, "LowerLayers")))
-            if (const Node *node = all.child(lower))
-                found.push_back(node);
-    } else {
-        for (const auto &upper : all.children)
-            if (has_word(words_of(*upper, "LowerLayers"), intf.name))
-                found.push_back(upper.get());
-    }
+bool InterfaceGraph::Entry::carries(std::string_view flag) const {
+    return std::find(flags.begin(), flags.end(), flag) != flags.end();
+}
+
+void InterfaceGraph::observe(const Event &event) {
+    if (event.steps.size() != interface_depth || !of_interface(event))
+        return;
+    const std::string &name = event.steps.back();
+    if (event.kind == Event::Kind::Added)
+        add(name, text_in(event.values, "Flags"), text_in(event.values, "LowerLayers"));
+    else if (event.kind == Event::Kind::Deleted)
+        remove(name);
+    if (event.kind != Event::Kind::Changed)
+        return;
+    if (event.values.contains("Flags"))
+        set_flags(entry(name), text_in(event.values, "Flags"));
+    if (event.values.contains("LowerLayers"))
+        set_links(entry(name), text_in(event.values, "LowerLayers"));
+}
+
+InterfaceGraph::Entry &InterfaceGraph::entry(const std::string &name) {
+    Entry &found = entries_[name];
+    if (found.name.empty())
+        found.name = name;
     return found;
 }
 
+void InterfaceGraph::add(const std::string &name, const std::string &flags, const std::string &links) {
+    Entry &fresh = entry(name);
+    fresh.order = ++last_order_;
+    in_order_[fresh.order] = &fresh;
+    set_flags(fresh, flags);
+    set_links(fresh, links);
+}
+
+void InterfaceGraph::remove(const std::string &name) {
+    Entry &gone = entry(name);
+    set_flags(gone, "");
+    set_links(gone, "");
+    in_order_.erase(gone.order);
+    gone.order = 0;
+    forget_if_unused(gone);
+}
+
+void InterfaceGraph::set_flags(Entry &of, const std::string &flags) {
+    for (const std::string &flag : of.flags)
+        if (const auto found = by_flag_.find(flag); found != by_flag_.end()) {
+            found->second.erase(of.order);
+            if (found->second.empty())
+                by_flag_.erase(found);
+        }
+    of.flags = split_words(flags);
+    for (const std::string &flag : of.flags)
+        by_flag_[flag][of.order] = &of;
+}
+
+void InterfaceGraph::set_links(Entry &of, const std::string &links) {
+    const auto before = std::exchange(of.lower, {});
+    for (Entry *lower : before)
+        lower->upper.erase(of.order);
+    for (const std::string &name : split_words(links)) {
+        Entry &lower = entry(name);
+        of.lower.push_back(&lower);
+        lower.upper[of.order] = &of;
+    }
+    for (Entry *lower : before)
+        forget_if_unused(*lower);
+}
+
+void InterfaceGraph::forget_if_unused(Entry &one) {
+    if (one.order == 0 && one.upper.empty())
+        entries_.erase(std::string(one.name));
+}
+
+/* ------------------------------------------------------------------------------------------------- questions */
+
+const InterfaceGraph::Entry *InterfaceGraph::find(const std::string &name) const {
+    const auto found = entries_.find(name);
+    return found == entries_.end() || found->second.order == 0 ? nullptr : &found->second;
+}
+
+bool InterfaceGraph::exists(const std::string &name) const {
+    return find(name) != nullptr;
+}
+
+bool InterfaceGraph::has_flag(const std::string &name, std::string_view flag) const {
+    const Entry *one = find(name);
+    return one && one->carries(flag);
+}
+
+std::vector<std::string> InterfaceGraph::with_flag(const std::string &flag) const {
+    std::vector<std::string> names;
+    if (const auto found = by_flag_.find(flag); found != by_flag_.end())
+        for (const auto &[order, one] : found->second)
+            names.push_back(one->name);
+    return names;
+}
+
 /* Breadth first from the start, which is the first. */
-std::vector<const Node *> closure(const Node &start, bool down) {
-    std::vector<const Node *> order{&start};
-    for (std::size_t at = 0; at < order.size(); ++at)
-        for (const Node *next : neighbours(*order[at], down))
-            if (std::find(order.begin(), order.end(), next) == order.end())
-                order.push_back(next);
+std::vector<const InterfaceGraph::Entry *> InterfaceGraph::closure(const Entry &start, bool down,
+                                                                   std::set<std::string> *looked_at) {
+    std::vector<const Entry *> order{&start};
+    std::unordered_set<const Entry *> seen{&start};
+    const auto take = [&](const Entry *next) {
+        if (looked_at)
+            looked_at->insert(next->name);
+        if (next->order && seen.insert(next).second)
+            order.push_back(next);
+    };
+    for (std::size_t at = 0; at < order.size(); ++at) {
+        if (down)
+            for (const Entry *lower : order[at]->lower)
+                take(lower);
+        else
+            for (const auto &[number, upper] : order[at]->upper)
+                take(upper);
+    }
     return order;
 }
 
-std::vector<const Node *> nodes_reached(const Model &model, std::string_view start_name, Traversal traversal) {
-    const Node *start = interface_of(model, start_name);
-    if (!start)
-        return {};
-    std::vector<const Node *> order;
+std::vector<const InterfaceGraph::Entry *> InterfaceGraph::reached(const Entry &start, Traversal traversal,
+                                                                   std::set<std::string> *looked_at) const {
+    std::vector<const Entry *> order;
     switch (traversal) {
     case Traversal::This:
-        return {start};
+        return {&start};
     case Traversal::OneLevelDown:
-        return neighbours(*start, true);
+        for (const Entry *lower : start.lower) {
+            if (looked_at)
+                looked_at->insert(lower->name);
+            if (lower->order)
+                order.push_back(lower);
+        }
+        return order;
     case Traversal::OneLevelUp:
-        return neighbours(*start, false);
+        for (const auto &[number, upper] : start.upper) {
+            if (looked_at)
+                looked_at->insert(upper->name);
+            order.push_back(upper);
+        }
+        return order;
     case Traversal::All:
-        order.push_back(start);
-        for (const auto &node : start->parent->children)
-            if (node.get() != start)
-                order.push_back(node.get());
+        if (looked_at)
+            *looked_at = {""};
+        order.push_back(&start);
+        for (const auto &[number, one] : in_order_)
+            if (one != &start)
+                order.push_back(one);
         return order;
     case Traversal::Up:
-        return closure(*start, false);
+        return closure(start, false, looked_at);
     case Traversal::Down:
-        return closure(*start, true);
+        return closure(start, true, looked_at);
     default:
-        order = closure(*start, true);
+        order = closure(start, true, looked_at);
         order.erase(order.begin());
         return order;
     }
 }
 
-} // namespace
-
-bool interface_exists(const Model &model, std::string_view name) {
-    return interface_of(model, name);
-}
-
-std::string interface_flags(const Model &model, std::string_view name) {
-    const Node *intf = interface_of(model, name);
-    return intf ? words_of(*intf, "Flags") : "";
-}
-
-std::vector<std::string> reach(const Model &model, std::string_view start, Traversal traversal,
-                               const Expression &condition) {
+std::vector<std::string> InterfaceGraph::reach(const std::string &start, Traversal traversal,
+                                               const Expression &condition, std::set<std::string> *looked_at) const {
+    if (looked_at)
+        *looked_at = {start};
+    const Entry *from = find(start);
+    if (!from)
+        return {};
     std::vector<std::string> names;
-    for (const Node *node : nodes_reached(model, start, traversal)) {
-        const std::vector<std::string> flags = split_words(words_of(*node, "Flags"));
-        if (condition.evaluate([&](const Expression::Word &flag) {
-                return std::find(flags.begin(), flags.end(), flag.name) != flags.end();
-            }))
-            names.push_back(node->name);
-    }
+    for (const Entry *one : reached(*from, traversal, looked_at))
+        if (condition.evaluate([&](const Expression::Word &flag) { return one->carries(flag.name); }))
+            names.push_back(one->name);
     return names;
 }
 
-bool would_loop(const Model &model, std::string_view upper, std::string_view lower) {
-    const auto below = reach(model, lower, Traversal::Down);
+std::vector<std::string> InterfaceGraph::linked_over(const std::string &name) const {
+    std::vector<std::string> names;
+    if (const auto found = entries_.find(name); found != entries_.end())
+        for (const auto &[order, upper] : found->second.upper)
+            names.push_back(upper->name);
+    return names;
+}
+
+bool InterfaceGraph::would_loop(const std::string &upper, const std::string &lower) const {
+    const auto below = reach(lower, Traversal::Down);
     return std::find(below.begin(), below.end(), upper) != below.end();
 }
 
-std::string netdev_below(const Model &model, std::string_view name) {
-    for (const Node *node : nodes_reached(model, name, Traversal::Down))
-        if (has_word(words_of(*node, "Flags"), "netdev"))
-            return node->name;
+std::string InterfaceGraph::netdev_below(const std::string &name) const {
+    if (const Entry *start = find(name))
+        for (const Entry *one : closure(*start, true, nullptr))
+            if (one->carries("netdev"))
+                return one->name;
     return "";
 }
 
-std::vector<std::string> interface_addresses(const Model &model, const std::string &device) {
+std::vector<std::string> InterfaceGraph::addresses(const std::string &device) const {
     std::vector<std::string> paths;
-    const auto add = [&](const std::string &name) {
+    const Entry *held_by = find(device);
+    if (!held_by)
+        return paths;
+    const auto add_those_of = [&](const std::string &name) {
         const std::string parent = interface_path(name) + ".IPv4Addr";
-        for (const std::string &instance : model.instances(parent))
-            paths.push_back(parent + "." + instance);
+        if (const Node *all = model_.find(parent))
+            for (const Node &one : all->children)
+                paths.push_back(join_path(parent, one.name));
     };
-    add(device);
-    for (const std::string &name : model.instances("Weft.Intf")) {
-        const std::string flags = interface_flags(model, name);
-        if (has_word(flags, "dhcp") && !has_word(flags, "netdev") && netdev_below(model, name) == device)
-            add(name);
-    }
+    add_those_of(device);
+    std::map<std::uint64_t, const Entry *> leases; /* in the order of the model */
+    for (const Entry *above : closure(*held_by, false, nullptr))
+        if (above->carries("dhcp") && !above->carries("netdev") && netdev_below(above->name) == device)
+            leases[above->order] = above;
+    for (const auto &[order, one] : leases)
+        add_those_of(one->name);
     return paths;
+}
+
+Outcome InterfaceGraph::set_flag(const std::string &name, const std::string &flag, bool wanted) {
+    if (has_flag(name, flag) == wanted)
+        return std::nullopt;
+    const std::string flags = model_.text(interface_path(name), "Flags");
+    return model_.set(interface_path(name), {{"Flags", wanted ? with_word(flags, flag) : without_word(flags, flag)}});
+}
+
+/* -------------------------------------------------------------------------------------------- looking again */
+
+GraphWatch::GraphWatch(Loop &loop, InterfaceGraph &graph, Check check)
+    : model_(graph.model()), turn_(loop,
+                                   [this, check = std::move(check)] {
+                                       const Names touched = std::exchange(touched_, {});
+                                       check(touched);
+                                   }),
+      watch_(model_.watch(interfaces_path, [this](const Event &event) { on_event(event); },
+                          {{"Flags", "LowerLayers", "Enable", "IPTVAddress", "Address", "Status"}, false})) {}
+
+GraphWatch::~GraphWatch() {
+    model_.unwatch(watch_);
+}
+
+void GraphWatch::schedule(const Names &names) {
+    touched_.insert(names.begin(), names.end());
+    turn_.schedule();
+}
+
+void GraphWatch::on_event(const Event &event) {
+    if (!of_interface(event))
+        return;
+    const bool of_address = event.steps.size() > interface_depth && event.steps[3] == "IPv4Addr";
+    if (event.steps.size() > interface_depth && !of_address)
+        return;
+    touched_.insert(event.steps[2]);
+    if (!of_address)
+        for (const Values *values : {&event.values, &event.before})
+            for (std::string &linked : split_words(text_in(*values, "LowerLayers")))
+                touched_.insert(std::move(linked));
+    turn_.schedule();
+}
+
+GraphWatch::Names with_stack(const InterfaceGraph &graph, const GraphWatch::Names &names) {
+    GraphWatch::Names all = names;
+    for (const std::string &name : names)
+        for (const Traversal way : {Traversal::Up, Traversal::Down})
+            for (std::string &one : graph.reach(name, way))
+                all.insert(std::move(one));
+    return all;
 }
 
 } // namespace keel

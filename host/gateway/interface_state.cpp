@@ -10,33 +10,24 @@ namespace keel {
 
 namespace {
 
-constexpr const char *interfaces_path = "Weft.Intf";
-
 void report(const Outcome &outcome) {
     if (outcome)
         trace(Level::Warning, "weft", "%s: %s", outcome->path.c_str(), outcome->reason.c_str());
 }
 
-void keep_flag(Model &model, const std::string &name, const char *flag, bool wanted) {
-    const std::string flags = interface_flags(model, name);
-    if (has_word(flags, flag) != wanted)
-        report(
-            model.set(interface_path(name), {{"Flags", wanted ? with_word(flags, flag) : without_word(flags, flag)}}));
-}
-
-bool device_below_is_up(const Model &model, const std::string &name) {
-    const auto below = reach(model, name, Traversal::DownExclusive);
+bool device_below_is_up(const InterfaceGraph &graph, const std::string &name) {
+    const auto below = graph.reach(name, Traversal::DownExclusive);
     return std::any_of(below.begin(), below.end(), [&](const std::string &one) {
-        const std::string flags = interface_flags(model, one);
-        return has_word(flags, "netdev") && has_word(flags, "up");
+        return graph.has_flag(one, "netdev") && graph.has_flag(one, "up");
     });
 }
 
-bool holds_address(const Model &model, const std::string &name) {
-    for (const std::string &path : interface_addresses(model, name))
-        if (model.boolean(path, "Enable") && !model.text(path, "Address").empty())
-            return true;
-    return false;
+bool holds_address(const InterfaceGraph &graph, const std::string &name) {
+    const Model &model = graph.model();
+    const auto paths = graph.addresses(name);
+    return std::any_of(paths.begin(), paths.end(), [&](const std::string &path) {
+        return model.boolean(path, "Enable") && !model.text(path, "Address").empty();
+    });
 }
 
 } // namespace
@@ -54,20 +45,23 @@ void provide_fixed_address(Model &model, const std::string &name) {
                       {"Enable", false}}));
 }
 
-InterfaceState::InterfaceState(Loop &loop, Model &model)
-    : model_(model), recheck_(loop, model, interfaces_path, [this] { follow(); }) {
-    recheck_.schedule();
+InterfaceState::InterfaceState(Loop &loop, InterfaceGraph &graph)
+    : graph_(graph), watch_(loop, graph, [this](const GraphWatch::Names &touched) {
+          for (const std::string &name : with_stack(graph_, touched))
+              follow(name);
+      }) {
+    const auto all = graph.model().instances(interfaces_path);
+    watch_.schedule({all.begin(), all.end()});
 }
 
-void InterfaceState::follow() {
-    for (const std::string &name : model_.instances(interfaces_path)) {
-        provide_fixed_address(model_, name);
-        const std::string flags = interface_flags(model_, name);
-        if (has_word(flags, "netdev"))
-            keep_flag(model_, name, "ipv4", has_word(flags, "up") && holds_address(model_, name));
-        else if (has_word(flags, "logical"))
-            keep_flag(model_, name, "up", device_below_is_up(model_, name));
-    }
+void InterfaceState::follow(const std::string &name) {
+    if (!graph_.exists(name))
+        return;
+    provide_fixed_address(graph_.model(), name);
+    if (graph_.has_flag(name, "netdev"))
+        report(graph_.set_flag(name, "ipv4", graph_.has_flag(name, "up") && holds_address(graph_, name)));
+    else if (graph_.has_flag(name, "logical"))
+        report(graph_.set_flag(name, "up", device_below_is_up(graph_, name)));
 }
 
 } // namespace keel

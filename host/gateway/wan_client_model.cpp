@@ -27,7 +27,8 @@ std::int64_t prefix_length(const std::string &mask) {
 
 /* Where the lease of the gateway's own client stands; "" for a client of the routed mode. */
 std::string lease_path(const Model &model, const std::string &name) {
-    return has_word(interface_flags(model, name), "zep-dhcp") ? "" : interface_path(name) + ".IPv4Addr.dhcp";
+    return has_word(model.text(interface_path(name), "Flags"), "zep-dhcp") ? ""
+                                                                           : interface_path(name) + ".IPv4Addr.dhcp";
 }
 
 void put_in_force(Model &model, const std::string &name, const std::string &address, const std::string &mask) {
@@ -41,16 +42,38 @@ void put_in_force(Model &model, const std::string &name, const std::string &addr
 
 } // namespace
 
-std::map<std::string, std::string> wanted_wan_clients(const Model &model) {
-    std::map<std::string, std::string> wanted;
-    for (const std::string &name : model.instances("Weft.Intf")) {
-        if (!has_word(interface_flags(model, name), "dhcp") || !model.boolean(interface_path(name), "Enable"))
+WantedWanClients::WantedWanClients(Loop &loop, InterfaceGraph &graph, Start start, Stop stop)
+    : graph_(graph), start_(std::move(start)), stop_(std::move(stop)),
+      watch_(loop, graph, [this](const GraphWatch::Names &touched) { follow(touched); }) {
+    const auto all = graph.with_flag("dhcp");
+    watch_.schedule({all.begin(), all.end()});
+}
+
+std::string WantedWanClients::device_for(const std::string &name) const {
+    if (!graph_.has_flag(name, "dhcp") || !graph_.model().boolean(interface_path(name), "Enable"))
+        return "";
+    const std::string device = graph_.netdev_below(name);
+    return graph_.has_flag(device, "up") ? device : "";
+}
+
+void WantedWanClients::follow(const GraphWatch::Names &touched) {
+    std::map<std::string, std::string> starting;
+    for (const std::string &name : with_stack(graph_, touched)) {
+        const std::string device = device_for(name);
+        const auto started = started_.find(name);
+        if (started != started_.end() && started->second == device)
             continue;
-        const std::string device = netdev_below(model, name);
-        if (!device.empty() && has_word(interface_flags(model, device), "up"))
-            wanted[name] = device;
+        if (started != started_.end()) {
+            started_.erase(started);
+            stop_(name);
+        }
+        if (!device.empty())
+            starting[name] = device;
     }
-    return wanted;
+    for (const auto &[name, device] : starting) {
+        started_[name] = device;
+        start_(name, device);
+    }
 }
 
 void set_wan_status(Model &model, const std::string &name, const std::string &status) {

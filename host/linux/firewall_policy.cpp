@@ -28,9 +28,10 @@ bool is_chain_name(std::string_view name) {
 
 } // namespace
 
-FirewallPolicy::FirewallPolicy(UvLoop &loop, Model &model)
-    : loop_(loop), model_(model), policy_(loop, model, policy_path, [this] { follow(); }),
-      interfaces_(loop, model, "Weft.Intf", [this] { follow(); }) {
+FirewallPolicy::FirewallPolicy(UvLoop &loop, InterfaceGraph &graph)
+    : loop_(loop), graph_(graph), model_(graph.model()),
+      policy_(loop, model_, policy_path, [this] { follow(); }, {{"ReverseChain"}, false}),
+      interfaces_(loop, graph, [this](const GraphWatch::Names &) { follow(); }) {
     policy_.schedule();
 }
 
@@ -48,7 +49,7 @@ FirewallPolicy::Goal FirewallPolicy::goal() const {
         return {};
     if (!chain.starts_with(chain_prefix) || !is_chain_name(chain.substr(chain_prefix.size())))
         return {false, {}};
-    const std::string device = netdev_below(model_, "iptv");
+    const std::string device = graph_.netdev_below("iptv");
     if (device.empty())
         return {};
     return {true, {"-o", device, "-j", chain.substr(chain_prefix.size())}};

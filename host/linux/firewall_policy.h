@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "host/base/uv_loop.h"
+#include "host/gateway/graph.h"
 #include "host/linux/child.h"
-#include "host/model/recheck.h"
 
 namespace keel {
 
@@ -22,7 +22,7 @@ namespace keel {
  * loop, one after the other; the destructor waits for the last one and empties the chain. */
 class FirewallPolicy {
 public:
-    FirewallPolicy(UvLoop &loop, Model &model);
+    FirewallPolicy(UvLoop &loop, InterfaceGraph &graph);
     FirewallPolicy(const FirewallPolicy &) = delete;
     FirewallPolicy &operator=(const FirewallPolicy &) = delete;
     ~FirewallPolicy();
@@ -41,9 +41,10 @@ private:
     void done(bool well);
 
     UvLoop &loop_;
+    InterfaceGraph &graph_;
     Model &model_;
     Recheck policy_;
-    Recheck interfaces_;
+    GraphWatch interfaces_;
     std::optional<Goal> tried_; /* in force, being brought about, or refused */
     std::deque<std::vector<std::string>> commands_;
     std::unique_ptr<Child> running_;

@@ -35,8 +35,9 @@ std::string network_of(const std::string &dotted, int prefix) {
 
 } // namespace
 
-Kernel::Kernel(UvLoop &loop, Model &model)
-    : model_(model), mending_(loop, [this] { mend(); }), netlink_(loop, [this] { mending_.schedule(); }) {
+Kernel::Kernel(UvLoop &loop, InterfaceGraph &graph)
+    : graph_(graph), model_(graph.model()), mending_(loop, [this] { mend(); }),
+      netlink_(loop, [this] { mending_.schedule(); }) {
     watch_ = model_.watch("Weft.Intf", [this](const Event &event) { on_event(event); });
     mend();
 }
@@ -74,7 +75,7 @@ void Kernel::mend() {
     const std::vector<KernelAddress> addresses = netlink_.addresses();
     const std::vector<KernelRoute> routes = netlink_.routes();
     for (const std::string &name : model_.instances("Weft.Intf")) {
-        if (!has_word(interface_flags(model_, name), "netdev"))
+        if (!graph_.has_flag(name, "netdev"))
             continue;
         const KernelLink *link = link_of(name);
         mend_link(name, link);
@@ -85,11 +86,10 @@ void Kernel::mend() {
 }
 
 void Kernel::mend_link(const std::string &name, const KernelLink *link) {
-    const std::string flags = interface_flags(model_, name);
     const bool up = link && link->up;
-    if (up != has_word(flags, "up")) {
+    if (up != graph_.has_flag(name, "up")) {
         trace(Level::Info, "kernel", "%s is %s", name.c_str(), up ? "up" : "down");
-        write(model_, interface_path(name), {{"Flags", up ? with_word(flags, "up") : without_word(flags, "up")}});
+        graph_.set_flag(name, "up", up);
     }
 }
 
@@ -101,7 +101,7 @@ void Kernel::mend_addresses(const std::string &name, const KernelLink &link,
         if (address.link == link.index)
             unmatched.push_back(address);
 
-    for (const std::string &path : interface_addresses(model_, name)) {
+    for (const std::string &path : graph_.addresses(name)) {
         const std::string text = model_.text(path, "Address");
         const int prefix = static_cast<int>(model_.integer(path, "PrefixLen"));
         const auto found = std::find_if(unmatched.begin(), unmatched.end(), [&](const KernelAddress &a) {

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/gateway/graph.h"
 #include "host/linux/netlink.h"
-#include "host/model/recheck.h"
 
 namespace keel {
 
@@ -22,7 +22,7 @@ namespace keel {
  * start; the destructor removes what is left of this one. */
 class Kernel {
 public:
-    Kernel(UvLoop &loop, Model &model);
+    Kernel(UvLoop &loop, InterfaceGraph &graph);
     Kernel(const Kernel &) = delete;
     Kernel &operator=(const Kernel &) = delete;
     ~Kernel();
@@ -36,6 +36,7 @@ private:
     void report(const std::string &path, const std::string &what, const std::string &error);
     const KernelLink *link_of(const std::string &name) const;
 
+    InterfaceGraph &graph_;
     Model &model_;
     OnceATurn mending_;
     Netlink netlink_;

@@ -39,11 +39,12 @@ std::string label_of(const std::string &device, const std::string &address) {
 
 } // namespace
 
-Multicast::Multicast(UvLoop &loop, Model &model, std::string igmpproxy, const std::string &folder)
-    : loop_(loop), model_(model), igmpproxy_(std::move(igmpproxy)),
+Multicast::Multicast(UvLoop &loop, InterfaceGraph &graph, std::string igmpproxy, const std::string &folder)
+    : loop_(loop), graph_(graph), model_(graph.model()), igmpproxy_(std::move(igmpproxy)),
       file_(std::filesystem::path(folder) / "igmpproxy.conf"),
-      switches_(loop, model, switches_path, [this] { follow(); }),
-      interfaces_(loop, model, "Weft.Intf", [this] { follow(); }) {
+      switches_(loop, model_, switches_path, [this] { follow(); },
+                {{"ClientEnable", "MRTIIFEnable", "WANEnable"}, false}),
+      interfaces_(loop, graph, [this](const GraphWatch::Names &) { follow(); }) {
     switches_.schedule();
 }
 
@@ -56,7 +57,7 @@ Multicast::~Multicast() {
 /* With the address that is in use already, as long as the device holds it. */
 Multicast::Side Multicast::side(const std::string &device, const Side &used) const {
     Side found{device, ""};
-    for (const std::string &path : interface_addresses(model_, device)) {
+    for (const std::string &path : graph_.addresses(device)) {
         if (!model_.boolean(path, "Enable") || model_.text(path, "Status") != "Enabled")
             continue; /* the kernel does not hold it */
         const std::string address = model_.text(path, "Address");
@@ -70,16 +71,13 @@ std::optional<Multicast::Setup> Multicast::wanted() const {
     for (const char *name : {"ClientEnable", "MRTIIFEnable", "WANEnable"})
         if (!model_.boolean(switches_path, name))
             return std::nullopt;
-    const std::string device = netdev_below(model_, "iptv");
-    const std::string flags = interface_flags(model_, device);
-    if (!has_word(flags, "up") || !has_word(flags, "ipv4"))
+    const std::string device = graph_.netdev_below("iptv");
+    if (!graph_.has_flag(device, "up") || !graph_.has_flag(device, "ipv4"))
         return std::nullopt;
-    std::string bridge;
-    for (const std::string &name : model_.instances("Weft.Intf"))
-        if (bridge.empty() && has_word(interface_flags(model_, name), "bridge"))
-            bridge = name;
-    if (bridge.empty())
+    const auto bridges = graph_.with_flag("bridge");
+    if (bridges.empty())
         return std::nullopt;
+    const std::string &bridge = bridges.front();
     const Setup setup{side(device, used_.upstream), side(bridge, used_.downstream)};
     if (setup.upstream.address.empty() || setup.downstream.address.empty())
         return std::nullopt;
@@ -130,9 +128,8 @@ bool Multicast::write_configuration(const std::string &upstream, const std::stri
          << "phyint " << upstream << " upstream ratelimit 0 threshold 1\n"
          << "    altnet 0.0.0.0/0\n"
          << "phyint " << downstream << " downstream ratelimit 0 threshold 1\n";
-    for (const std::string &name : model_.instances("Weft.Intf"))
-        if (has_word(interface_flags(model_, name), "netdev") && name != used_.upstream.device &&
-            name != used_.downstream.device)
+    for (const std::string &name : graph_.with_flag("netdev"))
+        if (name != used_.upstream.device && name != used_.downstream.device)
             file << "phyint " << name << " disabled\n";
     file.close();
     return file.good();

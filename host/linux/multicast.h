@@ -9,8 +9,8 @@
 #include <string>
 
 #include "host/base/uv_loop.h"
+#include "host/gateway/graph.h"
 #include "host/linux/child.h"
-#include "host/model/recheck.h"
 
 namespace keel {
 
@@ -22,7 +22,7 @@ namespace keel {
 class Multicast {
 public:
     /* The configuration file is written into the folder. */
-    Multicast(UvLoop &loop, Model &model, std::string igmpproxy, const std::string &folder);
+    Multicast(UvLoop &loop, InterfaceGraph &graph, std::string igmpproxy, const std::string &folder);
     Multicast(const Multicast &) = delete;
     Multicast &operator=(const Multicast &) = delete;
     ~Multicast();
@@ -51,11 +51,12 @@ private:
     void set_status(const char *status);
 
     UvLoop &loop_;
+    InterfaceGraph &graph_;
     Model &model_;
     std::string igmpproxy_;
     std::string file_;
     Recheck switches_;
-    Recheck interfaces_;
+    GraphWatch interfaces_;
     Setup used_;
     std::unique_ptr<Child> process_;
     bool killed_ = false;

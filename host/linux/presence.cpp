@@ -21,8 +21,9 @@ struct Seen {
 
 } // namespace
 
-Presence::Presence(UvLoop &loop, Model &model)
-    : loop_(loop), model_(model), looking_(loop, [this] { look(); }), netlink_(loop, [this] { looking_.schedule(); }) {
+Presence::Presence(UvLoop &loop, InterfaceGraph &graph)
+    : loop_(loop), graph_(graph), model_(graph.model()), looking_(loop, [this] { look(); }),
+      netlink_(loop, [this] { looking_.schedule(); }) {
     look();
     ask();
 }
@@ -34,7 +35,7 @@ Presence::~Presence() {
 /* The kernel's number of the LAN bridge; 0 when there is none. */
 int Presence::bridge() {
     for (const KernelLink &link : netlink_.links())
-        if (has_word(interface_flags(model_, link.name), "bridge"))
+        if (graph_.has_flag(link.name, "bridge"))
             return link.index;
     return 0;
 }

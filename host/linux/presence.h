@@ -7,8 +7,8 @@
 #include <map>
 #include <string>
 
+#include "host/gateway/graph.h"
 #include "host/linux/netlink.h"
-#include "host/model/recheck.h"
 
 namespace keel {
 
@@ -18,7 +18,7 @@ namespace keel {
  * minutes. */
 class Presence {
 public:
-    Presence(UvLoop &loop, Model &model);
+    Presence(UvLoop &loop, InterfaceGraph &graph);
     Presence(const Presence &) = delete;
     Presence &operator=(const Presence &) = delete;
     ~Presence();
@@ -29,6 +29,7 @@ private:
     int bridge();
 
     UvLoop &loop_;
+    InterfaceGraph &graph_;
     Model &model_;
     OnceATurn looking_;
     Netlink netlink_;

@@ -3,9 +3,6 @@
 #include <algorithm>
 
 #include "host/base/trace.h"
-#include "host/gateway/graph.h"
-#include "host/gateway/wan_client_model.h"
-
 namespace keel {
 
 namespace {
@@ -13,34 +10,21 @@ constexpr std::uint64_t restart_delay_ms = 2000; /* of a client that ended by it
 constexpr std::uint64_t start_gap_ms = 25;       /* between the starts of two clients */
 } // namespace
 
-WanClients::WanClients(UvLoop &loop, Model &model, std::string udhcpc, std::string report_script)
-    : loop_(loop), model_(model), udhcpc_(std::move(udhcpc)), script_(std::move(report_script)),
-      recheck_(loop, model, "Weft.Intf", [this] { follow_model(); }) {
-    recheck_.schedule();
-}
+WanClients::WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script)
+    : loop_(loop), model_(graph.model()), udhcpc_(std::move(udhcpc)), script_(std::move(report_script)),
+      wanted_(
+          loop, graph,
+          [this](const std::string &name, const std::string &device) {
+              auto &client = clients_[name] = std::make_unique<Client>();
+              client->device = device;
+              start_later(name, *client, 0);
+          },
+          [this](const std::string &name) { stop(name); }) {}
 
 WanClients::~WanClients() {
     while (!clients_.empty()) {
         const std::string name = clients_.begin()->first; /* the one in the map goes with its client */
         stop(name);
-    }
-}
-
-void WanClients::follow_model() {
-    const auto wanted = wanted_wan_clients(model_);
-    std::vector<std::string> unwanted;
-    for (const auto &[name, client] : clients_)
-        if (const auto found = wanted.find(name); found == wanted.end() || found->second != client->device)
-            unwanted.push_back(name);
-    for (const std::string &name : unwanted)
-        stop(name);
-    for (const auto &[name, device] : wanted) {
-        auto &client = clients_[name];
-        if (client)
-            continue;
-        client = std::make_unique<Client>();
-        client->device = device;
-        start_later(name, *client, 0);
     }
 }
 

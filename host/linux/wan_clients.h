@@ -9,9 +9,9 @@
 #include <string>
 
 #include "host/base/uv_loop.h"
+#include "host/gateway/wan_client_model.h"
 #include "host/linux/child.h"
 #include "host/linux/udhcpc.h"
-#include "host/model/recheck.h"
 
 namespace keel {
 
@@ -21,7 +21,7 @@ namespace keel {
  * it when it starts again. */
 class WanClients {
 public:
-    WanClients(UvLoop &loop, Model &model, std::string udhcpc, std::string report_script);
+    WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script);
     WanClients(const WanClients &) = delete;
     WanClients &operator=(const WanClients &) = delete;
     ~WanClients();
@@ -34,7 +34,6 @@ private:
         Loop::TimerId restart = 0;
     };
 
-    void follow_model();
     void start(const std::string &name, Client &client);
     void start_later(const std::string &name, Client &client, std::uint64_t delay_ms);
     void stop(const std::string &name);
@@ -47,7 +46,7 @@ private:
     std::string script_;
     std::map<std::string, std::unique_ptr<Client>> clients_;
     std::uint64_t latest_start_ms_ = 0; /* of those made and still to come */
-    Recheck recheck_;
+    WantedWanClients wanted_;
 };
 
 } // namespace keel

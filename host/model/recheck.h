@@ -16,8 +16,10 @@ namespace keel {
 
 class OnceATurn {
 public:
+    enum class Turn { Next, Last }; /* Loop::post() or Loop::post_last() */
+
     /* action may destroy this. The loop must outlive it. */
-    OnceATurn(Loop &loop, std::function<void()> action);
+    OnceATurn(Loop &loop, std::function<void()> action, Turn turn = Turn::Next);
 
     /* Has the action run on a later turn; asked for again before that, it runs once. Not any more when this is gone. */
     void schedule();
@@ -29,14 +31,15 @@ private:
     };
 
     Loop &loop_;
+    Turn turn_;
     std::shared_ptr<State> state_; /* a task that is still posted when this is gone finds none */
 };
 
 class Recheck {
 public:
-    /* Calls check on a later turn than every change at or below the path, until it is destroyed. check may destroy it.
-     * Loop and model must outlive it. */
-    Recheck(Loop &loop, Model &model, std::string_view path, std::function<void()> check);
+    /* Calls check on a later turn than every change at or below the path that concerns it, until it is destroyed. check
+     * may destroy it. Loop and model must outlive it. */
+    Recheck(Loop &loop, Model &model, std::string_view path, std::function<void()> check, Concern concern = {});
     Recheck(const Recheck &) = delete;
     Recheck &operator=(const Recheck &) = delete;
     ~Recheck();

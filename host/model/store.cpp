@@ -175,7 +175,7 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
     while (stored.row()) {
         const std::string parameter_name = stored.text(0);
         const Parameter *parameter = node->parameter(parameter_name);
-        const auto value = parameter ? parse_value(parameter->type, stored.text(1)) : std::nullopt;
+        const auto value = parameter ? parse_value(parameter->type(), stored.text(1)) : std::nullopt;
         if (!value)
             trace(Level::Warning, "store", "%s: the stored value of %s does not fit the model", path.c_str(),
                   parameter_name.c_str());
@@ -259,7 +259,7 @@ bool Store::write_node(const Node &node, std::int64_t position) {
     for (const Parameter &parameter : node.parameters)
         if (parameter.present)
             done = done && run("INSERT OR REPLACE INTO value VALUES (?, ?, ?)",
-                               {path, parameter.name, to_text(parameter.value)});
+                               {path, parameter.name(), to_text(parameter.value)});
     return done;
 }
 

@@ -12,7 +12,7 @@ namespace {
 
 struct Attachment {
     Loop &loop;
-    Model &model;
+    InterfaceGraph &graph;
     ProcessRunner &runner;
 };
 
@@ -31,8 +31,8 @@ std::vector<Release> &releases() {
 
 } // namespace
 
-void host_attach(Loop &loop, Model &model, ProcessRunner &runner) {
-    attachment = std::make_unique<Attachment>(Attachment{loop, model, runner});
+void host_attach(Loop &loop, InterfaceGraph &graph, ProcessRunner &runner) {
+    attachment = std::make_unique<Attachment>(Attachment{loop, graph, runner});
 }
 
 void host_detach() {
@@ -49,22 +49,26 @@ bool host_attached() {
     return attachment != nullptr;
 }
 
-Loop &host_loop() {
+static Attachment &attached() {
     if (!attachment)
         std::abort(); /* a plug-in call outside host_attach() and host_detach() */
-    return attachment->loop;
+    return *attachment;
+}
+
+Loop &host_loop() {
+    return attached().loop;
+}
+
+InterfaceGraph &host_graph() {
+    return attached().graph;
 }
 
 Model &host_model() {
-    if (!attachment)
-        std::abort();
-    return attachment->model;
+    return attached().graph.model();
 }
 
 ProcessRunner &host_runner() {
-    if (!attachment)
-        std::abort();
-    return attachment->runner;
+    return attached().runner;
 }
 
 void host_on_detach(const char *what, std::function<std::size_t()> release) {

@@ -14,6 +14,7 @@ namespace keel {
 bool host_attached();
 Loop &host_loop();
 Model &host_model();
+InterfaceGraph &host_graph();
 ProcessRunner &host_runner();
 
 /* Called by host_detach(), in the order of registration; a unit registers once, when it is first used. It returns how

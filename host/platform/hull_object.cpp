@@ -30,15 +30,16 @@ std::unique_ptr<object> copy_node(const Node &node, std::string path, int depth,
     for (const Parameter &one : node.parameters) {
         if (!one.present)
             continue;
-        if (!names.empty() && std::find(names.begin(), names.end(), one.name) == names.end())
+        if (!names.empty() && std::find(names.begin(), names.end(), one.name()) == names.end())
             continue;
-        copy->parameters.push_back({one.name, {}});
-        to_variant(one.type, one.value, &copy->parameters.back().value);
+        copy->parameters.push_back({one.name(), {}});
+        to_variant(one.type(), one.value, &copy->parameters.back().value);
     }
     if (depth != 0)
-        for (const auto &child : node.children) {
-            copy->children.push_back(copy_node(*child, copy->path + "." + child->name, depth - 1, {}));
+        for (const Node &child : node.children) {
+            copy->children.push_back(copy_node(child, join_path(copy->path, child.name), depth - 1, {}));
             copy->children.back()->parent = copy.get();
+            copy->children.back()->place = copy->children.size() - 1;
         }
     return copy;
 }
@@ -51,26 +52,26 @@ std::unique_ptr<object> snapshot(const Node &node, int depth, const std::vector<
 
 namespace {
 
-/* Objects that the plug-in fetched. A fetch after a change makes a new snapshot; the old one is kept for who still
- * holds it, until the turn is over. Then everything that is out of date goes, so that the cache does not grow with the
- * objects that come and go. */
+/* Objects that the plug-in fetched. A fetch after a change of the object or of what is below it makes a new snapshot;
+ * the old one is kept for who still holds it, until the turn is over. What was not fetched again between two sweeps
+ * goes, so that the cache does not grow with the objects that come and go. */
 class Cache {
 public:
     object *fetch(const std::string &path) {
         prepare();
-        const Model &model = host_model();
+        const Node *node = path.empty() ? nullptr : host_model().find(path);
         Entry &entry = entries_[path];
-        if (entry.snapshot && entry.generation == model.generation())
+        if (entry.snapshot && node && entry.generation == node->generation) {
+            entry.used = true;
             return entry.snapshot.get();
+        }
         if (entry.snapshot)
             retire(std::move(entry.snapshot));
-        const Node *node = model.find(path);
-        if (!node || path.empty()) {
+        if (!node) {
             entries_.erase(path);
             return nullptr;
         }
-        entry.generation = model.generation();
-        entry.snapshot = snapshot(*node, -1);
+        entry = {snapshot(*node, -1), node->generation, true};
         sweep_later();
         return entry.snapshot.get();
     }
@@ -96,7 +97,8 @@ public:
 private:
     struct Entry {
         std::unique_ptr<object> snapshot;
-        std::uint64_t generation = 0;
+        std::uint64_t generation = 0; /* of the subtree */
+        bool used = false;            /* since the last sweep */
     };
 
     void prepare() {
@@ -126,8 +128,9 @@ private:
                 return;
             sweeping_ = false;
             retired_.clear();
-            const std::uint64_t current = host_model().generation();
-            std::erase_if(entries_, [current](const auto &entry) { return entry.second.generation != current; });
+            std::erase_if(entries_, [](const auto &entry) { return !entry.second.used; });
+            for (auto &[path, entry] : entries_)
+                entry.used = false;
         });
     }
 
@@ -220,8 +223,7 @@ object_t *object_nextInstance(const object_t *instance) {
     if (!instance || !instance->parent)
         return nullptr;
     const auto &all = instance->parent->children;
-    auto at = std::find_if(all.begin(), all.end(), [&](const auto &o) { return o.get() == instance; });
-    return at == all.end() || ++at == all.end() ? nullptr : at->get();
+    return instance->place + 1 < all.size() ? all[instance->place + 1].get() : nullptr;
 }
 
 const char *object_name(const object_t *object, uint32_t) {

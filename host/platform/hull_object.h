@@ -4,6 +4,7 @@
 #ifndef HOST_PLATFORM_HULL_OBJECT_H
 #define HOST_PLATFORM_HULL_OBJECT_H
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@ struct object {
     std::string name;
     std::string path;
     object *parent = nullptr;
+    std::size_t place = 0; /* among the parent's children */
     bool multi = false;
     bool deleted = false; /* by object_delete(), until the parent is committed */
     std::vector<parameter> parameters;

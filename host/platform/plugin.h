@@ -11,12 +11,13 @@
 
 #include "host/base/loop.h"
 #include "host/base/process_runner.h"
-#include "host/model/model.h"
+#include "host/gateway/graph.h"
 
 namespace keel {
 
-/* Connects platform/ to a loop, a model and a runner, which must outlive the connection. One at a time. */
-void host_attach(Loop &loop, Model &model, ProcessRunner &runner);
+/* Connects platform/ to a loop, a model with its graph of interfaces, and a runner, which must outlive the connection.
+ * One at a time. */
+void host_attach(Loop &loop, InterfaceGraph &graph, ProcessRunner &runner);
 /* Ends it: drops requests, timers, queries and processes that the plug-in left open, and traces how many. */
 void host_detach();
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,30 +23,32 @@ using namespace keel;
 namespace {
 
 constexpr const char *devices_path = "Hosts.Host";
+constexpr std::size_t device_depth = 3; /* names along a device's path */
 
 using Device = std::vector<Parameter>; /* those that have a value */
 
 const Parameter *parameter_of(const Device &device, const std::string &name) {
     const auto found =
-        std::find_if(device.begin(), device.end(), [&](const Parameter &one) { return one.name == name; });
+        std::find_if(device.begin(), device.end(), [&](const Parameter &one) { return one.name() == name; });
     return found == device.end() ? nullptr : &*found;
 }
 
 std::string text_of(const Device &device, const std::string &name) {
     const Parameter *parameter = parameter_of(device, name);
-    return parameter && parameter->type == Type::Text ? std::get<std::string>(parameter->value) : "";
+    return parameter && parameter->type() == Type::Text ? std::get<std::string>(parameter->value) : "";
 }
 
 bool holds(const Device &device, const Expression::Word &word) {
     if (!word.value)
         return has_word(text_of(device, "Tags"), word.name);
     const Parameter *parameter = parameter_of(device, word.name);
-    return parameter && parse_value(parameter->type, *word.value) == parameter->value;
+    return parameter && parse_value(parameter->type(), *word.value) == parameter->value;
 }
 
 bool same(const Device &a, const Device &b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](const Parameter &x, const Parameter &y) { return x.name == y.name && x.value == y.value; });
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const Parameter &x, const Parameter &y) {
+        return x.name() == y.name() && x.value == y.value;
+    });
 }
 
 /* The device's parameters by their names, and its addresses as a list, since a device may come to have several. */
@@ -53,8 +56,8 @@ void to_map(const Device &device, variant_t *map) {
     variant_initialize(map, variant_type_map);
     for (const Parameter &one : device) {
         variant_t value;
-        to_variant(one.type, one.value, &value);
-        variant_map_add(variant_da_map(map), one.name.c_str(), &value);
+        to_variant(one.type(), one.value, &value);
+        variant_map_add(variant_da_map(map), one.name().c_str(), &value);
         variant_cleanup(&value);
     }
     variant_t addresses{};
@@ -87,28 +90,28 @@ struct roster_query {
         variant_cleanup(&map);
     }
 
-    void compare(const std::map<std::string, Device> &devices) {
-        const auto told = matching; /* the handler may close the query, which must not disturb the walk */
-        for (const auto &[key, device] : told) {
-            const auto now = devices.find(key);
-            if (now != devices.end() && satisfied_by(now->second))
-                continue;
-            matching.erase(key);
-            tell(key, now == devices.end() ? device : now->second, roster_action_unmatch);
-            if (!open)
-                return;
+    /* Tells of what has come of a device since it was told last; null: it is gone. */
+    void compare(const std::string &key, const Device *device) {
+        const auto told = matching.find(key);
+        const bool matches = device && satisfied_by(*device);
+        if (told == matching.end()) {
+            if (matches) {
+                matching[key] = *device;
+                tell(key, *device, roster_action_match);
+            }
+        } else if (!matches) {
+            const Device last = std::move(told->second);
+            matching.erase(told);
+            tell(key, device ? *device : last, roster_action_unmatch);
+        } else if (!same(told->second, *device)) {
+            told->second = *device;
+            tell(key, *device, roster_action_change);
         }
-        for (const auto &[key, device] : devices) {
-            if (!satisfied_by(device))
-                continue;
-            const auto before = told.find(key);
-            if (before != told.end() && same(before->second, device))
-                continue;
-            matching[key] = device;
-            tell(key, device, before == told.end() ? roster_action_match : roster_action_change);
-            if (!open)
-                return;
-        }
+    }
+
+    /* Whether it was told that the device matches, and the device does not any more. */
+    bool leaves(const std::string &key, const Device *device) const {
+        return matching.contains(key) && !(device && satisfied_by(*device));
     }
 
 private:
@@ -119,14 +122,16 @@ private:
 
 namespace {
 
-/* All open queries, in the order of their opening. */
+/* All open queries, in the order of their opening. A query is told of the devices that have changed; a new one of all.
+ */
 class Roster {
 public:
     roster_query *open(Expression expression, std::string name, roster_handler_t handler) {
         prepare();
         open_.push_back(
             std::make_shared<roster_query>(roster_query{std::move(expression), std::move(name), handler, {}, true}));
-        recheck_->schedule();
+        unanswered_.push_back(open_.back());
+        turn_->schedule();
         return open_.back().get();
     }
 
@@ -141,33 +146,71 @@ public:
 
 private:
     void prepare() {
-        if (recheck_)
+        if (turn_)
             return;
-        recheck_ = std::make_unique<Recheck>(host_loop(), host_model(), devices_path, [this] { evaluate(); });
-        host_on_detach("device queries", [this] {
+        turn_ = std::make_unique<OnceATurn>(
+            host_loop(), [this] { evaluate(); }, OnceATurn::Turn::Last);
+        Model &model = host_model();
+        const Model::WatchId watch = model.watch(devices_path, [this](const Event &event) {
+            if (event.steps.size() < device_depth)
+                return;
+            changed_.insert(event.steps[device_depth - 1]);
+            turn_->schedule();
+        });
+        host_on_detach("device queries", [this, &model, watch] {
+            model.unwatch(watch);
             const std::size_t left = open_.size();
             while (!open_.empty())
                 close(open_.back().get());
-            recheck_.reset();
+            unanswered_.clear();
+            changed_.clear();
+            turn_.reset();
             return left;
         });
     }
 
+    /* Handlers open and close queries. */
     void evaluate() {
-        std::map<std::string, Device> devices;
-        if (const Node *all = host_model().find(devices_path))
-            for (const auto &device : all->children)
-                std::copy_if(device->parameters.begin(), device->parameters.end(),
-                             std::back_inserter(devices[device->name]),
-                             [](const Parameter &one) { return one.present; });
-        const auto queries = open_; /* handlers open and close queries */
-        for (const auto &query : queries)
-            if (query->open)
-                query->compare(devices);
+        const auto changed = std::exchange(changed_, {});
+        const auto fresh = std::exchange(unanswered_, {});
+        const auto queries = open_;
+        for (const auto &query : queries) {
+            const bool is_fresh = std::find(fresh.begin(), fresh.end(), query) != fresh.end();
+            compare(*query, is_fresh ? all_devices() : changed);
+        }
     }
 
-    std::unique_ptr<Recheck> recheck_; /* null while nothing was opened since the host was attached */
+    static std::set<std::string> all_devices() {
+        const auto names = host_model().instances(devices_path);
+        return {names.begin(), names.end()};
+    }
+
+    /* First those that match no more, then those that match now, each in the order of their keys. */
+    static void compare(roster_query &query, const std::set<std::string> &keys) {
+        for (const bool leaving : {true, false})
+            for (const std::string &key : keys) {
+                const std::optional<Device> device = device_of(key);
+                if (query.open && query.leaves(key, device ? &*device : nullptr) == leaving)
+                    query.compare(key, device ? &*device : nullptr);
+            }
+    }
+
+    /* Those of its parameters that have a value. */
+    static std::optional<Device> device_of(const std::string &key) {
+        const Node *all = host_model().find(devices_path);
+        const Node *node = all ? all->child(key) : nullptr;
+        if (!node)
+            return std::nullopt;
+        Device device;
+        std::copy_if(node->parameters.begin(), node->parameters.end(), std::back_inserter(device),
+                     [](const Parameter &one) { return one.present; });
+        return device;
+    }
+
+    std::unique_ptr<OnceATurn> turn_; /* null while nothing was opened since the host was attached */
+    std::set<std::string> changed_;   /* devices, since the last look */
     std::vector<std::shared_ptr<roster_query>> open_;
+    std::vector<std::shared_ptr<roster_query>> unanswered_; /* of these, those that were told of nothing yet */
 };
 
 Roster roster;

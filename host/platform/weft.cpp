@@ -6,9 +6,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "host/base/trace.h"
@@ -29,9 +33,11 @@ struct weft_query {
     Expression condition;
     weft_handler_t handler;
     void *data;
-    bool open = true;
+    std::uint64_t number = 0; /* counts the queries opened */
     bool told = false;
-    std::vector<std::string> latest; /* names, one name or address, or "up" */
+    std::vector<std::string> latest;   /* names, one name or address, or "up" */
+    std::set<std::string> looked_at;   /* the names on which the latest result depends; "" for all */
+    std::unique_ptr<OnceATurn> turn{}; /* to be evaluated */
 };
 
 namespace {
@@ -67,7 +73,7 @@ std::vector<std::string> reached(const char *intf, const char *condition, weft_t
     const auto search = parse_search(condition, traversal);
     if (!intf || !search)
         return {};
-    return reach(host_model(), intf, search->traversal, search->condition);
+    return host_graph().reach(intf, search->traversal, search->condition);
 }
 
 void report(const Outcome &outcome) {
@@ -81,13 +87,13 @@ void write(const std::string &path, const Values &values) {
 
 /* Whether a call that writes names an interface; if not, says what is not done. */
 bool known_interface(const char *name, const char *call) {
-    if (name && interface_exists(host_model(), name))
+    if (name && host_graph().exists(name))
         return true;
     trace(Level::Warning, "weft", "%s: no interface \"%s\"", call, text_of(name).c_str());
     return false;
 }
 
-/* All open queries, in the order of their opening. */
+/* All open queries. One is evaluated again when something that its result depends on has changed. */
 class Queries {
 public:
     /* Until as many cleanups as initialisations were made. */
@@ -113,18 +119,21 @@ public:
         auto search = parse_search(flags, traversal);
         if (!search)
             return nullptr;
-        open_.push_back(std::make_shared<weft_query>(
-            weft_query{kind, intf, search->traversal, std::move(search->condition), handler, data, true, false, {}}));
-        recheck_->schedule();
-        return open_.back().get();
+        const auto query = std::make_shared<weft_query>(weft_query{
+            kind, intf, search->traversal, std::move(search->condition), handler, data, ++opened_, false, {}, {}});
+        query->turn = std::make_unique<OnceATurn>(
+            host_loop(), [this, number = query->number] { tell(open_.at(number)); }, OnceATurn::Turn::Last);
+        open_[query->number] = query;
+        query->turn->schedule();
+        return query.get();
     }
 
     void close(const weft_query *query) {
         const auto found =
-            std::find_if(open_.begin(), open_.end(), [&](const auto &one) { return one.get() == query; });
+            std::find_if(open_.begin(), open_.end(), [&](const auto &one) { return one.second.get() == query; });
         if (found == open_.end())
             return;
-        (*found)->open = false;
+        depend_on(*found->second, {});
         open_.erase(found);
     }
 
@@ -132,22 +141,23 @@ private:
     std::size_t close_all() {
         const std::size_t left = open_.size();
         while (!open_.empty())
-            close(open_.back().get());
+            close(open_.begin()->second.get());
         return left;
     }
 
     void prepare() {
-        if (recheck_)
+        if (graph_watch_)
             return;
         Model &model = host_model();
-        recheck_ = std::make_unique<Recheck>(host_loop(), model, "Weft.Intf", [this] { evaluate(); });
-        const Model::WatchId deletions = model.watch("Weft.Intf", [](const Event &event) {
+        graph_watch_ = std::make_unique<GraphWatch>(host_loop(), host_graph(),
+                                                    [this](const GraphWatch::Names &touched) { evaluate(touched); });
+        const Model::WatchId deletions = model.watch(interfaces_path, [](const Event &event) {
             if (event.kind == Event::Kind::Deleted && event.steps.size() == 3)
                 drop_links(event.steps.back());
         });
         host_on_detach("interface queries", [this, &model, deletions] {
             model.unwatch(deletions);
-            recheck_.reset();
+            graph_watch_.reset();
             users_ = 0;
             return close_all();
         });
@@ -155,44 +165,64 @@ private:
 
     /* A deleted interface takes the links over it along; otherwise they would pile up. */
     static void drop_links(const std::string &gone) {
-        if (interface_exists(host_model(), gone))
+        if (host_graph().exists(gone))
             return; /* it is back already, and so may be its links */
-        for (const std::string &name : host_model().instances("Weft.Intf")) {
-            const std::string links = host_model().text(interface_path(name), "LowerLayers");
-            if (has_word(links, gone))
-                write(interface_path(name), {{"LowerLayers", without_word(links, gone)}});
+        for (const std::string &name : host_graph().linked_over(gone))
+            write(interface_path(name),
+                  {{"LowerLayers", without_word(host_model().text(interface_path(name), "LowerLayers"), gone)}});
+    }
+
+    /* In the order of their opening. */
+    void evaluate(const GraphWatch::Names &touched) {
+        std::set<std::uint64_t> numbers;
+        const auto take = [&](const std::string &name) {
+            if (const auto found = dependent_.find(name); found != dependent_.end())
+                numbers.insert(found->second.begin(), found->second.end());
+        };
+        std::for_each(touched.begin(), touched.end(), take);
+        take("");
+        for (const std::uint64_t number : numbers)
+            open_.at(number)->turn->schedule();
+    }
+
+    void depend_on(weft_query &query, std::set<std::string> names) {
+        for (const std::string &name : query.looked_at) {
+            const auto found = dependent_.find(name);
+            found->second.erase(query.number);
+            if (found->second.empty())
+                dependent_.erase(found);
         }
+        query.looked_at = std::move(names);
+        for (const std::string &name : query.looked_at)
+            dependent_[name].insert(query.number);
     }
 
-    void evaluate() {
-        const auto queries = open_; /* handlers open and close queries */
-        for (const auto &query : queries)
-            if (query->open)
-                tell(*query);
-    }
-
-    void tell(weft_query &query) {
-        std::vector<std::string> current = result_of(query);
-        if (query.told && current == query.latest)
+    /* Holds the query while its handler runs, which may close it. */
+    void tell(const std::shared_ptr<weft_query> query) {
+        std::set<std::string> looked_at;
+        std::vector<std::string> current = result_of(*query, &looked_at);
+        if (looked_at != query->looked_at)
+            depend_on(*query, std::move(looked_at));
+        if (query->told && current == query->latest)
             return;
-        query.told = true;
-        query.latest = std::move(current);
+        query->told = true;
+        query->latest = std::move(current);
         variant_t result{};
-        if (query.kind == weft_query::Result::Interfaces) {
+        if (query->kind == weft_query::Result::Interfaces) {
             variant_initialize(&result, variant_type_list);
-            for (const std::string &name : query.latest)
+            for (const std::string &name : query->latest)
                 variant_list_addChar(variant_da_list(&result), name.c_str());
-        } else if (query.kind == weft_query::Result::Up) {
-            variant_setBool(&result, !query.latest.empty());
+        } else if (query->kind == weft_query::Result::Up) {
+            variant_setBool(&result, !query->latest.empty());
         } else {
-            variant_setChar(&result, query.latest.empty() ? "" : query.latest.front().c_str());
+            variant_setChar(&result, query->latest.empty() ? "" : query->latest.front().c_str());
         }
-        query.handler(&result, query.data);
+        query->handler(&result, query->data);
         variant_cleanup(&result);
     }
 
-    static std::vector<std::string> result_of(const weft_query &query) {
-        std::vector<std::string> names = reach(host_model(), query.start, query.traversal, query.condition);
+    static std::vector<std::string> result_of(const weft_query &query, std::set<std::string> *looked_at) {
+        std::vector<std::string> names = host_graph().reach(query.start, query.traversal, query.condition, looked_at);
         switch (query.kind) {
         case weft_query::Result::Interface:
             names.resize(std::min<std::size_t>(names.size(), 1));
@@ -203,9 +233,8 @@ private:
                     return {address};
             return {};
         case weft_query::Result::Up:
-            if (std::any_of(names.begin(), names.end(), [](const std::string &name) {
-                    return has_word(interface_flags(host_model(), name), "up");
-                }))
+            if (std::any_of(names.begin(), names.end(),
+                            [](const std::string &name) { return host_graph().has_flag(name, "up"); }))
                 return {"up"};
             return {};
         default:
@@ -216,8 +245,7 @@ private:
     static std::string first_address(const std::string &name) {
         const std::string addresses = interface_path(name) + ".IPv4Addr";
         for (const std::string &instance : host_model().instances(addresses)) {
-            std::string path = addresses;
-            path.append(".").append(instance);
+            const std::string path = join_path(addresses, instance);
             std::string address = host_model().text(path, "Address");
             if (!address.empty() && host_model().boolean(path, "Enable"))
                 return address;
@@ -226,8 +254,10 @@ private:
     }
 
     unsigned users_ = 0;
-    std::unique_ptr<Recheck> recheck_; /* null until the first initialisation since the host was attached */
-    std::vector<std::shared_ptr<weft_query>> open_;
+    std::uint64_t opened_ = 0;
+    std::unique_ptr<GraphWatch> graph_watch_; /* null until the first initialisation since the host was attached */
+    std::map<std::uint64_t, std::shared_ptr<weft_query>> open_;          /* by number */
+    std::unordered_map<std::string, std::set<std::uint64_t>> dependent_; /* name -> queries that looked at it */
 };
 
 Queries queries;
@@ -248,14 +278,14 @@ void write_parameter(const std::string &name, const std::string &parameter, cons
 }
 
 void change_flags(const char *call, const char *intf, const char *flags, const char *condition,
-                  weft_traverse_t traversal, std::string (*change)(std::string_view, std::string_view)) {
+                  weft_traverse_t traversal, bool wanted) {
     const auto names = reached(intf, condition, traversal);
     if (!known_interface(intf, call))
         return;
     for (const std::string &name : names) {
-        std::string words = interface_flags(host_model(), name);
+        std::string words = host_model().text(interface_path(name), "Flags");
         for (const std::string &flag : split_words(text_of(flags)))
-            words = change(words, flag);
+            words = wanted ? with_word(words, flag) : without_word(words, flag);
         write(interface_path(name), {{"Flags", words}});
     }
 }
@@ -275,16 +305,15 @@ void to_map(const Node &node, variant_map_t *values) {
         if (!one.present)
             continue;
         variant_t value;
-        to_variant(one.type, one.value, &value);
-        variant_map_add(values, one.name.c_str(), &value);
+        to_variant(one.type(), one.value, &value);
+        variant_map_add(values, one.name().c_str(), &value);
         variant_cleanup(&value);
     }
 }
 
 /* Writes a MIB of an interface, which gets it if it had none. All of the values or nothing. */
 void write_mib(const std::string &parent, const std::string &name, const variant_map_t *entries) {
-    std::string path = parent;
-    path.append(".").append(name);
+    const std::string path = join_path(parent, name);
     Values values;
     for (auto *it = variant_map_first(entries); it; it = variant_map_iterator_next(it)) {
         const std::string key = variant_map_iterator_key(it);
@@ -356,17 +385,17 @@ bool weft_hasFlag(const char *intf, const char *flag, const char *condition, wef
     const auto flags = split_words(text_of(flag));
     const auto names = reached(intf, condition, traversal);
     return std::any_of(names.begin(), names.end(), [&](const std::string &name) {
-        const std::string words = interface_flags(host_model(), name);
-        return std::all_of(flags.begin(), flags.end(), [&](const std::string &one) { return has_word(words, one); });
+        return std::all_of(flags.begin(), flags.end(),
+                           [&](const std::string &one) { return host_graph().has_flag(name, one); });
     });
 }
 
 void weft_setFlag(const char *intf, const char *flags, const char *condition, weft_traverse_t traversal) {
-    change_flags("set flags", intf, flags, condition, traversal, with_word);
+    change_flags("set flags", intf, flags, condition, traversal, true);
 }
 
 void weft_clearFlag(const char *intf, const char *flags, const char *condition, weft_traverse_t traversal) {
-    change_flags("clear flags", intf, flags, condition, traversal, without_word);
+    change_flags("clear flags", intf, flags, condition, traversal, false);
 }
 
 void weft_setFirstParameter(const char *intf, const char *parameter, const variant_t *value, const char *condition,
@@ -385,7 +414,7 @@ void weft_linkIntfs(const char *upper, const char *lower) {
     bus_carry_out_pending();
     if (!known_interface(upper, "link") || !known_interface(lower, "link"))
         return;
-    if (would_loop(host_model(), upper, lower)) {
+    if (host_graph().would_loop(upper, lower)) {
         trace(Level::Warning, "weft", "link %s over %s: that would close a loop", upper, lower);
         return;
     }
@@ -403,7 +432,7 @@ void weft_unlinkIntfs(const char *upper, const char *lower) {
 
 variant_map_t *weft_getMIBs(const char *intf, const char *mibs, const char *condition, weft_traverse_t traversal) {
     const auto names = reached(intf, condition, traversal);
-    if (!intf || !interface_exists(host_model(), intf))
+    if (!intf || !host_graph().exists(intf))
         return nullptr;
     auto *all = static_cast<variant_map_t *>(std::calloc(1, sizeof(variant_map_t)));
     variant_map_initialize(all);

@@ -7,13 +7,13 @@
 #include <set>
 #include <string>
 
-#include "host/model/model.h"
+#include "host/gateway/graph.h"
 
 namespace keel {
 
 class SimKernel {
 public:
-    explicit SimKernel(Model &model);
+    explicit SimKernel(InterfaceGraph &graph);
     SimKernel(const SimKernel &) = delete;
     SimKernel &operator=(const SimKernel &) = delete;
     ~SimKernel();
@@ -25,7 +25,7 @@ public:
 private:
     void on_event(const Event &event);
 
-    Model &model_;
+    InterfaceGraph &graph_;
     Model::WatchId watch_;
 };
 

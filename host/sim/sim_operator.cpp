@@ -1,7 +1,6 @@
 #include "host/sim/sim_operator.h"
 
-#include "host/gateway/graph.h"
-#include "host/gateway/wan_client_model.h"
+#include <utility>
 
 namespace keel {
 
@@ -11,31 +10,18 @@ constexpr std::uint64_t retry_ms = 3000;  /* between two tries to find a server 
 constexpr std::uint64_t renew_ms = 10000; /* between two tries to renew */
 } // namespace
 
-SimOperator::SimOperator(Loop &loop, Model &model)
-    : loop_(loop), model_(model), recheck_(loop, model, "Weft.Intf", [this] { follow_model(); }) {
-    recheck_.schedule();
-}
+SimOperator::SimOperator(Loop &loop, InterfaceGraph &graph)
+    : loop_(loop), model_(graph.model()), wanted_(
+                                              loop, graph,
+                                              [this](const std::string &name, const std::string &) {
+                                                  ++starts[name];
+                                                  select(name);
+                                              },
+                                              [this](const std::string &name) { stop(name); }) {}
 
 SimOperator::~SimOperator() {
     for (const auto &[name, client] : clients_)
         loop_.cancel_timer(client.timer);
-}
-
-void SimOperator::follow_model() {
-    const auto wanted = wanted_wan_clients(model_);
-    std::vector<std::string> unwanted;
-    for (const auto &[name, client] : clients_)
-        if (const auto found = wanted.find(name); found == wanted.end() || found->second != client.device)
-            unwanted.push_back(name);
-    for (const std::string &name : unwanted)
-        stop(name);
-    for (const auto &[name, device] : wanted) {
-        if (clients_.contains(name))
-            continue;
-        clients_[name].device = device;
-        ++starts[name];
-        select(name);
-    }
 }
 
 void SimOperator::stop(const std::string &name) {

@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "host/model/recheck.h"
+#include "host/gateway/wan_client_model.h"
 
 namespace keel {
 
 class SimOperator {
 public:
-    SimOperator(Loop &loop, Model &model);
+    SimOperator(Loop &loop, InterfaceGraph &graph);
     SimOperator(const SimOperator &) = delete;
     SimOperator &operator=(const SimOperator &) = delete;
     ~SimOperator();
@@ -37,12 +37,10 @@ public:
 
 private:
     struct Client {
-        std::string device;
         Loop::TimerId timer = 0;
         std::uint64_t bound_at_ms = 0;
     };
 
-    void follow_model();
     void after(const std::string &name, std::uint64_t milliseconds, void (SimOperator::*step)(const std::string &));
     void select(const std::string &name);
     void request(const std::string &name);
@@ -57,7 +55,7 @@ private:
     std::map<std::string, std::string> addresses_;
     std::map<std::string, bool> refused_;
     unsigned next_host_ = 10;
-    Recheck recheck_;
+    WantedWanClients wanted_;
 };
 
 } // namespace keel
