@@ -45,8 +45,11 @@ void ended(const std::shared_ptr<process> &target);
 bool start(process &target, const std::vector<std::string> &argv) {
     const std::weak_ptr<process> reference = open_processes.at(&target);
     target.running = keel::host_runner().run(argv, [reference](int) {
-        if (const auto still_there = reference.lock())
-            ended(still_there);
+        if (!reference.expired()) /* else the host may be detached */
+            keel::host_loop().post_last([reference] {
+                if (const auto still_there = reference.lock())
+                    ended(still_there);
+            });
     });
     return target.running;
 }
