@@ -58,12 +58,33 @@ std::string server_address(const std::string &hex) {
     return dotted;
 }
 
+/* An instance, empty when there is none. */
+Json instance(Client &client, const std::string &parent, const std::string &name) {
+    return name.empty() ? child({{"children", Json::array()}}, name) : client.tree(parent + "." + name);
+}
+
+/* The interfaces that are looked at, asked for one by one: a gateway may have many that have nothing to do with IPTV.
+ */
+class Interfaces {
+public:
+    explicit Interfaces(Client &client) : client_(client) {}
+
+    const Json &operator[](const std::string &name) {
+        const auto found = known_.find(name);
+        return found != known_.end() ? found->second : known_[name] = instance(client_, "Weft.Intf", name);
+    }
+
+private:
+    Client &client_;
+    std::map<std::string, Json> known_;
+};
+
 /* "iptv" and all below it, breadth first as the plug-in looks for them. */
-std::vector<std::string> iptv_stack(const Json &interfaces) {
+std::vector<std::string> iptv_stack(Interfaces &interfaces) {
     std::vector<std::string> stack{"iptv"};
     std::set<std::string> seen;
     for (std::size_t i = 0; i < stack.size(); ++i) {
-        std::istringstream links(text(child(interfaces, stack[i]), "LowerLayers"));
+        std::istringstream links(text(interfaces[stack[i]], "LowerLayers"));
         for (std::string lower; links >> lower;)
             if (seen.insert(lower).second)
                 stack.push_back(lower);
@@ -72,9 +93,9 @@ std::vector<std::string> iptv_stack(const Json &interfaces) {
 }
 
 /* The network device that carries IPTV. */
-std::string iptv_device(const Json &interfaces) {
+std::string iptv_device(Interfaces &interfaces) {
     for (const std::string &name : iptv_stack(interfaces)) {
-        const std::string flags = text(child(interfaces, name), "Flags");
+        const std::string flags = text(interfaces[name], "Flags");
         if (has_word(flags, "netdev") && has_word(flags, "up"))
             return name;
     }
@@ -91,10 +112,10 @@ std::string routed_state(const Json &service) {
 }
 
 /* The stack without the routed mode's own clients. */
-std::string wan_mode_state(const Json &steward, const Json &interfaces) {
+std::string wan_mode_state(const Json &steward, Interfaces &interfaces) {
     std::string stack;
     for (const std::string &name : iptv_stack(interfaces)) {
-        const Json one = child(interfaces, name);
+        const Json &one = interfaces[name];
         if (has_word(text(one, "Flags"), "zep-dhcp"))
             continue;
         stack += (stack.empty() ? "" : " > ") + name;
@@ -105,10 +126,10 @@ std::string wan_mode_state(const Json &steward, const Json &interfaces) {
     return (mode.empty() ? "no WAN mode yet" : "WAN mode " + mode) + ", stack " + stack;
 }
 
-std::string isolation_state(const Json &interfaces) {
+std::string isolation_state(Interfaces &interfaces) {
     std::string devices;
     for (const std::string &name : iptv_stack(interfaces)) {
-        const std::string flags = text(child(interfaces, name), "Flags");
+        const std::string flags = text(interfaces[name], "Flags");
         const bool isolated = (has_word(flags, "vlan") || has_word(flags, "atm")) && has_word(flags, "netdev") &&
                               has_word(flags, "up") && !has_word(flags, "zep-lan-iptv");
         if (isolated)
@@ -136,10 +157,10 @@ std::string firewall_state(const Json &policy, const std::string &mode) {
 }
 
 /* Every lease of the IPTV pools, by the device's identifier. */
-std::map<std::string, Json> iptv_leases(const Json &pools) {
+std::map<std::string, Json> iptv_leases(Client &client) {
     std::map<std::string, Json> leases;
     for (const char *pool : {"zep_stb", "zep_itf"})
-        for (const Json &rule : children(pools, {pool, "Rule"}))
+        for (const Json &rule : children(instance(client, "DHCPv4.Server.Pool", pool), {"Rule"}))
             for (const Json &lease : children(rule, {"Lease"}))
                 leases[lease["name"]] = {{"id", lease["name"]},
                                          {"pool", pool},
@@ -149,12 +170,12 @@ std::map<std::string, Json> iptv_leases(const Json &pools) {
     return leases;
 }
 
-Json device_json(const Json &stored, const std::map<std::string, Json> &leases, const Json &hosts) {
+Json device_json(const Json &stored, const std::map<std::string, Json> &leases, Client &client) {
     Json device{{"id", text(stored, "Id")},
                 {"type", text(stored, "DeviceType")},
                 {"address", text(stored, "IPAddress")},
                 {"mac", text(stored, "MACAddress")},
-                {"present", flag(child(hosts, text(stored, "MACAddress")), "Active")}};
+                {"present", flag(instance(client, "Hosts.Host", text(stored, "MACAddress")), "Active")}};
     const auto lease = leases.find(text(stored, "Id"));
     device["lease"] = lease == leases.end() ? "none" : lease->second["hold"] == true ? "held" : "released";
     return device;
@@ -174,9 +195,8 @@ std::string or_none(const std::string &value) {
 Json gather_status(Client &client) {
     const Json keel = client.tree("Keel");
     const Json service = child(keel, "Zephyrin");
-    const Json interfaces = client.tree("Weft.Intf");
-    const Json hosts = client.tree("Hosts.Host");
-    auto leases = iptv_leases(client.tree("DHCPv4.Server.Pool"));
+    Interfaces interfaces(client);
+    auto leases = iptv_leases(client);
     const std::string device = iptv_device(interfaces);
 
     Json status{
@@ -196,12 +216,12 @@ Json gather_status(Client &client) {
         {"routes", Json::array()},
         {"identities", Json::array()},
         {"waiting", Json::array()}};
-    for (const Json &route : children(interfaces, {device.c_str(), "IPv4Route"}))
+    for (const Json &route : children(interfaces[device], {"IPv4Route"}))
         status["routes"].push_back({{"destination", text(route, "Dst") + "/" + text(route, "DstLen")},
                                     {"router", text(route, "Gateway")},
                                     {"status", text(route, "Status")}});
     for (const Json &identity : children(service, {"ClientLease"})) {
-        const Json wan = child(interfaces, "dhcp_zep_" + text(identity, "Name"));
+        const Json wan = interfaces["dhcp_zep_" + text(identity, "Name")];
         Json one{{"name", text(identity, "Name")},
                  {"slot", text(identity, "ClientIDOffset")},
                  {"client_id", text(descend(wan, {"SentOption", "61"}), "Value")},
@@ -215,7 +235,7 @@ Json gather_status(Client &client) {
             one["status"] = "Connected";
         }
         for (const Json &stored : children(identity, {"ServerLease"})) {
-            one["devices"].push_back(device_json(stored, leases, hosts));
+            one["devices"].push_back(device_json(stored, leases, client));
             leases.erase(text(stored, "Id"));
         }
         status["identities"].push_back(one);
