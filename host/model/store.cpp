@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <stdexcept>
@@ -26,14 +27,6 @@ constexpr const char *schema =
     "SELECT path, parent, name, instance, position FROM node LIMIT 0;"
     "SELECT path, name, value FROM value LIMIT 0;"
     "CREATE INDEX IF NOT EXISTS node_parent ON node (parent);";
-
-/* A path's text is not enough to tell what is below it: "eth1.20" may stand beside "eth1". */
-constexpr const char *delete_values =
-    "WITH RECURSIVE gone (path) AS (SELECT ?1 UNION SELECT node.path FROM node JOIN gone ON node.parent = gone.path) "
-    "DELETE FROM value WHERE path IN (SELECT path FROM gone)";
-constexpr const char *delete_nodes =
-    "WITH RECURSIVE gone (path) AS (SELECT ?1 UNION SELECT node.path FROM node JOIN gone ON node.parent = gone.path) "
-    "DELETE FROM node WHERE path IN (SELECT path FROM gone)";
 
 /* A statement that reads. */
 class Statement {
@@ -229,7 +222,7 @@ void Store::write_dirty() {
     bool done = execute("BEGIN");
     for (const auto &[path, dirty] : paths) { /* in the order of paths: what is above comes first */
         if (dirty.deleted)
-            done = done && run(delete_values, {path}) && run(delete_nodes, {path});
+            done = done && delete_rows(path);
         const Node *node = model_.find(path);
         if (node && node->path() == path && node->persistent)
             done = done && write_node(*node, dirty.position);
@@ -268,16 +261,30 @@ bool Store::write_missing_parents(const Node &node) {
     const Node *parent = node.parent;
     if (!parent || !parent->persistent)
         return true;
-    Statement known(database_, "SELECT 1 FROM node WHERE path = ?");
-    known.bind(parent->path());
-    return known.row() || write_node(*parent, 0);
+    sqlite3_stmt *look = prepared("SELECT 1 FROM node WHERE path = ?", {parent->path()});
+    const bool known = look && sqlite3_step(look) == SQLITE_ROW;
+    sqlite3_reset(look);
+    return known || write_node(*parent, 0);
 }
 
-/* Statements that write are prepared once. */
-bool Store::run(const char *sql, const std::vector<Value> &values) {
+/* Of an object and of all below it. A path's text is not enough to tell what that is: "eth1.20" may stand beside
+ * "eth1". */
+bool Store::delete_rows(const std::string &path) {
+    std::vector<std::string> below;
+    sqlite3_stmt *children = prepared("SELECT path FROM node WHERE parent = ?", {path});
+    while (children && sqlite3_step(children) == SQLITE_ROW)
+        below.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(children, 0)));
+    sqlite3_reset(children);
+    return children && run("DELETE FROM value WHERE path = ?", {path}) &&
+           run("DELETE FROM node WHERE path = ?", {path}) && /* before those below: rows of a ring end, too */
+           std::all_of(below.begin(), below.end(), [this](const auto &one) { return delete_rows(one); });
+}
+
+/* Statements are prepared once. Null when it cannot be; else it is to be reset after its use. */
+sqlite3_stmt *Store::prepared(const char *sql, const std::vector<Value> &values) {
     sqlite3_stmt *&statement = prepared_[sql];
     if (!statement && sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr) != SQLITE_OK)
-        return false;
+        return nullptr;
     int place = 0;
     for (const Value &value : values) {
         ++place;
@@ -286,7 +293,12 @@ bool Store::run(const char *sql, const std::vector<Value> &values) {
         else
             sqlite3_bind_int64(statement, place, std::get<std::int64_t>(value));
     }
-    const bool done = sqlite3_step(statement) == SQLITE_DONE;
+    return statement;
+}
+
+bool Store::run(const char *sql, const std::vector<Value> &values) {
+    sqlite3_stmt *statement = prepared(sql, values);
+    const bool done = statement && sqlite3_step(statement) == SQLITE_DONE;
     sqlite3_reset(statement);
     return done;
 }

@@ -51,6 +51,8 @@ private:
     void write_dirty();
     bool write_node(const Node &node, std::int64_t position);
     bool write_missing_parents(const Node &node);
+    bool delete_rows(const std::string &path);
+    sqlite3_stmt *prepared(const char *sql, const std::vector<Value> &values);
     bool run(const char *sql, const std::vector<Value> &values);
     bool execute(const char *sql);
 
