@@ -2,7 +2,7 @@
 
 #include "frame/trace.h"
 #include "routed/dhcp_server.h"
-#include "routed/lease_store.h"
+#include "routed/lease_saves.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ void zep_client_lease_reinit(Client_lease *client_lease) {
 void zep_client_lease_cleanup(Client_lease *client_lease) {
     if (!client_lease)
         return;
-    lease_store_forget(client_lease);
+    lease_saves_forget(client_lease);
     hull_timer_t **const timers[] = {&client_lease->start_timer, &client_lease->stop_timer,
                                      &client_lease->release_timer};
     for (hull_timer_t **timer : timers) {

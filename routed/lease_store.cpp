@@ -1,6 +1,7 @@
 #include "routed/lease_store.h"
 
 #include "frame/trace.h"
+#include "routed/lease_saves.h"
 
 namespace {
 
@@ -8,42 +9,6 @@ enum { probe_attributes = 528445, listing_attributes = 4113, read_attributes = 1
 
 const char zone[] = "lease"; /* also the owner of the writes */
 const char client_leases_path[] = "Keel.Zephyrin.ClientLease";
-
-/* A probe or an addition that is not answered yet. The record may be removed meanwhile: its saves are then dropped. The
- * bus keeps the order, so a deletion sent after an addition is also carried out after it. */
-struct Save {
-    request_t *request;
-    Client_lease *client_lease;
-    llist_iterator_t link;
-};
-
-llist_t saves_in_flight;
-
-/* Without memory to follow it the save is dropped: its answer could not be told that the record is gone. */
-void send_followed(request_t *request, Client_lease *client_lease) {
-    auto *save = static_cast<Save *>(calloc(1, sizeof(Save)));
-    if (!save) {
-        ZEP_ERROR(zone, "Failed to malloc Save");
-        request_destroy(request);
-        return;
-    }
-    save->request = request;
-    save->client_lease = client_lease;
-    llist_iterator_initialize(&save->link, save);
-    llist_append(&saves_in_flight, &save->link);
-    hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
-}
-
-/* Destroys an answered or abandoned request and forgets it. */
-void finish(request_t *request) {
-    for (Save *save : RecordsOf<Save>(&saves_in_flight)) {
-        if (save->request != request)
-            continue;
-        llist_iterator_take(&save->link);
-        free(save);
-    }
-    request_destroy(request);
-}
 
 bool zep_client_lease_obj_add_done_handler(request_t *request, sysbus_t *, sysbus_t *, void *data) {
     auto *client_lease = static_cast<Client_lease *>(data);
@@ -58,7 +23,7 @@ bool zep_client_lease_obj_add_done_handler(request_t *request, sysbus_t *, sysbu
     if (!failed && client_lease)
         for (const Server_lease *server_lease : RecordsOf<Server_lease>(&client_lease->server_leases))
             zep_server_lease_obj_save(client_lease->name, server_lease, 1);
-    finish(request);
+    lease_save_finish(request);
     return true;
 }
 
@@ -78,7 +43,7 @@ void zep_client_lease_obj_write(Client_lease *client_lease, bool add) {
     }
     request_setDoneHandler(request, zep_client_lease_obj_add_done_handler);
     request_setData(request, client_lease);
-    send_followed(request, client_lease);
+    lease_save_send(request, client_lease);
 }
 
 bool zep_client_lease_obj_save_handler(request_t *request, reply_item_t *item, sysbus_t *, sysbus_t *, void *data) {
@@ -88,7 +53,7 @@ bool zep_client_lease_obj_save_handler(request_t *request, reply_item_t *item, s
         zep_client_lease_obj_write(client_lease, false);
     else if (type == reply_type_error)
         zep_client_lease_obj_write(client_lease, true);
-    finish(request);
+    lease_save_finish(request);
     return true;
 }
 
@@ -154,7 +119,7 @@ void zep_client_lease_obj_save(Client_lease *client_lease) {
         return;
     request_setData(request, client_lease);
     request_setReplyItemHandler(request, zep_client_lease_obj_save_handler);
-    send_followed(request, client_lease);
+    lease_save_send(request, client_lease);
 }
 
 void zep_server_lease_obj_save(const char *client_name, const Server_lease *server_lease, int add) {
@@ -233,14 +198,4 @@ Client_lease *zep_client_lease_create_from_object(const object_t *object) {
         return nullptr;
     }
     return client_lease;
-}
-
-void lease_store_forget(const Client_lease *client_lease) {
-    for (Save *save : RecordsOf<Save>(&saves_in_flight)) {
-        if (save->client_lease != client_lease)
-            continue;
-        request_destroy(save->request);
-        llist_iterator_take(&save->link);
-        free(save);
-    }
 }

@@ -20,7 +20,4 @@ ZEP_EXPORT int zep_client_lease_obj_parse(llist_t *list);
 /* A Client_lease with its devices from its stored object, in no list; null (traced) when anything of it is missing. */
 ZEP_EXPORT Client_lease *zep_client_lease_create_from_object(const object_t *object);
 
-/* The record goes: answers to its saves that are still on their way must not find it any more. */
-void lease_store_forget(const Client_lease *client_lease);
-
 #endif
