@@ -266,9 +266,11 @@ Queries queries;
 void write_parameter(const std::string &name, const std::string &parameter, const variant_t *variant) {
     const auto value = from_variant(variant);
     const auto dot = parameter.rfind('.');
-    const std::string object = interface_path(name) + (dot == std::string::npos ? "" : "." + parameter.substr(0, dot));
-    if (dot != std::string::npos) /* it may be the fixed address's */
-        provide_fixed_address(host_model(), name);
+    std::string object = interface_path(name);
+    if (dot != std::string::npos) {
+        object.append(".").append(parameter, 0, dot);
+        provide_fixed_address(host_model(), name); /* it may be that one's */
+    }
     if (!value)
         report(Refusal{object, "\"" + parameter + "\" has no value"});
     else if (dot != std::string::npos && !host_model().find(object))
