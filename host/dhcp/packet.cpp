@@ -1,33 +1,55 @@
 #include "host/dhcp/packet.h"
 
-#include <arpa/inet.h>
-#include <tins/dhcp.h>
-
 #include <algorithm>
-#include <exception>
+#include <array>
+#include <optional>
 
 namespace keel {
 
 namespace {
 
-constexpr std::size_t minimum_size = 300;
-constexpr std::size_t smallest_message = 240; /* the fixed fields and the cookie */
-constexpr std::uint8_t ethernet = 1;
 constexpr std::uint8_t boot_request = 1;
 constexpr std::uint8_t boot_reply = 2;
-constexpr std::uint16_t broadcast_flag = 0x8000;
+constexpr std::uint8_t ethernet = 1;
+constexpr std::uint8_t hardware_size = 6;
+constexpr std::array<std::uint8_t, 4> cookie = {0x63, 0x82, 0x53, 0x63};
+constexpr std::uint8_t broadcast_bit = 0x80; /* in the first byte of the flags */
+constexpr std::size_t minimum_size = 300;
+constexpr std::size_t longest_option = 255;
 
-std::uint32_t host_order(const Tins::IPv4Address &address) {
-    return ntohl(static_cast<std::uint32_t>(address));
-}
+/* Where the fields begin. */
+enum : std::size_t {
+    at_op = 0,
+    at_hardware_type = 1,
+    at_hardware_size = 2,
+    at_xid = 4,
+    at_flags = 10,
+    at_client_address = 12,
+    at_your_address = 16,
+    at_relay = 24,
+    at_hardware = 28,
+    at_server_name = 44,
+    at_file = 108,
+    at_cookie = 236,
+    at_options = 240
+};
 
-Tins::IPv4Address tins_address(std::uint32_t address) {
-    return Tins::IPv4Address(htonl(address));
-}
+enum : std::uint8_t {
+    option_pad = 0,
+    option_requested_address = 50,
+    option_overload = 52,
+    option_message_type = 53,
+    option_server_id = 54,
+    option_vendor_class = 60,
+    option_client_id = 61,
+    option_end = 255
+};
 
-Bytes option_of(const Tins::DHCP &packet, Tins::DHCP::OptionTypes number) {
-    const auto *option = packet.search_option(number);
-    return option ? Bytes(option->data_ptr(), option->data_ptr() + option->data_size()) : Bytes();
+using Options = std::map<std::uint8_t, Bytes>;
+
+Bytes option_of(const Options &options, std::uint8_t number) {
+    const auto found = options.find(number);
+    return found == options.end() ? Bytes() : found->second;
 }
 
 /* 0 for what is no address. */
@@ -35,70 +57,121 @@ std::uint32_t address_of(const Bytes &bytes) {
     return bytes.size() == 4 ? network_number(bytes.data()) : 0;
 }
 
-} // namespace
-
-bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error) {
-    if (size < smallest_message) {
-        *error = "too short";
-        return false;
-    }
-    try {
-        const Tins::DHCP packet(data, static_cast<std::uint32_t>(size));
-        if (packet.opcode() != boot_request || packet.htype() != ethernet || packet.hlen() != 6) {
-            *error = "no request over Ethernet";
-            return false;
+/* Adds the options of one field; an option that stands there more than once is one long option (RFC 3396). False when
+ * one reaches over the field's end; a missing end mark is forgiven. */
+bool read_options(const std::uint8_t *data, std::size_t size, Options *options) {
+    for (std::size_t at = 0; at < size && data[at] != option_end;) {
+        if (data[at] == option_pad) {
+            ++at;
+            continue;
         }
-        const Bytes type = option_of(packet, Tins::DHCP::DHCP_MESSAGE_TYPE);
-        if (type.size() != 1 || type[0] < 1 || type[0] > 8) {
-            *error = "no message type";
+        if (size - at < 2 || size - at - 2 < data[at + 1])
             return false;
-        }
-        *message = {};
-        message->type = static_cast<DhcpType>(type[0]);
-        message->xid = packet.xid();
-        message->broadcast = (packet.padding() & broadcast_flag) != 0;
-        message->client_address = host_order(packet.ciaddr());
-        message->relay = host_order(packet.giaddr());
-        const auto hardware = packet.chaddr();
-        std::copy_n(hardware.begin(), message->hardware.size(), message->hardware.begin());
-        message->client_id = option_of(packet, Tins::DHCP::DHCP_CLIENT_IDENTIFIER);
-        const Bytes vendor = option_of(packet, Tins::DHCP::VENDOR_CLASS_IDENTIFIER);
-        message->vendor_class.assign(vendor.begin(), vendor.end());
-        message->requested_address = address_of(option_of(packet, Tins::DHCP::DHCP_REQUESTED_ADDRESS));
-        message->server_id = address_of(option_of(packet, Tins::DHCP::DHCP_SERVER_IDENTIFIER));
-    } catch (const std::exception &) {
-        *error = "malformed";
-        return false;
-    }
-    if (std::all_of(message->hardware.begin(), message->hardware.end(), [](std::uint8_t b) { return b == 0; }) ||
-        (message->hardware[0] & 1)) {
-        *error = "no unicast hardware address";
-        return false;
+        Bytes &value = (*options)[data[at]];
+        value.insert(value.end(), data + at + 2, data + at + 2 + data[at + 1]);
+        at += 2U + data[at + 1];
     }
     return true;
 }
 
+/* The options of a whole message, with those in the fields that it lends them. */
+std::optional<Options> all_options(const std::uint8_t *data, std::size_t size) {
+    Options options;
+    if (!read_options(data + at_options, size - at_options, &options))
+        return std::nullopt;
+    const auto overload = options.find(option_overload);
+    if (overload == options.end())
+        return options;
+    const std::uint8_t fields = overload->second.size() == 1 ? overload->second[0] : 0;
+    if (fields < 1 || fields > 3 || ((fields & 1) && !read_options(data + at_file, at_cookie - at_file, &options)) ||
+        ((fields & 2) && !read_options(data + at_server_name, at_file - at_server_name, &options)))
+        return std::nullopt;
+    return options;
+}
+
+/* An option of more than 255 bytes goes in several pieces (RFC 3396). */
+void append_option(Bytes *message, std::uint8_t number, const Bytes &value) {
+    std::size_t at = 0;
+    do {
+        const std::size_t piece = std::min(value.size() - at, longest_option);
+        message->push_back(number);
+        message->push_back(static_cast<std::uint8_t>(piece));
+        const auto first = value.begin() + static_cast<std::ptrdiff_t>(at);
+        message->insert(message->end(), first, first + static_cast<std::ptrdiff_t>(piece));
+        at += piece;
+    } while (at < value.size());
+}
+
+void put_number(Bytes *message, std::size_t at, std::uint32_t number) {
+    const Bytes bytes = network_bytes(number);
+    std::copy(bytes.begin(), bytes.end(), message->begin() + static_cast<std::ptrdiff_t>(at));
+}
+
+} // namespace
+
+bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error) {
+    if (size < at_options) {
+        *error = "too short";
+        return false;
+    }
+    if (data[at_op] != boot_request || data[at_hardware_type] != ethernet || data[at_hardware_size] != hardware_size) {
+        *error = "no request over Ethernet";
+        return false;
+    }
+    const auto options =
+        std::equal(cookie.begin(), cookie.end(), data + at_cookie) ? all_options(data, size) : std::nullopt;
+    if (!options) {
+        *error = "malformed";
+        return false;
+    }
+    const Bytes type = option_of(*options, option_message_type);
+    if (type.size() != 1 || type[0] < 1 || type[0] > 8) {
+        *error = "no message type";
+        return false;
+    }
+    const std::uint8_t *hardware = data + at_hardware;
+    if ((hardware[0] & 1) ||
+        std::all_of(hardware, hardware + hardware_size, [](std::uint8_t byte) { return byte == 0; })) {
+        *error = "no unicast hardware address";
+        return false;
+    }
+    *message = {};
+    message->type = static_cast<DhcpType>(type[0]);
+    message->xid = network_number(data + at_xid);
+    message->broadcast = (data[at_flags] & broadcast_bit) != 0;
+    message->client_address = network_number(data + at_client_address);
+    message->relay = network_number(data + at_relay);
+    std::copy_n(hardware, message->hardware.size(), message->hardware.begin());
+    message->client_id = option_of(*options, option_client_id);
+    const Bytes vendor = option_of(*options, option_vendor_class);
+    message->vendor_class.assign(vendor.begin(), vendor.end());
+    message->requested_address = address_of(option_of(*options, option_requested_address));
+    message->server_id = address_of(option_of(*options, option_server_id));
+    return true;
+}
+
 Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply) {
-    Tins::DHCP packet;
-    packet.opcode(boot_reply);
-    packet.htype(ethernet);
-    packet.hlen(6);
-    packet.xid(request.xid);
-    packet.padding(request.broadcast ? broadcast_flag : 0);
+    Bytes message(at_options);
+    message[at_op] = boot_reply;
+    message[at_hardware_type] = ethernet;
+    message[at_hardware_size] = hardware_size;
+    put_number(&message, at_xid, request.xid);
+    message[at_flags] = request.broadcast ? broadcast_bit : 0;
     if (reply.type == DhcpType::Ack)
-        packet.ciaddr(tins_address(request.client_address));
-    packet.yiaddr(tins_address(reply.your_address));
-    packet.giaddr(tins_address(request.relay));
-    packet.chaddr(Tins::HWAddress<6>(request.hardware.data()));
-    packet.type(static_cast<Tins::DHCP::Flags>(reply.type));
-    packet.server_identifier(tins_address(reply.server));
-    for (const auto &[number, data] : reply.options)
-        packet.add_option({number, data.begin(), data.end()});
-    packet.end();
-    Bytes bytes = packet.serialize();
-    if (bytes.size() < minimum_size)
-        bytes.resize(minimum_size);
-    return bytes;
+        put_number(&message, at_client_address, request.client_address);
+    put_number(&message, at_your_address, reply.your_address);
+    put_number(&message, at_relay, request.relay);
+    std::copy(request.hardware.begin(), request.hardware.end(), message.begin() + at_hardware);
+    std::copy(cookie.begin(), cookie.end(), message.begin() + at_cookie);
+    append_option(&message, option_message_type, {static_cast<std::uint8_t>(reply.type)});
+    append_option(&message, option_server_id, network_bytes(reply.server));
+    for (const auto &[number, value] : reply.options)
+        if (number != option_pad && number != option_message_type && number != option_server_id && number != option_end)
+            append_option(&message, number, value);
+    message.push_back(option_end);
+    if (message.size() < minimum_size)
+        message.resize(minimum_size);
+    return message;
 }
 
 } // namespace keel

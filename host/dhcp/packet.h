@@ -37,17 +37,20 @@ struct DhcpMessage {
     std::uint32_t server_id = 0;
 };
 
-/* What the server answers; options in the order of their numbers. */
+/* What the server answers. The options go in the order of their numbers after 53 and 54, which are formed from the
+ * other fields and not taken from here. */
 struct DhcpReply {
     DhcpType type = DhcpType::Offer;
     std::uint32_t your_address = 0; /* yiaddr */
     std::uint32_t server = 0;
-    std::map<std::uint8_t, Bytes> options; /* besides 53 and 54 */
+    std::map<std::uint8_t, Bytes> options; /* values of any length */
 };
 
-/* False with the reason in *error for anything but a client's message over Ethernet. */
+/* False with the reason in *error for anything but a whole client's message over Ethernet; *message is set only on
+ * success. Options that are split (RFC 3396) or stand in the fields for file and server name (option 52) are read as
+ * well. */
 bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error);
-/* The reply to a client's message, at least 300 bytes long (RFC 1542). */
+/* The reply to a client's message, at least 300 bytes long (RFC 1542); options of more than 255 bytes are split. */
 Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply);
 
 } // namespace keel

@@ -6,9 +6,6 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <sys/socket.h>
-#include <tins/ip.h>
-#include <tins/rawpdu.h>
-#include <tins/udp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +13,7 @@
 #include <cstring>
 
 #include "host/base/trace.h"
+#include "host/dhcp/frame.h"
 
 namespace keel {
 
@@ -25,8 +23,6 @@ constexpr std::uint64_t retry_ms = 3000;
 constexpr std::uint16_t server_port = 67;
 constexpr std::uint16_t client_port = 68;
 constexpr int frames_per_turn = 32;
-constexpr std::size_t ip_header = 20;
-constexpr std::size_t udp_header = 8;
 
 /* IPv4, UDP, no later fragment, destination port 67; counted from the IP header. */
 sock_filter filter_code[] = {
@@ -76,7 +72,8 @@ bool PacketLanPort::open() {
     index_ = static_cast<int>(if_nametoindex(interface_.c_str()));
     if (index_ == 0)
         return false;
-    socket_ = socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_IP));
+    /* of protocol 0, which takes nothing: until it is bound, a packet socket hears all interfaces */
+    socket_ = socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const sock_fprog filter{std::size(filter_code), filter_code};
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
@@ -121,16 +118,10 @@ void PacketLanPort::take_frames() {
             }
             return;
         }
-        const auto length = static_cast<std::size_t>(size);
-        if (from.sll_pkttype == PACKET_OUTGOING || length < ip_header + udp_header)
+        if (from.sll_pkttype == PACKET_OUTGOING)
             continue;
-        const std::size_t header = static_cast<std::size_t>(frame[0] & 0x0f) * 4;
-        if (header < ip_header || header + udp_header > length)
-            continue;
-        const std::size_t told = static_cast<std::size_t>(frame[header + 4]) << 8 | frame[header + 5];
-        if (told < udp_header || header + told > length)
-            continue;
-        receiver_(frame + header + udp_header, told - udp_header);
+        if (const auto message = parse_udp_packet(frame, static_cast<std::size_t>(size), server_port))
+            receiver_(message->data(), message->size());
         if (socket_ < 0)
             return;
     }
@@ -139,23 +130,21 @@ void PacketLanPort::take_frames() {
 void PacketLanPort::send(const Bytes &message, const DhcpDestination &destination) {
     if (socket_ < 0)
         return;
-    try {
-        Tins::IP packet =
-            Tins::IP(Tins::IPv4Address(htonl(destination.address)), Tins::IPv4Address(htonl(destination.source))) /
-            Tins::UDP(client_port, server_port) / Tins::RawPDU(message.begin(), message.end());
-        const Bytes bytes = packet.serialize();
-        sockaddr_ll to{};
-        to.sll_family = AF_PACKET;
-        to.sll_protocol = htons(ETH_P_IP);
-        to.sll_ifindex = index_;
-        to.sll_halen = ETH_ALEN;
-        std::copy(destination.hardware.begin(), destination.hardware.end(), to.sll_addr);
-        if (sendto(socket_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
-            trace(Level::Warning, "lan", "%s: a DHCP reply could not be sent: %s", interface_.c_str(),
-                  std::strerror(errno));
-    } catch (const std::exception &error) {
-        trace(Level::Warning, "lan", "a DHCP reply could not be formed: %s", error.what());
+    const auto packet = build_udp_packet({destination.source, server_port, destination.address, client_port}, message);
+    if (!packet) {
+        trace(Level::Warning, "lan", "%s: a DHCP reply of %zu bytes is too long to be sent", interface_.c_str(),
+              message.size());
+        return;
     }
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_protocol = htons(ETH_P_IP);
+    to.sll_ifindex = index_;
+    to.sll_halen = ETH_ALEN;
+    std::copy(destination.hardware.begin(), destination.hardware.end(), to.sll_addr);
+    if (sendto(socket_, packet->data(), packet->size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
+        trace(Level::Warning, "lan", "%s: a DHCP reply could not be sent: %s", interface_.c_str(),
+              std::strerror(errno));
 }
 
 } // namespace keel
