@@ -1,81 +1,95 @@
 #!/bin/sh
 # Sets up and empties the iptables and ebtables chains of the IPTV service, before the plug-in starts. Safe to run at any
-# time while it does not run: what an earlier run left in the chains goes, nothing else is touched.
+# time while it does not run: what an earlier run left in the chains goes, nothing else is touched. What stands in the
+# tables is read once and changed at once: a table changes as a whole or not at all.
 set -eu
 
-ipt() {
-    /usr/sbin/iptables -w 5 "$@"
+# changes SAVED PLAN: what "restore" is told to bring about the plan, which is written as it wants it, but for two words:
+#   once RULE             the rule, as it is saved, stands in its chain, once
+#   unhook CHAIN TARGET   no rule of the chain jumps to the target any more
+changes() {
+    printf '%s\n' "$1" | plan=$2 awk '
+        /^\*/ { table = $1 }
+        /^-A / { there[table, $0] }
+        /^-A / && $(NF - 1) == "-j" { jumps[table, $2, $NF] = jumps[table, $2, $NF] "-D" substr($0, 3) "\n" }
+        END {
+            lines = split(ENVIRON["plan"], line, "\n")
+            for (i = 1; i <= lines; ++i) {
+                split(line[i], word, " ")
+                rule = substr(line[i], length("once ") + 1)
+                if (word[1] ~ /^\*/)
+                    table = word[1]
+                if (word[1] == "unhook")
+                    printf "%s", jumps[table, word[2], word[3]]
+                else if (word[1] != "once")
+                    print line[i]
+                else if (!((table, rule) in there))
+                    print rule
+            }
+        }'
 }
 
-ebt() {
-    /usr/sbin/ebtables "$@"
-}
-
-# chain TABLE NAME: there, and empty
-chain() {
-    ipt -t "$1" -N "$2" 2>/dev/null || ipt -t "$1" -F "$2"
-}
-
-# once TABLE CHAIN RULE...: the rule stands in the chain, once
-once() {
-    table=$1
-    shift
-    ipt -t "$table" -C "$@" 2>/dev/null || ipt -t "$table" -A "$@"
-}
-
-# unhook TABLE CHAIN TARGET: no rule of the chain jumps to the target any more
-unhook() {
-    ipt -t "$1" -S "$2" | grep -- "-j $3\$" | sed 's/^-A/-D/' | while read -r rule; do
-        # shellcheck disable=SC2086 # a rule is a list of words
-        ipt -t "$1" $rule
-    done
-}
-
-# ebchain TABLE CHAIN NAME: there, empty, without a say of its own, and called once from the built-in chain
-ebchain() {
-    ebt -t "$1" -N "$3" -P RETURN 2>/dev/null || ebt -t "$1" -F "$3"
-    ebt -t "$1" -P "$3" RETURN
-    while ebt -t "$1" -D "$2" -j "$3" 2>/dev/null; do :; done # it cannot be asked whether a rule is there
-    ebt -t "$1" -A "$2" -j "$3"
-}
-
-unhook raw PREROUTING PREROUTING_zep_ACCEPT
-unhook raw PREROUTING PREROUTING_zep_DROP
-chain raw PREROUTING_zep_ACCEPT
-chain raw PREROUTING_zep_DROP
-chain nat POSTROUTING_IPTV
-chain nat PREROUTING_IPTV
-chain nat POSTROUTING_zep
-chain nat PREROUTING_zep
-chain nat POSTROUTING_ZEP
-chain filter FORWARD_zep
-chain filter IPTV_Out
-chain filter FORWARD_IPTV2Lan
-chain filter FORWARD_ZEP
-chain filter FORWARD_ZEP_Services
-ebchain nat POSTROUTING POSTROUTING_No_DHCP
-ebchain nat POSTROUTING POSTROUTING_No_IGMP
-ebchain nat POSTROUTING POSTROUTING_Only_IGMP
-ebchain filter FORWARD FORWARD_Isolation
-
+saved=$(/usr/sbin/iptables-save)
+told=$(changes "$saved" '
+*raw
+:PREROUTING_zep_ACCEPT - [0:0]
+:PREROUTING_zep_DROP - [0:0]
+unhook PREROUTING PREROUTING_zep_ACCEPT
+unhook PREROUTING PREROUTING_zep_DROP
 # What is accepted on the IPTV interface besides the mapped WAN addresses: multicast and limited broadcast.
-ipt -t raw -A PREROUTING_zep_ACCEPT -d 224.0.0.0/4 -j ACCEPT
-ipt -t raw -A PREROUTING_zep_ACCEPT -d 255.255.255.255 -j ACCEPT
-ipt -t raw -A PREROUTING_zep_DROP -j DROP
-# The plug-in's jumps come after it: answers to the gateway's own DHCP clients always arrive.
-once raw PREROUTING -p udp --dport 68 -j ACCEPT
+-A PREROUTING_zep_ACCEPT -d 224.0.0.0/4 -j ACCEPT
+-A PREROUTING_zep_ACCEPT -d 255.255.255.255 -j ACCEPT
+-A PREROUTING_zep_DROP -j DROP
+# The jumps of the plug-in come after it: answers to the own DHCP clients of the gateway always arrive.
+once -A PREROUTING -p udp -m udp --dport 68 -j ACCEPT
+COMMIT
 
-once nat POSTROUTING -j POSTROUTING_IPTV
-once nat POSTROUTING -j POSTROUTING_ZEP
-once nat PREROUTING -j PREROUTING_IPTV
+*nat
+:POSTROUTING_IPTV - [0:0]
+:PREROUTING_IPTV - [0:0]
+:POSTROUTING_zep - [0:0]
+:PREROUTING_zep - [0:0]
+:POSTROUTING_ZEP - [0:0]
+once -A POSTROUTING -j POSTROUTING_IPTV
+once -A POSTROUTING -j POSTROUTING_ZEP
+once -A PREROUTING -j PREROUTING_IPTV
+COMMIT
 
-# The plug-in accepts what its devices send, and the firewall's policy tells whether that holds on the IPTV interface;
-# an earlier version called FORWARD_zep directly. What comes in for the devices was mapped to them (DNAT), or answers
-# them.
-unhook filter FORWARD FORWARD_zep
-ipt -t filter -A IPTV_Out -j FORWARD_zep
-once filter FORWARD -j FORWARD_IPTV2Lan
-once filter FORWARD -j FORWARD_ZEP
-once filter FORWARD -m conntrack --ctstate RELATED,ESTABLISHED,DNAT -j ACCEPT
+*filter
+:FORWARD_zep - [0:0]
+:IPTV_Out - [0:0]
+:FORWARD_IPTV2Lan - [0:0]
+:FORWARD_ZEP - [0:0]
+:FORWARD_ZEP_Services - [0:0]
+# The plug-in accepts what its devices send, and the policy of the firewall tells whether that holds on the IPTV
+# interface; an earlier version called FORWARD_zep directly. What comes in for the devices was mapped to them (DNAT), or
+# answers them.
+unhook FORWARD FORWARD_zep
+-A IPTV_Out -j FORWARD_zep
+once -A FORWARD -j FORWARD_IPTV2Lan
+once -A FORWARD -j FORWARD_ZEP
+once -A FORWARD -m conntrack --ctstate RELATED,ESTABLISHED,DNAT -j ACCEPT
 # What the multicast daemon forwards.
-once filter FORWARD -d 224.0.0.0/4 -j ACCEPT
+once -A FORWARD -d 224.0.0.0/4 -j ACCEPT
+COMMIT')
+printf '%s\n' "$told" | /usr/sbin/iptables-restore --noflush -w 5
+
+# Each of these has no say of its own, and is called once from its built-in chain, after all that stands there.
+saved=$(/usr/sbin/ebtables-save)
+told=$(changes "$saved" '
+*nat
+:POSTROUTING_No_DHCP RETURN
+:POSTROUTING_No_IGMP RETURN
+:POSTROUTING_Only_IGMP RETURN
+unhook POSTROUTING POSTROUTING_No_DHCP
+unhook POSTROUTING POSTROUTING_No_IGMP
+unhook POSTROUTING POSTROUTING_Only_IGMP
+-A POSTROUTING -j POSTROUTING_No_DHCP
+-A POSTROUTING -j POSTROUTING_No_IGMP
+-A POSTROUTING -j POSTROUTING_Only_IGMP
+
+*filter
+:FORWARD_Isolation RETURN
+unhook FORWARD FORWARD_Isolation
+-A FORWARD -j FORWARD_Isolation')
+printf '%s\n' "$told" | /usr/sbin/ebtables-restore --noflush

@@ -251,8 +251,21 @@ TEST_F(LinuxTest, TheChainsAreSetUpAndEmptiedAsOftenAsOneLikes) {
                     "ebtables -t filter -A FORWARD_Isolation  -j DROP -i eth1.21 -o eth1.20"),
               "");
     EXPECT_EQ(count(rules(), "-j DROP\n"), 4U) << rules();
+    shell("ebtables -t filter -P FORWARD_Isolation DROP; ebtables -t nat -I POSTROUTING -j POSTROUTING_No_DHCP;"
+          "iptables -t filter -I FORWARD -m comment --comment \"two words\" -j FORWARD_zep");
     set_up();
     EXPECT_EQ(rules(), fresh);
+
+    /* What others have in the built-in chains stays, before and behind ours; so do their chains. */
+    shell("iptables -P FORWARD DROP; iptables -N other; iptables -A other -s 10.0.0.1 -j DROP;"
+          "iptables -I FORWARD -m comment --comment \"-j FORWARD_zep\" -j other;"
+          "iptables -A FORWARD -s 10.0.0.2 -j DROP; iptables -t raw -I PREROUTING -s 10.0.0.3 -j DROP;"
+          "ebtables -t filter -N other -P DROP; ebtables -t filter -I FORWARD -i eth1.20 -j other");
+    const std::string shared = rules();
+    EXPECT_EQ(count(shared, "10.0.0."), 3U) << shared;
+    EXPECT_EQ(count(shared, "-j other"), 2U) << shared;
+    set_up();
+    EXPECT_EQ(rules(), shared);
     std::string error;
     EXPECT_FALSE(set_up_chains("/nonexistent/chains.sh", &error));
     EXPECT_EQ(error, "/nonexistent/chains.sh: cannot be run");
