@@ -9,16 +9,13 @@
 
 namespace keel {
 
-/* Runs the chain set-up script (share/chains.sh) and waits for it: everything that an earlier run left in the chains is
- * gone after it. False with the reason in *error. */
+/* Runs the chain set-up script (share/chains.sh) and waits for it, for at most 30 s: everything that an earlier run
+ * left in the chains is gone after it. False with the reason in *error. */
 bool set_up_chains(const std::string &script, std::string *error);
 
 /* The command that empties a chain of the filter table, or puts a rule at its end. */
 std::vector<std::string> flush_command(const std::string &chain);
 std::vector<std::string> append_command(const std::string &chain, const std::vector<std::string> &rule);
-
-/* Runs a command and waits for it: for the end, when the loop does not turn any more. Its exit status, or -1. */
-int run_and_wait(const std::vector<std::string> &argv);
 
 } // namespace keel
 

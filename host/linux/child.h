@@ -1,30 +1,30 @@
 /*
- * Child processes that never outlive the host.
+ * Programs that run beside the loop, and never outlive the host.
  */
 #ifndef HOST_LINUX_CHILD_H
 #define HOST_LINUX_CHILD_H
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <uv.h>
 
 #include "host/base/process_runner.h"
 #include "host/base/uv_loop.h"
 
 namespace keel {
 
-/* One running program. The kernel kills it when the host dies; the destructor kills it, and then nothing of it is
- * reported any more. */
+/* One running program (program.h). The destructor kills it, and then nothing of it is reported any more; the kernel
+ * forgets it on a later turn of the loop. */
 class Child {
 public:
     using OnLine = std::function<void(const std::string &line)>;
     using OnExit = std::function<void(int status)>;
 
     /* Starts argv[0] (looked up in PATH). Lines of its standard output and error go to on_line when there is one, else
-     * they are the host's. Null with the reason in *error when it cannot be started. */
+     * they are the host's; all that it printed comes before on_exit, which is told its exit status, or 128 and the
+     * signal that ended it. Both may destroy the child. Null with the reason in *error when it cannot be started. */
     static std::unique_ptr<Child> start(UvLoop &loop, const std::vector<std::string> &argv, OnLine on_line,
                                         OnExit on_exit, std::string *error);
     Child(const Child &) = delete;
@@ -32,9 +32,13 @@ public:
     ~Child();
 
     int pid() const;
+    /* Kills it and what it started; its end is reported as any other. */
+    void kill();
+    /* Waits for its end while the loop does not turn, for at most that long. False when it still runs. */
+    bool wait(int milliseconds) const;
 
 private:
-    struct State; /* lives until libuv has closed its handles */
+    struct State; /* lives until the program has ended and libuv has closed its handles */
 
     explicit Child(State *state) : state_(state) {}
 
@@ -45,13 +49,13 @@ private:
 class UvProcessRunner : public ProcessRunner {
 public:
     explicit UvProcessRunner(UvLoop &loop) : loop_(loop) {}
-    ~UvProcessRunner() override;
 
     bool run(const std::vector<std::string> &argv, OnExit on_exit) override;
 
 private:
     UvLoop &loop_;
-    std::vector<std::shared_ptr<std::unique_ptr<Child>>> running_;
+    std::map<std::uint64_t, std::unique_ptr<Child>> running_;
+    std::uint64_t started_ = 0;
 };
 
 } // namespace keel

@@ -1,13 +1,12 @@
 #include "host/linux/firewall_policy.h"
 
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <string_view>
 
 #include "host/base/trace.h"
 #include "host/gateway/graph.h"
 #include "host/linux/chains.h"
+#include "host/linux/program.h"
 
 namespace keel {
 
@@ -17,6 +16,7 @@ constexpr const char *policy_path = "Firewall.Policy.IPTV2Lan";
 constexpr const char *own_chain = "FORWARD_IPTV2Lan";
 constexpr std::string_view chain_prefix = "Firewall.Chain.";
 constexpr std::size_t max_chain_name = 28; /* of iptables */
+constexpr int command_limit_ms = 10000;    /* it waits up to 5 s for others */
 
 bool is_chain_name(std::string_view name) {
     const auto fits = [](char c) {
@@ -36,11 +36,13 @@ FirewallPolicy::FirewallPolicy(UvLoop &loop, InterfaceGraph &graph)
 }
 
 FirewallPolicy::~FirewallPolicy() {
-    if (running_) { /* killed now, it might still add its rule after the chain was emptied; libuv takes its status */
-        siginfo_t ended;
-        waitid(P_PID, static_cast<id_t>(running_->pid()), &ended, WEXITED | WNOWAIT);
-    }
-    run_and_wait(flush_command(own_chain));
+    if (running_ && !running_->wait(command_limit_ms)) /* else it might add its rule after the chain was emptied */
+        running_->kill();
+    std::string error;
+    const std::optional<int> status = run_and_wait(flush_command(own_chain), command_limit_ms, &error);
+    if (status != 0)
+        trace(Level::Error, "firewall", "%s is not emptied: %s", own_chain,
+              status ? ("status " + std::to_string(*status)).c_str() : error.c_str());
 }
 
 FirewallPolicy::Goal FirewallPolicy::goal() const {

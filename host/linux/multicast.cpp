@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -89,7 +88,7 @@ void Multicast::follow() {
     if (process_) {
         if (setup != used_ && !killed_) { /* the next one needs the kernel's routing table, which has one owner */
             killed_ = true;
-            kill(process_->pid(), SIGKILL);
+            process_->kill();
         }
     } else if (!setup) {
         loop_.cancel_timer(restart_);

@@ -1,0 +1,211 @@
+/*
+ * The programs that the host starts: what they are given, how they end, and that nothing of them stays.
+ */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "host/base/trace.h"
+#include "host/linux/child.h"
+#include "host/linux/program.h"
+
+namespace keel {
+
+namespace {
+
+/* Gone, or dead and only not yet forgotten by whoever inherited it. */
+bool is_dead(int pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(file, line))
+        return true;
+    return line.substr(line.rfind(')') + 2, 1) == "Z";
+}
+
+bool soon_dead(int pid) {
+    for (int turn = 0; turn < 500 && !is_dead(pid); ++turn)
+        usleep(10000);
+    return is_dead(pid);
+}
+
+std::ptrdiff_t open_descriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+}
+
+/* Which of its children this process has not taken the status of. */
+bool has_children() {
+    siginfo_t one{};
+    return waitid(P_ALL, 0, &one, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+}
+
+} // namespace
+
+class ProgramsTest : public testing::Test {
+protected:
+    ProgramsTest() {
+        TraceLog::instance().set_print(false);
+        TraceLog::instance().clear();
+    }
+    bool soon(const std::function<bool()> &holds) {
+        for (int turn = 0; turn < 500 && !holds(); ++turn) {
+            loop.settle(20);
+            usleep(10000);
+        }
+        return holds();
+    }
+    /* What a shell command prints as a child, and its status as the last line. */
+    std::vector<std::string> said_by(const std::string &command) {
+        std::vector<std::string> lines;
+        bool ended = false;
+        const auto child = Child::start(
+            loop, {"sh", "-c", command}, [&](const std::string &line) { lines.push_back(line); },
+            [&](int status) {
+                lines.push_back("[" + std::to_string(status) + "]");
+                ended = true;
+            },
+            &error);
+        EXPECT_TRUE(child) << error;
+        EXPECT_TRUE(soon([&] { return ended; })) << command;
+        return lines;
+    }
+
+    using Lines = std::vector<std::string>;
+    UvLoop loop;
+    std::string error;
+};
+
+TEST_F(ProgramsTest, WhatTheyPrintComesWholeAndBeforeTheirEnd) {
+    EXPECT_EQ(said_by("echo one; echo two >&2; printf three; exit 3"), (Lines{"one", "two", "[3]"}));
+    EXPECT_EQ(said_by("kill -KILL $$"), Lines{"[137]"});
+    const Lines many = said_by("i=0; while [ $i -lt 5000 ]; do echo line-$i; i=$((i+1)); done");
+    ASSERT_EQ(many.size(), 5001U);
+    EXPECT_EQ(many[4999], "line-4999");
+    const Lines wide = said_by("printf '%05000d\\n' 0");
+    ASSERT_EQ(wide.size(), 3U);
+    EXPECT_EQ(wide[0].size() + wide[1].size(), 5000U);
+    EXPECT_EQ(said_by("exec >&- 2>&-; sleep 0.1"), Lines{"[0]"}) << "one that closes its output lives on";
+}
+
+TEST_F(ProgramsTest, TheyAreGivenNothingOfTheHost) {
+    const int leak = fcntl(STDERR_FILENO, F_DUPFD, 77); /* not closed by an exec */
+    const auto ignored = std::signal(SIGPIPE, SIG_IGN);
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    sigprocmask(SIG_BLOCK, &blocked, &before);
+    EXPECT_EQ(said_by("kill -PIPE $$"), Lines{"[141]"});
+    EXPECT_EQ(said_by("kill -TERM $$"), Lines{"[143]"});
+    EXPECT_EQ(said_by("cat; readlink /proc/self/fd/0; [ ! -e /proc/$$/fd/" + std::to_string(leak) + " ]"),
+              (Lines{"/dev/null", "[0]"}));
+    EXPECT_EQ(said_by("[ $(ps -o pgid= -p $$) = $$ ]"), Lines{"[0]"}) << "Ctrl-C in the host's terminal is the host's";
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    std::signal(SIGPIPE, ignored);
+    close(leak);
+}
+
+TEST_F(ProgramsTest, OneThatCannotBeStartedIsToldAtOnce) {
+    const auto before = open_descriptors();
+    const std::pair<const char *, const char *> programs[] = {
+        {"/nonexistent/program", "No such file or directory"},
+        {"no-such-program-in-the-path", "No such file or directory"},
+        {"/etc/passwd", "Permission denied"},
+        {"/", "Permission denied"}};
+    for (const auto &[program, reason] : programs) {
+        error.clear();
+        EXPECT_FALSE(Program::start({program}, Program::Output::Piped, &error)) << program;
+        EXPECT_EQ(error, reason) << program;
+        EXPECT_FALSE(run_and_wait({program}, 1000, &error)) << program;
+        EXPECT_FALSE(Child::start(
+            loop, {program}, nullptr, [](int) { ADD_FAILURE(); }, &error))
+            << program;
+    }
+    EXPECT_FALSE(has_children());
+    UvProcessRunner runner(loop);
+    int codes = 0;
+    EXPECT_FALSE(runner.run({"/nonexistent/program"}, [](int) { ADD_FAILURE(); }));
+    for (const char *program : {"true", "false"})
+        EXPECT_TRUE(runner.run({program}, [&](int code) { codes += code ? 2 : 1; })) << program;
+    EXPECT_TRUE(soon([&] { return codes == 3; }));
+    loop.settle(20);
+    EXPECT_FALSE(has_children());
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(ProgramsTest, WhatTheyStartedIsKilledWithThem) {
+    int grandchild = 0;
+    int ended = 0;
+    const Lines argv = {"sh", "-c", "sleep 1000 & echo $!; wait"};
+    const auto start = [&] {
+        grandchild = 0;
+        ended = 0;
+        auto child = Child::start(
+            loop, argv, [&](const std::string &line) { grandchild = std::stoi(line); },
+            [&](int status) { ended = status; }, &error);
+        EXPECT_TRUE(soon([&] { return grandchild != 0; }));
+        return child;
+    };
+    auto child = start();
+    child->kill();
+    EXPECT_TRUE(child->wait(5000));
+    EXPECT_TRUE(soon([&] { return ended == 137; }));
+    EXPECT_TRUE(soon_dead(grandchild));
+
+    child = start();
+    EXPECT_FALSE(child->wait(150));
+    child.reset();
+    EXPECT_TRUE(soon_dead(grandchild));
+    EXPECT_TRUE(soon([&] { return !has_children(); })) << "its status is taken, although nobody is told";
+    EXPECT_EQ(ended, 0);
+
+    child = Child::start(
+        loop, {"sh", "-c", "echo; echo; sleep 1000"},
+        [&](const std::string &) {
+            ++ended;
+            child.reset();
+        },
+        nullptr, &error);
+    EXPECT_TRUE(soon([&] { return !child && !has_children(); }));
+    EXPECT_EQ(ended, 1) << "one line destroyed it, the next is nobody's";
+
+    const std::string file = std::filesystem::temp_directory_path() / ("limit-" + std::to_string(getpid()));
+    EXPECT_FALSE(run_and_wait({"sh", "-c", "sleep 1000 & echo $! >" + file + "; wait"}, 300, &error));
+    EXPECT_EQ(error.find("killed"), 0U) << error;
+    std::ifstream(file) >> grandchild;
+    EXPECT_TRUE(soon_dead(grandchild));
+    std::filesystem::remove(file);
+    EXPECT_EQ(run_and_wait({"sh", "-c", "exit 4"}, 5000, &error), 4);
+    EXPECT_FALSE(has_children());
+}
+
+TEST_F(ProgramsTest, NoneOutlivesAHostThatIsKilled) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t host = fork();
+    if (host == 0) {
+        const auto program = Program::start({"sleep", "1000"}, Program::Output::Inherited, &error);
+        const int pid = program ? program->pid() : 0;
+        if (write(ends[1], &pid, sizeof pid) == sizeof pid)
+            pause();
+        _exit(1);
+    }
+    int pid = 0;
+    ASSERT_EQ(read(ends[0], &pid, sizeof pid), static_cast<ssize_t>(sizeof pid));
+    ASSERT_GT(pid, 0);
+    EXPECT_FALSE(is_dead(pid));
+    kill(host, SIGKILL);
+    waitpid(host, nullptr, 0);
+    EXPECT_TRUE(soon_dead(pid));
+    close(ends[0]);
+    close(ends[1]);
+}
+
+} // namespace keel
