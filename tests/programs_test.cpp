@@ -13,8 +13,10 @@
 #include <fstream>
 
 #include "host/base/trace.h"
+#include "host/gateway/graph.h"
 #include "host/linux/child.h"
 #include "host/linux/program.h"
+#include "host/linux/wan_clients.h"
 
 namespace keel {
 
@@ -206,6 +208,76 @@ TEST_F(ProgramsTest, NoneOutlivesAHostThatIsKilled) {
     EXPECT_TRUE(soon_dead(pid));
     close(ends[0]);
     close(ends[1]);
+}
+
+/* The DHCP client is a script that notes its start, and some time later that it has drawn its transaction ids. */
+TEST_F(ProgramsTest, WanClientsDrawTheirTransactionIdsOneAfterTheOther) {
+    const std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("wan-starts-" + std::to_string(getpid()));
+    std::filesystem::create_directories(folder);
+    const std::string program = folder / "client";
+    const auto is = [&](const std::string &what) {
+        std::ofstream file(program + ".new");
+        file << "#!/bin/sh\necho starts >>" << folder.string() << "/log\n" << what << "exec sleep 1000\n";
+        file.close();
+        std::filesystem::permissions(program + ".new", std::filesystem::perms::owner_all);
+        std::filesystem::rename(program + ".new", program);
+    };
+    const auto log = [&] {
+        Lines lines;
+        std::ifstream file(folder / "log");
+        for (std::string line; std::getline(file, line);)
+            lines.push_back(line);
+        return lines;
+    };
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    model.set("Weft.Intf.eth1.20", {{"Flags", std::string("netdev up")}});
+    const auto enable = [&](bool on) {
+        for (const char *name : {"dhcp_zep_0", "dhcp_zep_1", "dhcp_zep_2", "dhcp_zep_3"})
+            if (model.find(interface_path(name)))
+                model.set(interface_path(name), {{"Enable", on}});
+            else
+                model.add(
+                    "Weft.Intf", name,
+                    {{"Enable", on}, {"Flags", std::string("dhcp zep-dhcp")}, {"LowerLayers", std::string("eth1.20")}});
+        std::filesystem::remove(folder / "log");
+    };
+    InterfaceGraph graph(model);
+    WanClients clients(loop, graph, program, "report");
+    is("sleep 0.05\necho drawn >>" + folder.string() + "/log\necho '@deconfig|||||||'\n");
+    enable(true);
+    EXPECT_TRUE(soon([&] { return log().size() == 8; }));
+    for (std::size_t at = 0; at < log().size(); ++at)
+        EXPECT_EQ(log()[at], at % 2 ? "drawn" : "starts") << at;
+    loop.settle(20);
+    enable(false);
+    EXPECT_TRUE(soon([&] { return !has_children(); }));
+
+    /* One that says nothing, or that is stopped before it has, holds up the others for a moment only. */
+    is("");
+    enable(true);
+    EXPECT_TRUE(soon([&] { return log().size() == 1; }));
+    model.set(interface_path("dhcp_zep_1"), {{"Enable", false}}); /* one of those that wait */
+    EXPECT_TRUE(soon([&] { return log().size() == 3; }));
+    enable(false);
+    EXPECT_TRUE(soon([&] { return !has_children(); }));
+    usleep(700000);
+    loop.settle(20);
+    EXPECT_EQ(log(), Lines{});
+
+    /* One that cannot be started is told, and tried again. */
+    std::filesystem::remove(program);
+    enable(true);
+    EXPECT_TRUE(soon([&] {
+        std::size_t failures = 0;
+        for (const TraceLine &line : TraceLog::instance().recent())
+            failures += line.text.find("/client cannot be started: No such file or directory") != std::string::npos;
+        return failures >= 4;
+    }));
+    is("echo '@deconfig|||||||'\n");
+    EXPECT_TRUE(soon([&] { return log().size() == 4; }));
+    std::filesystem::remove_all(folder);
 }
 
 } // namespace keel

@@ -1,13 +1,11 @@
 #include "host/linux/wan_clients.h"
 
-#include <algorithm>
-
 #include "host/base/trace.h"
 namespace keel {
 
 namespace {
 constexpr std::uint64_t restart_delay_ms = 2000; /* of a client that ended by itself */
-constexpr std::uint64_t start_gap_ms = 25;       /* between the starts of two clients */
+constexpr std::uint64_t start_limit_ms = 500;    /* for one that does not tell that it has started */
 } // namespace
 
 WanClients::WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script)
@@ -22,10 +20,47 @@ WanClients::WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, 
           [this](const std::string &name) { stop(name); }) {}
 
 WanClients::~WanClients() {
+    waiting_.clear();
+    loop_.cancel_timer(start_limit_);
     while (!clients_.empty()) {
         const std::string name = clients_.begin()->first; /* the one in the map goes with its client */
         stop(name);
     }
+}
+
+void WanClients::start_later(const std::string &name, Client &client, std::uint64_t delay_ms) {
+    const auto enqueue = [this, name] {
+        waiting_.push_back(name);
+        start_next();
+    };
+    if (delay_ms == 0)
+        enqueue();
+    else
+        client.restart = loop_.start_timer(delay_ms, [this, name, enqueue] {
+            clients_.at(name)->restart = 0;
+            enqueue();
+        });
+}
+
+/* udhcpc draws its transaction ids from the microsecond of its start, and all clients of a device have its MAC address:
+ * two that drew the same would take each other's leases. So one starts after the other, and not before that one has run
+ * its script for the first time, which comes after the draw. */
+void WanClients::start_next() {
+    while (starting_.empty() && !waiting_.empty()) {
+        const std::string name = std::move(waiting_.front());
+        waiting_.pop_front();
+        starting_ = name;
+        start_limit_ = loop_.start_timer(start_limit_ms, [this, name] { has_started(name); });
+        start(name, *clients_.at(name));
+    }
+}
+
+void WanClients::has_started(const std::string &name) {
+    if (name != starting_)
+        return;
+    starting_.clear();
+    loop_.cancel_timer(start_limit_);
+    start_next();
 }
 
 void WanClients::start(const std::string &name, Client &client) {
@@ -38,15 +73,22 @@ void WanClients::start(const std::string &name, Client &client) {
     settings.vendor_class = model_.text(path + ".MIB.dhcp", "VendorClass");
     settings.requested_options = split_words(model_.text(path + ".MIB.dhcp", "RequestedOptions"));
     settings.last_address = model_.text(path, "IPAddress");
+    client.reader = {};
     std::string error;
     client.process = Child::start(
         loop_, udhcpc_command(settings),
         [this, name, &client](const std::string &line) { take(name, client.reader.take(line)); },
-        [this, name](int status) { ended(name, status); }, &error);
-    if (!client.process) {
-        trace(Level::Error, "wan", "%s: %s cannot be started: %s", name.c_str(), udhcpc_.c_str(), error.c_str());
-        ended(name, 0);
-    }
+        [this, name](int status) {
+            trace(Level::Warning, "wan", "%s: its DHCP client ended with status %d; it is started again", name.c_str(),
+                  status);
+            start_again(name);
+        },
+        &error);
+    if (client.process)
+        return;
+    trace(Level::Error, "wan", "%s: %s cannot be started: %s; it is tried again", name.c_str(), udhcpc_.c_str(),
+          error.c_str());
+    start_again(name);
 }
 
 void WanClients::stop(const std::string &name) {
@@ -54,8 +96,10 @@ void WanClients::stop(const std::string &name) {
     if (found->second->restart)
         loop_.cancel_timer(found->second->restart);
     clients_.erase(found);
+    std::erase(waiting_, name);
     if (model_.find(interface_path(name)))
         set_wan_status(model_, name, "Idle");
+    has_started(name);
 }
 
 void WanClients::take(const std::string &name, const UdhcpcReport &report) {
@@ -78,32 +122,18 @@ void WanClients::take(const std::string &name, const UdhcpcReport &report) {
     case UdhcpcReport::Kind::Nak:
         set_wan_nak(model_, name);
         break;
+    case UdhcpcReport::Kind::Lost:
+        has_started(name);
+        break;
     default:
         break;
     }
 }
 
-void WanClients::ended(const std::string &name, int status) {
-    const auto found = clients_.find(name);
-    if (found == clients_.end())
-        return;
-    trace(Level::Warning, "wan", "%s: its DHCP client ended with status %d; it is started again", name.c_str(), status);
+void WanClients::start_again(const std::string &name) {
     set_wan_status(model_, name, "Idle");
-    start_later(name, *found->second, restart_delay_ms);
-}
-
-/* udhcpc draws its transaction ids from the instant of its start, and all clients of a device have its MAC address: two
- * that started together would take each other's leases. */
-void WanClients::start_later(const std::string &name, Client &client, std::uint64_t delay_ms) {
-    latest_start_ms_ = std::max(loop_.now_ms() + delay_ms, latest_start_ms_ + start_gap_ms);
-    client.restart = loop_.start_timer(latest_start_ms_ - loop_.now_ms(), [this, name] {
-        const auto found = clients_.find(name);
-        if (found == clients_.end())
-            return;
-        found->second->restart = 0;
-        found->second->reader = {};
-        start(name, *found->second);
-    });
+    start_later(name, *clients_.at(name), restart_delay_ms);
+    has_started(name);
 }
 
 } // namespace keel

@@ -4,6 +4,7 @@
 #ifndef HOST_LINUX_WAN_CLIENTS_H
 #define HOST_LINUX_WAN_CLIENTS_H
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,18 +35,22 @@ private:
         Loop::TimerId restart = 0;
     };
 
-    void start(const std::string &name, Client &client);
     void start_later(const std::string &name, Client &client, std::uint64_t delay_ms);
+    void start_next();
+    void start(const std::string &name, Client &client);
+    void has_started(const std::string &name);
     void stop(const std::string &name);
     void take(const std::string &name, const UdhcpcReport &report);
-    void ended(const std::string &name, int status);
+    void start_again(const std::string &name);
 
     UvLoop &loop_;
     Model &model_;
     std::string udhcpc_;
     std::string script_;
     std::map<std::string, std::unique_ptr<Client>> clients_;
-    std::uint64_t latest_start_ms_ = 0; /* of those made and still to come */
+    std::deque<std::string> waiting_; /* to be started, each once the one before it has */
+    std::string starting_;            /* "" while none is */
+    Loop::TimerId start_limit_ = 0;
     WantedWanClients wanted_;
 };
 
