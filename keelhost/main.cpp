@@ -20,10 +20,12 @@
 #include "host/linux/chains.h"
 #include "host/linux/child.h"
 #include "host/linux/firewall_policy.h"
+#include "host/linux/host_lock.h"
 #include "host/linux/kernel.h"
 #include "host/linux/lan_port.h"
 #include "host/linux/multicast.h"
 #include "host/linux/presence.h"
+#include "host/linux/stop_signals.h"
 #include "host/linux/wan_clients.h"
 #include "host/model/store.h"
 #include "host/platform/plugin.h"
@@ -69,8 +71,8 @@ void provide_wan_address(const InterfaceGraph &graph) {
 /* Everything in the order in which it is made; it goes in the reverse order. */
 class Host {
 public:
-    explicit Host(const Options &options)
-        : model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
+    Host(UvLoop &loop, const Options &options)
+        : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
           store_(loop_, model_, options.store), settings_(model_),
           control_(loop_, model_, options.socket, [this] { store_.flush(); }), kernel_(loop_, graph_),
           interface_state_(loop_, graph_), presence_(loop_, graph_), firewall_policy_(loop_, graph_),
@@ -83,27 +85,8 @@ public:
         provide_wan_address(graph_);
     }
 
-    void run() {
-        for (const int number : {SIGTERM, SIGINT}) {
-            auto *handler = new uv_signal_t;
-            uv_signal_init(loop_.handle(), handler);
-            handler->data = this;
-            uv_signal_start_oneshot(
-                handler, [](uv_signal_t *raised, int) { static_cast<Host *>(raised->data)->loop_.stop(); }, number);
-            signals_.push_back(handler);
-        }
-        loop_.run();
-        trace(Level::Info, "host", "stopping");
-        for (uv_signal_t *handler : signals_)
-            uv_close(reinterpret_cast<uv_handle_t *>(handler),
-                     [](uv_handle_t *closed) { delete reinterpret_cast<uv_signal_t *>(closed); });
-    }
-
-    /* After the plug-in is gone: what it has written last reaches kernel, clients and store. */
-    void settle() { loop_.settle(settle_ms); }
-
 private:
-    UvLoop loop_;
+    UvLoop &loop_;
     Model model_;
     bool loaded_;
     InterfaceGraph graph_;
@@ -119,26 +102,42 @@ private:
     LanDhcpServer lan_server_;
     WanClients wan_clients_;
     UvProcessRunner runner_;
-    std::vector<uv_signal_t *> signals_;
 };
 
-int run(const Options &options) {
+/* With everything that is made here gone again. */
+int serve(const Options &options, UvLoop &loop) {
     std::string error;
     if (!set_up_chains(options.share + "/chains.sh", &error)) {
         std::fprintf(stderr, "keelhost: %s\n", error.c_str());
         return 1;
     }
-    Host host(options);
+    Host host(loop, options);
     if (!plugin_load(options.plugin, &error)) {
         std::fprintf(stderr, "keelhost: the plug-in cannot be loaded: %s\n", error.c_str());
         host_detach();
         return 1;
     }
     trace(Level::Info, "host", "up");
-    host.run();
+    loop.run();
+    trace(Level::Info, "host", "stopping");
     plugin_unload();
-    host.settle();
+    loop.settle(settle_ms); /* what the plug-in has written last reaches kernel, clients and store */
     return 0;
+}
+
+int run(const Options &options) {
+    const HostLock lock;
+    if (!lock.refusal().empty()) {
+        std::fprintf(stderr, "keelhost: %s\n", lock.refusal().c_str());
+        return 2;
+    }
+    UvLoop loop;
+    const StopSignals signals(loop);
+    const int status = serve(options, loop);
+    const auto killed = signals.killed();
+    for (const std::string &command : killed)
+        std::fprintf(stderr, "keelhost: what this was to undo may be left: %s\n", command.c_str());
+    return killed.empty() ? status : 1;
 }
 
 } // namespace
