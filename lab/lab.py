@@ -23,6 +23,7 @@ SERVER_PORT = 8080
 DEVICE_PORT = 7000
 IPTV = "eth1.20"
 DATA = "eth1.10"
+CLIENTS = 5  # of the gateway on its IPTV interface, at most, each with an identifier of its own
 INTERNET_ADDRESS = "203.0.113.10"
 INTERNET_PORT = 80
 LAN_ADDRESS = "192.168.1.1"
@@ -122,10 +123,16 @@ class Lab:
     # ------------------------------------------------------------------------------------------ operator
 
     def start_operator(self, lease_seconds=3600):
+        # The operator knows the identifiers of its customers' clients: they are counted from the gateway's WAN MAC address.
+        # A server that does not know them may offer one address to all that ask in the same moment from one MAC address.
+        base = int(self._link_address("gateway", IPTV).replace(":", ""), 16)
+        identifiers = [f"01{base + number:012x}" for number in range(CLIENTS)]
+        known = [f"--dhcp-host=id:{bytes.fromhex(text).hex(':')},10.20.0.{51 + number}"
+                 for number, text in enumerate(identifiers)]
         self.dhcp_server = self.network.spawn(
             "operator", "dnsmasq", "--no-daemon", f"--conf-file={HERE}/operator-dhcp.conf",
             f"--dhcp-range=10.20.0.50,10.20.0.99,255.255.255.0,{lease_seconds}",
-            f"--dhcp-leasefile={self.folder}/operator.leases", "--pid-file=", log="operator.log")
+            f"--dhcp-leasefile={self.folder}/operator.leases", "--pid-file=", *known, log="operator.log")
 
     def stop_operator(self):
         self.network.stop(self.dhcp_server)
@@ -137,7 +144,8 @@ class Lab:
 
     # ------------------------------------------------------------------------------------------- gateway
 
-    def start_gateway(self):
+    def launch_gateway(self):
+        """Starts keelhost, and waits for nothing."""
         with open(os.path.join(self.share, "gateway.json"), encoding="utf-8") as file:
             model = json.load(file)
         model["objects"]["Keel"]["objects"]["Zephyrin"]["parameters"]["Mode"][1] = self.mode
@@ -151,6 +159,9 @@ class Lab:
             "--store", os.path.join(self.folder, "keel.db"),
             "--socket", self.socket,
             "--plugin", os.path.join(self.programs, "zephyrin.so"), log="gateway.log")
+
+    def start_gateway(self):
+        self.launch_gateway()
         if not wait_for(lambda: self.keel.answers() or self.gateway.poll() is not None, 15) or \
                 self.gateway.poll() is not None:
             raise RuntimeError("keelhost did not start; its last words:\n" + self.network.log("gateway.log")[-2000:])
@@ -177,8 +188,11 @@ class Lab:
 
     def mac(self, device):
         """The device's MAC address, upper case."""
-        words = self.network.run(device.name, "ip", "-o", "link", "show", "dev", "eth0").split()
-        return words[words.index("link/ether") + 1].upper()
+        return self._link_address(device.name, "eth0").upper()
+
+    def _link_address(self, namespace, interface):
+        words = self.network.run(namespace, "ip", "-o", "link", "show", "dev", interface).split()
+        return words[words.index("link/ether") + 1]
 
     def address(self, device):
         """The address that the device itself has, or None."""

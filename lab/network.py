@@ -62,10 +62,14 @@ class Network:
 
     def socket(self, name, family, kind, protocol=0):
         """A socket that lives in a namespace, for use from this process."""
+        return self.inside(name, lambda: socket.socket(family, kind, protocol))
+
+    def inside(self, name, act):
+        """What an action gives that this process does inside a namespace."""
         home = os.open("/proc/self/ns/net", os.O_RDONLY)
         try:
             _enter(f"{NETNS}/{name}")
-            return socket.socket(family, kind, protocol)
+            return act()
         finally:
             if _libc.setns(home, CLONE_NEWNET) != 0:
                 raise OSError(ctypes.get_errno(), "cannot return to the lab's own namespace")
