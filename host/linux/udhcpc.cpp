@@ -130,8 +130,8 @@ UdhcpcReport UdhcpcReader::take_event(const std::vector<std::string> &fields) {
 
 std::vector<std::string> udhcpc_command(const UdhcpcSettings &settings) {
     std::vector<std::string> words = {settings.program, "-f", "-i", settings.interface, "-s", settings.script,
-                                      /* three discovers, 3 s apart, then a pause of 3 s, for ever */
-                                      "-t", "3", "-T", "3", "-A", "3", "-o"};
+                                      /* a discover every 3 s, for ever, with another transaction after three */
+                                      "-t", "3", "-T", "3", "-A", "0", "-o"};
     for (const std::string &option : settings.requested_options) {
         words.emplace_back("-O");
         words.push_back(option);
