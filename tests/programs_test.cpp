@@ -210,6 +210,18 @@ TEST_F(ProgramsTest, NoneOutlivesAHostThatIsKilled) {
     close(ends[1]);
 }
 
+TEST_F(ProgramsTest, TheReportScriptTellsOptionsAndTheEvent) {
+    const std::string lease =
+        "export opt1=ffffff00 opt72=0a140003 opt254=00 opt60= opt61='0g' opt62='$(echo no)' opt255=01 "
+        "ip=10.0.0.9 subnet=255.0.0.0 staticroutes='10.60.0.0/24 10.0.0.1' serverid=10.0.0.1; ";
+    const std::string script = SOURCE_DIR "/share/udhcpc-report.sh ";
+    const std::string event = "|10.0.0.9|255.0.0.0||10.60.0.0/24 10.0.0.1|||10.0.0.1";
+    EXPECT_EQ(said_by(lease + script + "bound"),
+              (Lines{"@option|1|ffffff00", "@option|72|0a140003", "@option|254|00", "@bound" + event, "[0]"}));
+    EXPECT_EQ(said_by(lease + script + "nak"), (Lines{"@nak" + event, "[0]"}));
+    EXPECT_EQ(said_by(script + "deconfig"), (Lines{"@deconfig|||||||", "[0]"}));
+}
+
 /* The DHCP client is a script that notes its start, and some time later that it has drawn its transaction ids. */
 TEST_F(ProgramsTest, WanClientsDrawTheirTransactionIdsOneAfterTheOther) {
     const std::filesystem::path folder =
