@@ -160,6 +160,7 @@ int main(int argc, char **argv) {
         options.model = options.share + "/gateway.json";
 
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGCHLD, SIG_DFL); /* where a parent ignored it, no program's status would be told */
     try {
         return run(options);
     } catch (const std::exception &failure) {
