@@ -174,10 +174,14 @@ class Lab:
 
     # ------------------------------------------------------------------------------------------- devices
 
+    def spawn_device(self, namespace, vendor_class):
+        """The DHCP client of a LAN device."""
+        return self.network.spawn(
+            namespace, "udhcpc", "-f", "-i", "eth0", "-s", f"{HERE}/device-dhcp.sh", "-V", vendor_class,
+            "-O", "42", "-O", "72", "-t", "3", "-T", "2", "-A", "1", log=f"{namespace}.log")
+
     def start_device(self, device):
-        self.clients[device.name] = self.network.spawn(
-            device.name, "udhcpc", "-f", "-i", "eth0", "-s", f"{HERE}/device-dhcp.sh", "-V", device.vendor_class,
-            "-O", "42", "-O", "72", "-t", "3", "-T", "2", "-A", "1", log=f"{device.name}.log")
+        self.clients[device.name] = self.spawn_device(device.name, device.vendor_class)
 
     def start_devices(self):
         for device in self.devices:
