@@ -34,7 +34,7 @@ Node *Children::first_on(std::string_view path) const {
     for (std::size_t end = path.find('.');; end = path.find('.', end + 1)) {
         if (Node *node = find(path.substr(0, end)))
             longest = node;
-        if (end == std::string_view::npos || end > max_name)
+        if (end > max_name) /* the end of the path, too */
             return longest;
     }
 }

@@ -122,7 +122,12 @@ public:
         const auto query = std::make_shared<weft_query>(weft_query{
             kind, intf, search->traversal, std::move(search->condition), handler, data, ++opened_, false, {}, {}});
         query->turn = std::make_unique<OnceATurn>(
-            host_loop(), [this, number = query->number] { tell(open_.at(number)); }, OnceATurn::Turn::Last);
+            host_loop(),
+            [this, number = query->number] {
+                const auto held = open_.at(number); /* its handler may close it */
+                tell(*held);
+            },
+            OnceATurn::Turn::Last);
         open_[query->number] = query;
         query->turn->schedule();
         return query.get();
@@ -197,27 +202,26 @@ private:
             dependent_[name].insert(query.number);
     }
 
-    /* Holds the query while its handler runs, which may close it. */
-    void tell(const std::shared_ptr<weft_query> query) {
+    void tell(weft_query &query) {
         std::set<std::string> looked_at;
-        std::vector<std::string> current = result_of(*query, &looked_at);
-        if (looked_at != query->looked_at)
-            depend_on(*query, std::move(looked_at));
-        if (query->told && current == query->latest)
+        std::vector<std::string> current = result_of(query, &looked_at);
+        if (looked_at != query.looked_at)
+            depend_on(query, std::move(looked_at));
+        if (query.told && current == query.latest)
             return;
-        query->told = true;
-        query->latest = std::move(current);
+        query.told = true;
+        query.latest = std::move(current);
         variant_t result{};
-        if (query->kind == weft_query::Result::Interfaces) {
+        if (query.kind == weft_query::Result::Interfaces) {
             variant_initialize(&result, variant_type_list);
-            for (const std::string &name : query->latest)
+            for (const std::string &name : query.latest)
                 variant_list_addChar(variant_da_list(&result), name.c_str());
-        } else if (query->kind == weft_query::Result::Up) {
-            variant_setBool(&result, !query->latest.empty());
+        } else if (query.kind == weft_query::Result::Up) {
+            variant_setBool(&result, !query.latest.empty());
         } else {
-            variant_setChar(&result, query->latest.empty() ? "" : query->latest.front().c_str());
+            variant_setChar(&result, query.latest.empty() ? "" : query.latest.front().c_str());
         }
-        query->handler(&result, query->data);
+        query.handler(&result, query.data);
         variant_cleanup(&result);
     }
 
