@@ -1,12 +1,10 @@
 #include "host/linux/udhcpc.h"
 
-#include <arpa/inet.h>
-
-#include <algorithm>
-#include <cctype>
-#include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <utility>
+
+#include "host/base/text_forms.h"
 
 namespace keel {
 
@@ -26,29 +24,15 @@ std::vector<std::string> split(const std::string &text, char separator) {
     return parts;
 }
 
-bool dotted(const std::string &text, in_addr *address) {
-    return inet_pton(AF_INET, text.c_str(), address) == 1;
-}
-
-std::string hex(const void *data, std::size_t size) {
-    std::string text;
-    char digits[3];
-    for (std::size_t i = 0; i < size; ++i) {
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<const unsigned char *>(data)[i]);
-        text += digits;
-    }
-    return text;
-}
-
 /* "10.0.0.1 10.0.0.2" as option data; "" when it is none. */
 std::string addresses_to_hex(const std::string &text) {
     std::istringstream words(text);
     std::string all;
     for (std::string word; words >> word;) {
-        in_addr address;
-        if (!dotted(word, &address))
+        const auto address = parse_ipv4(word);
+        if (!address)
             return "";
-        all += hex(&address, sizeof address);
+        all += format_hex(network_bytes(*address));
     }
     return all;
 }
@@ -61,15 +45,17 @@ std::string routes_to_hex(const std::string &text) {
     std::string router;
     while (words >> destination >> router) {
         const auto slash = destination.find('/');
-        in_addr network;
-        in_addr gateway;
-        if (slash == std::string::npos || !dotted(destination.substr(0, slash), &network) || !dotted(router, &gateway))
+        const auto network = parse_ipv4(destination.substr(0, slash));
+        const auto gateway = parse_ipv4(router);
+        if (slash == std::string::npos || !network || !gateway)
             return "";
         const int width = std::atoi(destination.c_str() + slash + 1);
         if (width < 0 || width > 32)
             return "";
-        const auto byte = static_cast<unsigned char>(width);
-        all += hex(&byte, 1) + hex(&network, static_cast<std::size_t>(width + 7) / 8) + hex(&gateway, sizeof gateway);
+        Bytes route = network_bytes(*network);
+        route.resize(static_cast<std::size_t>(width + 7) / 8); /* no more bytes than the prefix has */
+        route.insert(route.begin(), static_cast<std::uint8_t>(width));
+        all += format_hex(route) + format_hex(network_bytes(*gateway));
     }
     return all;
 }
@@ -87,9 +73,7 @@ UdhcpcReport UdhcpcReader::take(const std::string &line) {
         if (fields[0] != "@option")
             return take_event(fields);
         const int number = fields.size() == 3 ? std::atoi(fields[1].c_str()) : 0;
-        if (number > 0 && number < 255 && !fields[2].empty() && fields[2].size() <= max_option &&
-            fields[2].size() % 2 == 0 &&
-            std::all_of(fields[2].begin(), fields[2].end(), [](unsigned char c) { return std::isxdigit(c); }))
+        if (number > 0 && number < 255 && !fields[2].empty() && fields[2].size() <= max_option && parse_hex(fields[2]))
             options_[number] = fields[2];
     } else if (contains(line, "broadcasting discover")) {
         report.kind = UdhcpcReport::Kind::Selecting;
@@ -112,8 +96,7 @@ UdhcpcReport UdhcpcReader::take_event(const std::vector<std::string> &fields) {
         report.kind = UdhcpcReport::Kind::Lost;
     if ((fields[0] != "@bound" && fields[0] != "@renew") || fields.size() != 8)
         return report;
-    in_addr address;
-    if (!dotted(fields[1], &address) || !dotted(fields[2], &address))
+    if (!parse_ipv4(fields[1]) || !parse_ipv4(fields[2]))
         return report;
     report.kind = UdhcpcReport::Kind::Bound;
     report.lease = {fields[1], fields[2], options};
