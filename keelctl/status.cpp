@@ -1,11 +1,11 @@
 #include "keelctl/status.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <set>
 #include <sstream>
 #include <vector>
+
+#include "host/base/text_forms.h"
 
 namespace keelctl {
 
@@ -49,13 +49,9 @@ bool has_word(const std::string &words, const std::string &word) {
 
 /* "0a140002" as "10.20.0.2"; "" for none. */
 std::string server_address(const std::string &hex) {
-    if (hex.size() != 8 || hex == "00000000" || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        return "";
-    const unsigned long value = std::strtoul(hex.c_str(), nullptr, 16);
-    char dotted[16];
-    std::snprintf(dotted, sizeof dotted, "%lu.%lu.%lu.%lu", value >> 24 & 255, value >> 16 & 255, value >> 8 & 255,
-                  value & 255);
-    return dotted;
+    const auto bytes = keel::parse_hex(hex);
+    const std::uint32_t address = bytes && bytes->size() == 4 ? keel::network_number(bytes->data()) : 0;
+    return address == 0 ? "" : keel::format_ipv4(address);
 }
 
 /* An instance, empty when there is none. */

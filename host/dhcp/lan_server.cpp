@@ -1,7 +1,6 @@
 #include "host/dhcp/lan_server.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "host/base/trace.h"
 
@@ -43,9 +42,9 @@ std::string id_of(const DhcpMessage &message) {
     std::string text = format_hex(id);
     if (text.size() <= max_id)
         return text;
-    char hash[17];
-    std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(stable_hash(id)));
-    return text.substr(0, max_id - 17) + "-" + hash;
+    const std::uint64_t hash = stable_hash(id);
+    return text.substr(0, max_id - 17) + "-" + format_hex(network_bytes(static_cast<std::uint32_t>(hash >> 32))) +
+           format_hex(network_bytes(static_cast<std::uint32_t>(hash)));
 }
 
 std::string pool_path(const std::string &pool) {

@@ -1,9 +1,8 @@
 #include "host/gateway/wan_client_model.h"
 
-#include <arpa/inet.h>
+#include <cstdlib>
 
-#include <bit>
-
+#include "host/base/text_forms.h"
 #include "host/base/trace.h"
 #include "host/gateway/graph.h"
 
@@ -20,11 +19,6 @@ void write(Model &model, const std::string &path, const Values &values) {
     report(model.set(path, values));
 }
 
-std::int64_t prefix_length(const std::string &mask) {
-    in_addr parsed{};
-    return inet_pton(AF_INET, mask.c_str(), &parsed) == 1 ? std::popcount(parsed.s_addr) : 0;
-}
-
 /* Where the lease of the gateway's own client stands; "" for a client of the routed mode. */
 std::string lease_path(const Model &model, const std::string &name) {
     return has_word(model.text(interface_path(name), "Flags"), "zep-dhcp") ? ""
@@ -35,8 +29,9 @@ void put_in_force(Model &model, const std::string &name, const std::string &addr
     const std::string path = lease_path(model, name);
     if (path.empty())
         return;
+    const std::int64_t prefix_length = prefix_length_of(ipv4_or_none(mask));
     const Values lease{
-        {"Address", address}, {"PrefixLen", prefix_length(mask)}, {"Origin", std::string("dhcp")}, {"Enable", true}};
+        {"Address", address}, {"PrefixLen", prefix_length}, {"Origin", std::string("dhcp")}, {"Enable", true}};
     report(model.find(path) ? model.set(path, lease) : model.add(interface_path(name) + ".IPv4Addr", "dhcp", lease));
 }
 
