@@ -22,6 +22,7 @@
 #include "host/linux/firewall_policy.h"
 #include "host/linux/host_lock.h"
 #include "host/linux/kernel.h"
+#include "host/linux/kernel_tables.h"
 #include "host/linux/lan_port.h"
 #include "host/linux/multicast.h"
 #include "host/linux/presence.h"
@@ -74,8 +75,9 @@ public:
     Host(UvLoop &loop, const Options &options)
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
           store_(loop_, model_, options.store), settings_(model_),
-          control_(loop_, model_, options.socket, [this] { store_.flush(); }), kernel_(loop_, graph_),
-          interface_state_(loop_, graph_), presence_(loop_, graph_), firewall_policy_(loop_, graph_),
+          control_(loop_, model_, options.socket, [this] { store_.flush(); }), tables_(loop_),
+          kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
+          firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
                     [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
@@ -93,6 +95,7 @@ private:
     Store store_;
     Settings settings_;
     Control control_;
+    KernelTables tables_;
     Kernel kernel_;
     InterfaceState interface_state_;
     Presence presence_;

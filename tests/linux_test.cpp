@@ -23,7 +23,8 @@
 namespace keel {
 
 TEST_F(LinuxTest, LinksAndForeignAddressesShowInTheModel) {
-    Kernel kernel(loop, *graph);
+    KernelTables tables(loop);
+    Kernel kernel(loop, *graph, tables);
     EXPECT_TRUE(up());
     shell("ip link set peer down");
     EXPECT_TRUE(soon([&] { return !up(); })) << "no carrier is down";
@@ -42,7 +43,8 @@ TEST_F(LinuxTest, LinksAndForeignAddressesShowInTheModel) {
 
 TEST_F(LinuxTest, AddressesAndRoutesOfTheModelAreInForce) {
     {
-        Kernel kernel(loop, *graph);
+        KernelTables tables(loop);
+        Kernel kernel(loop, *graph, tables);
         add_route("zep_0", "10.60.0.0", 24, "10.20.0.1");
         EXPECT_TRUE(soon([&] { return status("IPv4Route.zep_0") == "error"; })) << "its gateway cannot be reached yet";
         add_address("1", "10.20.0.5", 24);
@@ -76,7 +78,8 @@ TEST_F(LinuxTest, AddressesAndRoutesOfTheModelAreInForce) {
 TEST_F(LinuxTest, WhatAnEarlierRunLeftIsRemovedAtTheStart) {
     shell("ip addr add 10.20.0.9/24 dev eth1.20 label eth1.20:zep; ip addr add 10.9.0.1/24 dev eth1.20;"
           "ip route add 10.70.0.0/16 via 10.20.0.1 proto 99; ip route add 10.71.0.0/16 via 10.9.0.2");
-    Kernel kernel(loop, *graph);
+    KernelTables tables(loop);
+    Kernel kernel(loop, *graph, tables);
     EXPECT_EQ(count(addresses(), "inet"), 1U);
     EXPECT_EQ(count(shell("ip route"), "10.71.0.0/16"), 1U) << "others' things are left alone";
     EXPECT_EQ(routes(), "");
@@ -86,7 +89,8 @@ TEST_F(LinuxTest, DevicesOnTheBridgeArePresentWhileTheirPortHasCarrier) {
     shell("ip link add br-lan type bridge; ip link set br-lan up; ip addr add 192.168.1.1/24 dev br-lan;"
           "ip link set eth1.20 master br-lan; ip link set peer address 02:00:00:00:00:77;"
           "ip addr add 192.168.1.50/24 dev peer");
-    Presence presence(loop, *graph);
+    KernelTables tables(loop);
+    Presence presence(loop, *graph, tables);
     shell("ip neigh replace 192.168.1.50 lladdr 02:00:00:00:00:77 nud reachable dev br-lan;"
           "bridge fdb replace 02:00:00:00:00:77 dev eth1.20 master dynamic");
     const std::string host = "Hosts.Host.02:00:00:00:00:77";
@@ -118,7 +122,8 @@ TEST_F(LinuxTest, AWanClientIsLeasedAnAddressAndLeavesWithoutARelease) {
         if (event.kind == Event::Kind::Changed && event.values.contains("DHCPStatus"))
             states.push_back(to_text(event.values.at("DHCPStatus")));
     });
-    Kernel kernel(loop, *graph);
+    KernelTables tables(loop);
+    Kernel kernel(loop, *graph, tables);
     WanClients clients(loop, *graph, "udhcpc", SOURCE_DIR "/share/udhcpc-report.sh");
     model.add("Weft.Intf", "dhcp_zep_x",
               {{"Enable", false}, {"Flags", std::string("dhcp")}, {"LowerLayers", std::string("eth1.20")}});
@@ -269,7 +274,8 @@ TEST_F(LinuxTest, TheMulticastDaemonRunsWhileItIsWantedAndComesBack) {
         return soon([&] { return model.text(path, "Status") == "Stopped" && process().empty(); });
     };
     {
-        Kernel kernel(loop, *graph);
+        KernelTables tables(loop);
+        Kernel kernel(loop, *graph, tables);
         InterfaceState state(loop, *graph);
         Multicast multicast(loop, *graph, "igmpproxy", folder);
         model.set(path, {{"ClientEnable", true}, {"MRTIIFEnable", true}, {"WANEnable", true}});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "host/base/text_forms.h"
 #include "host/base/trace.h"
 #include "host/gateway/graph.h"
 
@@ -15,92 +16,202 @@ void keep_secondaries(const std::string &link) {
     std::ofstream("/proc/sys/net/ipv4/conf/" + link + "/promote_secondaries") << "1";
 }
 
-void write(Model &model, const std::string &path, const Values &values) {
-    if (const Outcome refusal = model.set(path, values))
+void report(const Outcome &refusal) {
+    if (refusal)
         trace(Level::Warning, "kernel", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
 }
 
+void write(Model &model, const std::string &path, const Values &values) {
+    report(model.set(path, values));
+}
+
 std::string network_of(const std::string &dotted, int prefix) {
-    unsigned a = 0;
-    unsigned b = 0;
-    unsigned c = 0;
-    unsigned d = 0;
-    if (std::sscanf(dotted.c_str(), "%u.%u.%u.%u", &a, &b, &c, &d) != 4)
-        return dotted;
-    const std::uint32_t mask = prefix <= 0 ? 0 : ~std::uint32_t{0} << (32 - std::min(prefix, 32));
-    const std::uint32_t network = ((a << 24) | (b << 16) | (c << 8) | d) & mask;
-    return std::to_string(network >> 24) + "." + std::to_string(network >> 16 & 255) + "." +
-           std::to_string(network >> 8 & 255) + "." + std::to_string(network & 255);
+    const auto address = parse_ipv4(dotted);
+    return address ? format_ipv4(*address & mask_of(prefix)) : dotted;
+}
+
+bool is_dhcp_interface(const InterfaceGraph &graph, const std::string &name) {
+    return graph.has_flag(name, "dhcp") && !graph.has_flag(name, "netdev");
+}
+
+bool word_changed(const Event &event, const char *word) {
+    return has_word(to_text(event.before.at("Flags")), word) != has_word(to_text(event.values.at("Flags")), word);
+}
+
+/* Whether a change of an address or route instance is one of what the kernel is to hold. */
+bool matters(const Event &event) {
+    if (event.kind != Event::Kind::Changed)
+        return event.kind != Event::Kind::Custom;
+    static const std::set<std::string> unimportant = {"Status", "Flags"};
+    return std::any_of(event.values.begin(), event.values.end(),
+                       [](const auto &value) { return !unimportant.contains(value.first); });
 }
 
 } // namespace
 
-Kernel::Kernel(UvLoop &loop, InterfaceGraph &graph)
-    : graph_(graph), model_(graph.model()), mending_(loop, [this] { mend(); }),
-      netlink_(loop, [this] { mending_.schedule(); }) {
-    watch_ = model_.watch("Weft.Intf", [this](const Event &event) { on_event(event); });
+Kernel::Kernel(Loop &loop, InterfaceGraph &graph, KernelTables &tables)
+    : graph_(graph), model_(graph.model()), tables_(tables), mending_(loop, [this] { mend(); }) {
+    watch_ = model_.watch(
+        interfaces_path, [this](const Event &event) { on_event(event); },
+        {{"Flags", "LowerLayers", "Enable", "Address", "PrefixLen", "Origin", "Dst", "DstLen", "Gateway"}, false});
+    subscription_ = tables_.subscribe([this](const KernelChanges &changes) { on_changes(changes); });
+    for (const std::string &name : model_.instances(interfaces_path)) {
+        follow_device(name);
+        touch(name);
+    }
     mend();
 }
 
 Kernel::~Kernel() {
     model_.unwatch(watch_);
-    for (const KernelRoute &route : netlink_.routes())
-        netlink_.delete_route(route);
-    for (const KernelAddress &address : netlink_.addresses())
-        if (address.own)
-            netlink_.delete_address(address);
+    tables_.unsubscribe(subscription_);
+    tables_.catch_up();
+    for (const auto &[index, link] : tables_.links()) {
+        for (const KernelRoute &route : tables_.routes(index))
+            tables_.delete_route(route);
+        for (const KernelAddress &address : tables_.addresses(index))
+            if (address.own)
+                tables_.delete_address(address);
+    }
 }
 
+/* --------------------------------------------------------------------------------------------------- changes */
+
 void Kernel::on_event(const Event &event) {
-    const bool status_alone = event.kind == Event::Kind::Changed && event.values.size() == 1 &&
-                              (event.values.contains("Status") || event.values.contains("DHCPStatus"));
-    if (status_alone)
+    if (own_events_.erase(event.number) != 0 || event.steps.size() < 3)
         return;
-    if (event.kind == Event::Kind::Deleted && event.steps.size() == 5 && event.steps[3] == "IPv4Addr") {
-        const KernelLink *link = link_of(event.steps[2]);
-        if (link && event.values.contains("Address"))
-            netlink_.delete_address({link->index, to_text(event.values.at("Address")),
-                                     static_cast<int>(std::get<std::int64_t>(event.values.at("PrefixLen"))), true});
+    const std::string &name = event.steps[2];
+    if (event.steps.size() == 3)
+        return interface_changed(name, event);
+    const bool address = event.steps.size() == 5 && event.steps[3] == "IPv4Addr";
+    const bool route = event.steps.size() == 5 && event.steps[3] == "IPv4Route";
+    if (!(address || route) || !matters(event))
+        return;
+    const auto dhcp = dhcp_devices_.find(name);
+    const std::string device = dhcp == dhcp_devices_.end() ? name : dhcp->second;
+    if (address && event.kind == Event::Kind::Deleted && event.values.contains("Address"))
+        deleted_[device].emplace(to_text(event.values.at("Address")),
+                                 static_cast<int>(std::get<std::int64_t>(event.values.at("PrefixLen"))));
+    touch(device);
+}
+
+void Kernel::interface_changed(const std::string &name, const Event &event) {
+    bool structure = event.kind == Event::Kind::Added || event.kind == Event::Kind::Deleted;
+    if (event.kind == Event::Kind::Changed && event.values.contains("Flags")) {
+        structure = word_changed(event, "netdev") || word_changed(event, "dhcp");
+        const KernelLink *link = tables_.link(name);
+        if (has_word(to_text(event.values.at("Flags")), "up") != (link && link->up))
+            touch(name); /* somebody else has written the flag */
     }
+    structure = structure || (event.kind == Event::Kind::Changed && event.values.contains("LowerLayers"));
+    if (!structure)
+        return;
+    touch(name);
+    if (graph_.exists(name)) {
+        for (const std::string &above : graph_.reach(name, Traversal::Up))
+            follow_device(above);
+        return;
+    }
+    std::vector<std::string> dhcp_interfaces; /* nobody can tell any more which of them stood on it */
+    for (const auto &[interface, device] : dhcp_devices_)
+        dhcp_interfaces.push_back(interface);
+    for (const std::string &interface : dhcp_interfaces)
+        follow_device(interface);
+}
+
+/* Touches the devices that hold a DHCP interface's addresses and that held them, when that has changed. */
+void Kernel::follow_device(const std::string &name) {
+    const auto found = dhcp_devices_.find(name);
+    const std::string before = found == dhcp_devices_.end() ? "" : found->second;
+    const bool is = is_dhcp_interface(graph_, name);
+    const std::string now = is ? graph_.netdev_below(name) : "";
+    if (now != before) {
+        touch(before);
+        touch(now);
+    }
+    if (is)
+        dhcp_devices_[name] = now;
+    else if (found != dhcp_devices_.end())
+        dhcp_devices_.erase(found);
+}
+
+void Kernel::on_changes(const KernelChanges &changes) {
+    for (const auto &[index, name] : changes.links)
+        touch(name);
+    for (const auto *holders : {&changes.addresses, &changes.routes})
+        for (const int index : *holders)
+            if (const KernelLink *link = tables_.link(index))
+                touch(link->name);
+    if (!changes.others_routes)
+        return;
+    for (const std::string &name : refused_) {
+        const KernelLink *link = tables_.link(name);
+        if (link && link->enabled) /* nothing else helps one that is down */
+            touch(name);
+    }
+}
+
+void Kernel::touch(const std::string &device) {
+    if (device.empty())
+        return;
+    touched_.insert(device);
     mending_.schedule();
 }
 
-const KernelLink *Kernel::link_of(const std::string &name) const {
-    const auto found = std::find_if(links_.begin(), links_.end(), [&](const KernelLink &l) { return l.name == name; });
-    return found == links_.end() ? nullptr : &*found;
-}
+/* --------------------------------------------------------------------------------------------------- mending */
 
 void Kernel::mend() {
-    links_ = netlink_.links();
-    const std::vector<KernelAddress> addresses = netlink_.addresses();
-    const std::vector<KernelRoute> routes = netlink_.routes();
-    for (const std::string &name : model_.instances("Weft.Intf")) {
-        if (!graph_.has_flag(name, "netdev"))
-            continue;
-        const KernelLink *link = link_of(name);
-        mend_link(name, link);
-        const KernelLink none{-1, name, false};
-        mend_addresses(name, link ? *link : none, addresses);
-        mend_routes(name, link ? *link : none, routes);
+    tables_.catch_up();
+    const auto touched = std::exchange(touched_, {});
+    const auto deleted = std::exchange(deleted_, {});
+    for (const std::string &name : touched) {
+        const auto wishes = deleted.find(name);
+        mend_device(name, wishes == deleted.end() ? Deleted() : wishes->second);
     }
+}
+
+void Kernel::mend_device(const std::string &name, const Deleted &deleted) {
+    refused_.erase(name);
+    if (!graph_.has_flag(name, "netdev")) {
+        if (kept_.erase(name) != 0)
+            retire_device(name, deleted);
+        return;
+    }
+    kept_.insert(name);
+    const KernelLink *known = tables_.link(name);
+    mend_link(name, known);
+    const KernelLink link = known ? *known : KernelLink{-1, name, false, false};
+    mend_addresses(name, link, deleted);
+    mend_routes(name, link);
+}
+
+void Kernel::delete_address(const std::string &device, const KernelAddress &address) {
+    keep_secondaries(device);
+    tables_.delete_address(address);
+}
+
+/* It is a device of the model no more: what it holds of ours goes, and what of others' was deleted with it. */
+void Kernel::retire_device(const std::string &name, const Deleted &deleted) {
+    const KernelLink *link = tables_.link(name);
+    if (!link)
+        return;
+    for (const KernelRoute &route : tables_.routes(link->index))
+        tables_.delete_route(route);
+    for (const KernelAddress &address : tables_.addresses(link->index))
+        if (address.own || deleted.contains({address.address, address.prefix}))
+            delete_address(name, address);
 }
 
 void Kernel::mend_link(const std::string &name, const KernelLink *link) {
     const bool up = link && link->up;
-    if (up != graph_.has_flag(name, "up")) {
-        trace(Level::Info, "kernel", "%s is %s", name.c_str(), up ? "up" : "down");
-        graph_.set_flag(name, "up", up);
-    }
+    if (up == graph_.has_flag(name, "up"))
+        return;
+    trace(Level::Info, "kernel", "%s is %s", name.c_str(), up ? "up" : "down");
+    keel::report(graph_.set_flag(name, "up", up));
 }
 
-void Kernel::mend_addresses(const std::string &name, const KernelLink &link,
-                            const std::vector<KernelAddress> &present) {
-    const std::string parent = interface_path(name) + ".IPv4Addr";
-    std::vector<KernelAddress> unmatched;
-    for (const KernelAddress &address : present)
-        if (address.link == link.index)
-            unmatched.push_back(address);
-
+void Kernel::mend_addresses(const std::string &name, const KernelLink &link, const Deleted &deleted) {
+    std::vector<KernelAddress> unmatched = tables_.addresses(link.index);
     for (const std::string &path : graph_.addresses(name)) {
         const std::string text = model_.text(path, "Address");
         const int prefix = static_cast<int>(model_.integer(path, "PrefixLen"));
@@ -109,10 +220,15 @@ void Kernel::mend_addresses(const std::string &name, const KernelLink &link,
         });
         const bool there = found != unmatched.end();
         if (model_.text(path, "Origin") == "kernel") {
+            const bool unwanted = there && deleted.contains({text, prefix});
+            if (unwanted) /* it was put here again before it was told that it had been deleted */
+                delete_address(name, *found);
             if (there)
                 unmatched.erase(found);
-            else
+            if (unwanted || !there) {
                 model_.remove(path);
+                own_events_.insert(model_.latest_event());
+            }
             continue;
         }
         if (text.empty() || !model_.boolean(path, "Enable"))
@@ -122,28 +238,25 @@ void Kernel::mend_addresses(const std::string &name, const KernelLink &link,
             write(model_, path, {{"Status", std::string("Enabled")}});
         } else {
             keep_secondaries(name);
-            report(path, text + "/" + std::to_string(prefix),
-                   link.index < 0 ? "no such device" : netlink_.add_address(link, text, prefix));
+            report(name, path, text + "/" + std::to_string(prefix),
+                   link.index < 0 ? "no such device" : tables_.add_address(link, text, prefix));
         }
     }
     for (const KernelAddress &address : unmatched) {
-        if (address.own)
-            netlink_.delete_address(address);
-        else
-            model_.add(parent, std::nullopt,
-                       {{"Address", address.address},
-                        {"PrefixLen", std::int64_t{address.prefix}},
-                        {"Origin", std::string("kernel")},
-                        {"Status", std::string("Enabled")}});
+        if (address.own || deleted.contains({address.address, address.prefix}))
+            delete_address(name, address);
+        else if (!model_.add(interface_path(name) + ".IPv4Addr", std::nullopt,
+                             {{"Address", address.address},
+                              {"PrefixLen", std::int64_t{address.prefix}},
+                              {"Origin", std::string("kernel")},
+                              {"Status", std::string("Enabled")}}))
+            own_events_.insert(model_.latest_event());
     }
 }
 
-void Kernel::mend_routes(const std::string &name, const KernelLink &link, const std::vector<KernelRoute> &present) {
+void Kernel::mend_routes(const std::string &name, const KernelLink &link) {
     const std::string parent = interface_path(name) + ".IPv4Route";
-    std::vector<KernelRoute> unmatched;
-    for (const KernelRoute &route : present)
-        if (route.link == link.index)
-            unmatched.push_back(route);
+    std::vector<KernelRoute> unmatched = tables_.routes(link.index);
 
     std::vector<std::pair<std::string, KernelRoute>> missing;
     for (const std::string &instance : model_.instances(parent)) {
@@ -162,15 +275,18 @@ void Kernel::mend_routes(const std::string &name, const KernelLink &link, const 
         write(model_, path, {{"Status", std::string("Enabled")}});
     }
     for (const KernelRoute &route : unmatched) /* first, so that one may take another's place */
-        netlink_.delete_route(route);
+        tables_.delete_route(route);
     for (const auto &[path, route] : missing)
-        report(path, route.destination + "/" + std::to_string(route.prefix) + " via " + route.gateway,
-               link.index < 0 ? "no such device" : netlink_.add_route(route));
+        report(name, path, route.destination + "/" + std::to_string(route.prefix) + " via " + route.gateway,
+               link.index < 0 ? "no such device" : tables_.add_route(route));
 }
 
 /* Writes the outcome; a refusal is traced once, when it is news. */
-void Kernel::report(const std::string &path, const std::string &what, const std::string &error) {
+void Kernel::report(const std::string &device, const std::string &path, const std::string &what,
+                    const std::string &error) {
     const std::string status = error.empty() ? "Enabled" : "error";
+    if (!error.empty())
+        refused_.insert(device);
     if (!error.empty() && model_.text(path, "Status") != status)
         trace(Level::Warning, "kernel", "%s: %s refused: %s", path.c_str(), what.c_str(), error.c_str());
     write(model_, path, {{"Status", status}});

@@ -4,12 +4,15 @@
 #ifndef HOST_LINUX_KERNEL_H
 #define HOST_LINUX_KERNEL_H
 
+#include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/gateway/graph.h"
-#include "host/linux/netlink.h"
+#include "host/linux/kernel_tables.h"
 
 namespace keel {
 
@@ -18,30 +21,45 @@ namespace keel {
  * IPv4Route instances that others add appear in the kernel, with the outcome in their "Status" ("Enabled" or "error"),
  * and go with them. "Origin" "kernel" instances that others delete take the kernel's address along.
  *
- * It compares and mends, after every change on either side. What a killed run left in the kernel is so removed at the
- * start; the destructor removes what is left of this one. */
+ * It compares and mends, one turn after a change on either side, the devices that the change touches. What a killed run
+ * left in the kernel is so removed at the start; the destructor removes what is left of this one. */
 class Kernel {
 public:
-    Kernel(UvLoop &loop, InterfaceGraph &graph);
+    /* Loop, graph and tables must outlive it. */
+    Kernel(Loop &loop, InterfaceGraph &graph, KernelTables &tables);
     Kernel(const Kernel &) = delete;
     Kernel &operator=(const Kernel &) = delete;
     ~Kernel();
 
 private:
+    using Deleted = std::set<std::pair<std::string, int>>; /* addresses and prefix lengths */
+
     void on_event(const Event &event);
+    void interface_changed(const std::string &name, const Event &event);
+    void follow_device(const std::string &dhcp_interface);
+    void on_changes(const KernelChanges &changes);
+    void touch(const std::string &device);
     void mend();
+    void mend_device(const std::string &name, const Deleted &deleted);
+    void retire_device(const std::string &name, const Deleted &deleted);
     void mend_link(const std::string &name, const KernelLink *link);
-    void mend_addresses(const std::string &name, const KernelLink &link, const std::vector<KernelAddress> &present);
-    void mend_routes(const std::string &name, const KernelLink &link, const std::vector<KernelRoute> &present);
-    void report(const std::string &path, const std::string &what, const std::string &error);
-    const KernelLink *link_of(const std::string &name) const;
+    void mend_addresses(const std::string &name, const KernelLink &link, const Deleted &deleted);
+    void delete_address(const std::string &device, const KernelAddress &address);
+    void mend_routes(const std::string &name, const KernelLink &link);
+    void report(const std::string &device, const std::string &path, const std::string &what, const std::string &error);
 
     InterfaceGraph &graph_;
     Model &model_;
+    KernelTables &tables_;
     OnceATurn mending_;
-    Netlink netlink_;
     Model::WatchId watch_;
-    std::vector<KernelLink> links_; /* as of the last look */
+    KernelTables::SubscriptionId subscription_;
+    std::set<std::string> touched_;                   /* the devices to mend */
+    std::map<std::string, Deleted> deleted_;          /* of which somebody has deleted address instances since */
+    std::set<std::string> kept_;                      /* the devices that are mended */
+    std::set<std::string> refused_;                   /* those of which the kernel has refused something */
+    std::map<std::string, std::string> dhcp_devices_; /* DHCP interface -> the device that holds its addresses */
+    std::set<std::uint64_t> own_events_;              /* of address instances that came and went with the kernel's */
 };
 
 } // namespace keel

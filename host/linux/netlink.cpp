@@ -1,22 +1,24 @@
 #include "host/linux/netlink.h"
 
-#include <arpa/inet.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <netlink/cache.h>
+#include <netlink/attr.h>
+#include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/route/addr.h>
-#include <netlink/route/link.h>
 #include <netlink/route/neighbour.h>
 #include <netlink/route/nexthop.h>
 #include <netlink/route/route.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
+#include <memory>
 #include <stdexcept>
+
+#include "host/base/text_forms.h"
 
 namespace keel {
 
@@ -25,48 +27,145 @@ namespace {
 constexpr int own_protocol = 99;          /* of routes */
 constexpr const char *own_label = ":zep"; /* at the end of an address's label */
 constexpr std::size_t label_room = 15;
+constexpr int dump_attempts = 5;
+constexpr std::size_t message_room = 65536;
 
 /* What libnl counts references of. */
 template <typename T, void (*Put)(T *)> struct Putter {
     void operator()(T *object) const { Put(object); }
 };
-using Cache = std::unique_ptr<nl_cache, Putter<nl_cache, nl_cache_free>>;
+using Message = std::unique_ptr<nl_msg, Putter<nl_msg, nlmsg_free>>;
+using Callbacks = std::unique_ptr<nl_cb, Putter<nl_cb, nl_cb_put>>;
 using Address = std::unique_ptr<nl_addr, Putter<nl_addr, nl_addr_put>>;
 using AddressObject = std::unique_ptr<rtnl_addr, Putter<rtnl_addr, rtnl_addr_put>>;
 using RouteObject = std::unique_ptr<rtnl_route, Putter<rtnl_route, rtnl_route_put>>;
 using NeighbourObject = std::unique_ptr<rtnl_neigh, Putter<rtnl_neigh, rtnl_neigh_put>>;
 
-template <typename T> void each(const Cache &cache, const std::function<void(T *)> &take) {
-    if (!cache)
-        return;
-    for (nl_object *object = nl_cache_get_first(cache.get()); object; object = nl_cache_get_next(object))
-        take(reinterpret_cast<T *>(object));
+/* The attributes of a message by their number; null for what it does not hold. */
+template <int Highest> class Attributes {
+public:
+    template <typename Header> bool read(const nlmsghdr *header, const Header **fixed) {
+        if (!nlmsg_valid_hdr(header, sizeof(Header)) ||
+            nlmsg_parse(const_cast<nlmsghdr *>(header), sizeof(Header), all_, Highest, nullptr) < 0)
+            return false;
+        *fixed = static_cast<const Header *>(nlmsg_data(header));
+        return true;
+    }
+    /* The bytes, if it has as many. */
+    const std::uint8_t *bytes(int number, int size) const {
+        return all_[number] && nla_len(all_[number]) == size ? static_cast<const std::uint8_t *>(nla_data(all_[number]))
+                                                             : nullptr;
+    }
+    int number(int attribute, int fallback = 0) const {
+        return bytes(attribute, 4) ? static_cast<int>(nla_get_u32(all_[attribute])) : fallback;
+    }
+    std::string dotted(int attribute) const {
+        const std::uint8_t *address = bytes(attribute, 4);
+        return address ? format_ipv4(network_number(address)) : "";
+    }
+    std::string mac(int attribute) const {
+        const std::uint8_t *address = bytes(attribute, 6);
+        return address ? format_mac(address) : "";
+    }
+    std::string text(int attribute) const {
+        if (!all_[attribute])
+            return "";
+        const std::string whole(static_cast<const char *>(nla_data(all_[attribute])),
+                                static_cast<std::size_t>(nla_len(all_[attribute])));
+        return whole.substr(0, whole.find('\0'));
+    }
+    bool has(int attribute) const { return all_[attribute]; }
+
+private:
+    nlattr *all_[Highest + 1] = {};
+};
+
+std::optional<KernelMessage> read_link(const nlmsghdr *header) {
+    Attributes<IFLA_MAX> attributes;
+    const ifinfomsg *fixed = nullptr;
+    /* of a bridge's family they tell of ports, and "deleted" then means: taken out of the bridge */
+    if (!attributes.read(header, &fixed) || fixed->ifi_family != AF_UNSPEC)
+        return std::nullopt;
+    const bool enabled = fixed->ifi_flags & IFF_UP;
+    return KernelMessage{header->nlmsg_type == RTM_DELLINK, false, false,
+                         KernelLink{fixed->ifi_index, attributes.text(IFLA_IFNAME), enabled,
+                                    enabled && (fixed->ifi_flags & IFF_RUNNING)}};
 }
 
-Cache dump(nl_sock *socket, const char *kind, int family) {
-    nl_cache *raw = nullptr;
-    if (nl_cache_alloc_name(kind, &raw) < 0)
-        return nullptr;
-    Cache cache(raw);
-    nl_cache_set_arg1(raw, family);
-    return nl_cache_refill(socket, raw) < 0 ? nullptr : std::move(cache);
+std::optional<KernelMessage> read_address(const nlmsghdr *header) {
+    Attributes<IFA_MAX> attributes;
+    const ifaddrmsg *fixed = nullptr;
+    if (!attributes.read(header, &fixed) || fixed->ifa_family != AF_INET || !attributes.bytes(IFA_LOCAL, 4))
+        return std::nullopt;
+    return KernelMessage{header->nlmsg_type == RTM_DELADDR, false, false,
+                         KernelAddress{static_cast<int>(fixed->ifa_index), attributes.dotted(IFA_LOCAL),
+                                       fixed->ifa_prefixlen, attributes.text(IFA_LABEL).ends_with(own_label)}};
 }
 
-std::string dotted(const nl_addr *address) {
-    char text[INET_ADDRSTRLEN];
-    if (!address || nl_addr_get_family(address) != AF_INET || nl_addr_get_len(address) != 4)
-        return "";
-    return inet_ntop(AF_INET, nl_addr_get_binary_addr(address), text, sizeof text) ? text : "";
+std::optional<KernelMessage> read_route(const nlmsghdr *header) {
+    Attributes<RTA_MAX> attributes;
+    const rtmsg *fixed = nullptr;
+    if (!attributes.read(header, &fixed) || fixed->rtm_family != AF_INET ||
+        attributes.number(RTA_TABLE, fixed->rtm_table) != RT_TABLE_MAIN || fixed->rtm_flags & RTM_F_CLONED)
+        return std::nullopt;
+    const bool several_ways = attributes.has(RTA_MULTIPATH);
+    const std::string destination = attributes.dotted(RTA_DST);
+    const std::string gateway = attributes.dotted(RTA_GATEWAY);
+    return KernelMessage{header->nlmsg_type == RTM_DELROUTE, fixed->rtm_protocol != own_protocol || several_ways,
+                         (header->nlmsg_flags & NLM_F_REPLACE) && attributes.number(RTA_PRIORITY) == 0,
+                         KernelRoute{attributes.number(RTA_OIF), destination.empty() ? "0.0.0.0" : destination,
+                                     fixed->rtm_dst_len, gateway.empty() ? "0.0.0.0" : gateway}};
 }
 
-std::string mac_of(const nl_addr *address) {
-    char text[32];
-    if (!address || nl_addr_get_len(address) != 6)
-        return "";
-    std::string mac = nl_addr2str(address, text, sizeof text);
-    for (char &letter : mac)
-        letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-    return mac;
+std::optional<KernelMessage> read_neighbour(const nlmsghdr *header) {
+    Attributes<NDA_MAX> attributes;
+    const ndmsg *fixed = nullptr;
+    if (!attributes.read(header, &fixed))
+        return std::nullopt;
+    const bool deleted = header->nlmsg_type == RTM_DELNEIGH;
+    const std::string mac = attributes.mac(NDA_LLADDR);
+    if (fixed->ndm_family == AF_BRIDGE) {
+        const int bridge = attributes.number(NDA_MASTER);
+        if (mac.empty() || bridge == 0)
+            return std::nullopt;
+        const std::uint8_t *vlan = attributes.bytes(NDA_VLAN, 2);
+        return KernelMessage{deleted || fixed->ndm_state & NUD_PERMANENT, false, false, /* permanent: its own address */
+                             KernelForwarding{bridge, fixed->ndm_ifindex, mac, vlan ? vlan[0] | vlan[1] << 8 : 0}};
+    }
+    if (fixed->ndm_family != AF_INET || fixed->ndm_flags & NTF_PROXY || !attributes.bytes(NDA_DST, 4))
+        return std::nullopt;
+    const int state = fixed->ndm_state;
+    const bool valid = state != NUD_NONE && !(state & (NUD_INCOMPLETE | NUD_FAILED));
+    return KernelMessage{
+        deleted || state & NUD_NOARP, false, false, /* that: a multicast group */
+        KernelNeighbour{fixed->ndm_ifindex, attributes.dotted(NDA_DST), mac, valid, (state & NUD_PERMANENT) != 0}};
+}
+
+/* The question for a whole table. */
+nl_msg *question_of(KernelTable table) {
+    const auto ask = [](int type, const auto &fixed) {
+        nl_msg *message = nlmsg_alloc_simple(type, NLM_F_REQUEST | NLM_F_DUMP);
+        if (message)
+            nlmsg_append(message, const_cast<void *>(static_cast<const void *>(&fixed)), sizeof fixed, NLMSG_ALIGNTO);
+        return message;
+    };
+    ifaddrmsg address{};
+    rtmsg route{};
+    ndmsg neighbour{};
+    switch (table) {
+    case KernelTable::Links:
+        return ask(RTM_GETLINK, ifinfomsg{});
+    case KernelTable::Addresses:
+        address.ifa_family = AF_INET;
+        return ask(RTM_GETADDR, address);
+    case KernelTable::Routes: /* a kernel that checks strictly sends those of this protocol alone */
+        route.rtm_family = AF_INET;
+        route.rtm_protocol = own_protocol;
+        return ask(RTM_GETROUTE, route);
+    default:
+        neighbour.ndm_family = table == KernelTable::Neighbours ? AF_INET : AF_BRIDGE;
+        return ask(RTM_GETNEIGH, neighbour);
+    }
 }
 
 Address parse(const std::string &dotted_text, int prefix) {
@@ -113,6 +212,25 @@ RouteObject route_object(const KernelRoute &route) {
 
 } // namespace
 
+std::optional<KernelMessage> read_kernel_message(const nlmsghdr *header) {
+    switch (header->nlmsg_type) {
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+        return read_link(header);
+    case RTM_NEWADDR:
+    case RTM_DELADDR:
+        return read_address(header);
+    case RTM_NEWROUTE:
+    case RTM_DELROUTE:
+        return read_route(header);
+    case RTM_NEWNEIGH:
+    case RTM_DELNEIGH:
+        return read_neighbour(header);
+    default:
+        return std::nullopt;
+    }
+}
+
 std::string link_address(const std::string &name) {
     ifreq request{};
     const int socket_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -122,106 +240,58 @@ std::string link_address(const std::string &name) {
         close(socket_fd);
     if (!found)
         return "";
-    const auto *bytes = reinterpret_cast<const unsigned char *>(request.ifr_hwaddr.sa_data);
-    char text[18];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4],
-                  bytes[5]);
-    return text;
+    std::string mac = format_mac(reinterpret_cast<const std::uint8_t *>(request.ifr_hwaddr.sa_data));
+    for (char &letter : mac)
+        letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    return mac;
 }
 
-struct Netlink::Poll {
-    uv_poll_t handle;
-    Netlink *owner;
-};
-
-Netlink::Netlink(UvLoop &loop, std::function<void()> changed) : changed_(std::move(changed)) {
-    requests_ = nl_socket_alloc();
-    events_ = nl_socket_alloc();
-    if (!requests_ || !events_ || nl_connect(requests_, NETLINK_ROUTE) < 0 || nl_connect(events_, NETLINK_ROUTE) < 0)
+Netlink::Netlink() {
+    if (!connect())
         throw std::runtime_error("no netlink socket");
-    nl_socket_disable_seq_check(events_);
-    nl_socket_set_nonblocking(events_);
-    nl_socket_add_memberships(events_, RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH, 0);
-    /* The events only say that something changed; what is, is asked for. */
-    nl_socket_modify_cb(
-        events_, NL_CB_VALID, NL_CB_CUSTOM, [](nl_msg *, void *) -> int { return NL_OK; }, nullptr);
-    poll_ = new Poll{{}, this};
-    uv_poll_init(loop.handle(), &poll_->handle, nl_socket_get_fd(events_));
-    poll_->handle.data = poll_;
-    uv_poll_start(&poll_->handle, UV_READABLE, [](uv_poll_t *handle, int, int) {
-        Netlink *self = static_cast<Poll *>(handle->data)->owner;
-        while (nl_recvmsgs_default(self->events_) >= 0) {
-        }
-        self->changed_(); /* also after an overrun, in which messages were lost */
-    });
 }
 
 Netlink::~Netlink() {
-    uv_poll_stop(&poll_->handle);
-    uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
-             [](uv_handle_t *handle) { delete static_cast<Poll *>(handle->data); });
-    nl_socket_free(requests_);
-    nl_socket_free(events_);
+    nl_socket_free(socket_);
 }
 
-std::vector<KernelLink> Netlink::links() {
-    std::vector<KernelLink> all;
-    each<rtnl_link>(dump(requests_, "route/link", AF_UNSPEC), [&](rtnl_link *link) {
-        const unsigned flags = rtnl_link_get_flags(link);
-        all.push_back(
-            {rtnl_link_get_ifindex(link), rtnl_link_get_name(link), (flags & IFF_UP) && (flags & IFF_RUNNING)});
-    });
-    return all;
+bool Netlink::connect() {
+    nl_socket_free(socket_);
+    socket_ = nl_socket_alloc();
+    if (!socket_ || nl_connect(socket_, NETLINK_ROUTE) < 0)
+        return false;
+    nl_socket_set_msg_buf_size(socket_, message_room);
+    const int on = 1; /* an older kernel refuses, and then sends all routes */
+    setsockopt(nl_socket_get_fd(socket_), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof on);
+    return true;
 }
 
-std::vector<KernelAddress> Netlink::addresses() {
-    std::vector<KernelAddress> all;
-    each<rtnl_addr>(dump(requests_, "route/addr", AF_UNSPEC), [&](rtnl_addr *address) {
-        if (rtnl_addr_get_family(address) != AF_INET)
-            return;
-        const char *label = rtnl_addr_get_label(address);
-        all.push_back({rtnl_addr_get_ifindex(address), dotted(rtnl_addr_get_local(address)),
-                       rtnl_addr_get_prefixlen(address), label && std::string(label).ends_with(own_label)});
-    });
-    return all;
-}
-
-std::vector<KernelRoute> Netlink::routes() {
-    std::vector<KernelRoute> all;
-    each<rtnl_route>(dump(requests_, "route/route", AF_INET), [&](rtnl_route *route) {
-        if (rtnl_route_get_protocol(route) != own_protocol || rtnl_route_get_nnexthops(route) != 1)
-            return;
-        rtnl_nexthop *hop = rtnl_route_nexthop_n(route, 0);
-        nl_addr *destination = rtnl_route_get_dst(route);
-        const nl_addr *gateway = rtnl_route_nh_get_gateway(hop);
-        const std::string network = dotted(destination);
-        all.push_back({rtnl_route_nh_get_ifindex(hop), network.empty() ? "0.0.0.0" : network,
-                       static_cast<int>(nl_addr_get_prefixlen(destination)), gateway ? dotted(gateway) : "0.0.0.0"});
-    });
-    return all;
-}
-
-std::vector<KernelNeighbour> Netlink::neighbours() {
-    std::vector<KernelNeighbour> all;
-    constexpr int gone = NUD_INCOMPLETE | NUD_FAILED | NUD_NONE;
-    each<rtnl_neigh>(dump(requests_, "route/neigh", AF_UNSPEC), [&](rtnl_neigh *neighbour) {
-        const int state = rtnl_neigh_get_state(neighbour);
-        const std::string address = dotted(rtnl_neigh_get_dst(neighbour));
-        if (!address.empty() && !(state > 0 && (state & NUD_NOARP))) /* IPv4, and no multicast group */
-            all.push_back({rtnl_neigh_get_ifindex(neighbour), mac_of(rtnl_neigh_get_lladdr(neighbour)), address,
-                           state > 0 && !(state & gone)});
-    });
-    return all;
-}
-
-std::vector<KernelNeighbour> Netlink::bridge_forwarding() {
-    std::vector<KernelNeighbour> all;
-    each<rtnl_neigh>(dump(requests_, "route/neigh", AF_BRIDGE), [&](rtnl_neigh *entry) {
-        const int state = rtnl_neigh_get_state(entry);
-        if (rtnl_neigh_get_family(entry) == AF_BRIDGE && !(state > 0 && (state & NUD_PERMANENT)))
-            all.push_back({rtnl_neigh_get_ifindex(entry), mac_of(rtnl_neigh_get_lladdr(entry)), "", true});
-    });
-    return all;
+std::optional<std::vector<KernelMessage>> Netlink::dump(KernelTable table, std::string *error) {
+    std::vector<KernelMessage> all;
+    int result = -NLE_DUMP_INTR;
+    for (int attempt = 0; attempt < dump_attempts && result == -NLE_DUMP_INTR; ++attempt) {
+        all.clear(); /* what changed meanwhile may be there twice or not at all */
+        const Message question(question_of(table));
+        const Callbacks callbacks(nl_cb_alloc(NL_CB_DEFAULT));
+        if (!question || !callbacks)
+            throw std::bad_alloc();
+        const auto take = [](nl_msg *message, void *to) -> int {
+            const auto record = read_kernel_message(nlmsg_hdr(message));
+            if (record && !record->gone && !record->others)
+                static_cast<std::vector<KernelMessage> *>(to)->push_back(*record);
+            return NL_OK;
+        };
+        nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, take, &all);
+        result = socket_ ? nl_send_auto(socket_, question.get()) : -NLE_BAD_SOCK;
+        if (result >= 0)
+            result = nl_recvmsgs(socket_, callbacks.get());
+    }
+    if (result >= 0)
+        return all;
+    *error = nl_geterror(result);
+    if (result != -NLE_DUMP_INTR)
+        connect(); /* whatever is left of the answer must not be taken for the next one's */
+    return std::nullopt;
 }
 
 std::string Netlink::add_address(const KernelLink &link, const std::string &address, int prefix) {
@@ -230,22 +300,22 @@ std::string Netlink::add_address(const KernelLink &link, const std::string &addr
         return "no IPv4 address";
     const std::string label = link.name.substr(0, label_room - std::string(own_label).size()) + own_label;
     rtnl_addr_set_label(object.get(), label.c_str());
-    return outcome(rtnl_addr_add(requests_, object.get(), 0), NLE_EXIST);
+    return outcome(rtnl_addr_add(socket_, object.get(), 0), NLE_EXIST);
 }
 
 std::string Netlink::delete_address(const KernelAddress &address) {
     const AddressObject object = address_object(address.link, address.address, address.prefix);
-    return object ? outcome(rtnl_addr_delete(requests_, object.get(), 0), NLE_NOADDR) : "no IPv4 address";
+    return object ? outcome(rtnl_addr_delete(socket_, object.get(), 0), NLE_NOADDR) : "no IPv4 address";
 }
 
 std::string Netlink::add_route(const KernelRoute &route) {
     const RouteObject object = route_object(route);
-    return object ? outcome(rtnl_route_add(requests_, object.get(), NLM_F_EXCL), 0) : "no IPv4 route";
+    return object ? outcome(rtnl_route_add(socket_, object.get(), NLM_F_EXCL), 0) : "no IPv4 route";
 }
 
 std::string Netlink::delete_route(const KernelRoute &route) {
     const RouteObject object = route_object(route);
-    return object ? outcome(rtnl_route_delete(requests_, object.get(), 0), NLE_OBJ_NOTFOUND) : "no IPv4 route";
+    return object ? outcome(rtnl_route_delete(socket_, object.get(), 0), NLE_OBJ_NOTFOUND) : "no IPv4 route";
 }
 
 void Netlink::probe(const KernelNeighbour &neighbour) {
@@ -259,7 +329,7 @@ void Netlink::probe(const KernelNeighbour &neighbour) {
     rtnl_neigh_set_dst(object.get(), address.get());
     rtnl_neigh_set_lladdr(object.get(), mac);
     rtnl_neigh_set_state(object.get(), NUD_PROBE);
-    rtnl_neigh_add(requests_, object.get(), NLM_F_REPLACE);
+    rtnl_neigh_add(socket_, object.get(), NLM_F_REPLACE);
 }
 
 } // namespace keel

@@ -4,22 +4,23 @@
 #ifndef HOST_LINUX_NETLINK_H
 #define HOST_LINUX_NETLINK_H
 
-#include <functional>
-#include <map>
-#include <memory>
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
-#include "host/base/uv_loop.h"
-
 struct nl_sock;
+struct nlmsghdr;
 
 namespace keel {
 
 struct KernelLink {
     int index = 0;
     std::string name;
-    bool up = false; /* administratively up and with carrier */
+    bool enabled = false; /* administratively up */
+    bool up = false;      /* the same, and with carrier */
+    bool operator==(const KernelLink &) const = default;
 };
 
 struct KernelAddress {
@@ -30,40 +31,63 @@ struct KernelAddress {
     bool operator==(const KernelAddress &) const = default;
 };
 
-struct KernelRoute { /* of our own protocol number alone */
+struct KernelRoute { /* of the main table */
     int link = 0;
     std::string destination; /* dotted */
     int prefix = 0;
-    std::string gateway; /* dotted */
+    std::string gateway; /* dotted; "0.0.0.0" for none: on the link itself */
     bool operator==(const KernelRoute &) const = default;
 };
 
 struct KernelNeighbour {
-    int link = 0;        /* the bridge's port for a forwarding entry */
-    std::string mac;     /* upper case */
-    std::string address; /* dotted; empty for a forwarding entry */
+    int link = 0;
+    std::string address; /* dotted */
+    std::string mac;     /* upper case; "" while it is not known, or not any more */
     bool valid = false;  /* reachable, or not known to be gone */
+    bool fixed = false;  /* by an administrator: needs no asking */
+    bool operator==(const KernelNeighbour &) const = default;
 };
+
+/* Behind which port a bridge has seen a device. */
+struct KernelForwarding {
+    int bridge = 0;
+    int port = 0;
+    std::string mac; /* upper case */
+    int vlan = 0;
+    bool operator==(const KernelForwarding &) const = default;
+};
+
+/* One message of the kernel: what there is, or is not any more. */
+struct KernelMessage {
+    bool gone = false;
+    bool others = false;   /* a route that is not of our own protocol number */
+    bool replaces = false; /* a route that has taken the place of any other to that destination */
+    std::variant<KernelLink, KernelAddress, KernelRoute, KernelNeighbour, KernelForwarding> record;
+};
+
+/* Nothing for a message of anything else. The header must stand before the whole message. */
+std::optional<KernelMessage> read_kernel_message(const nlmsghdr *header);
 
 /* The MAC address of a link, lower case, or "". */
 std::string link_address(const std::string &name);
 
+enum class KernelTable { Links, Addresses, Routes, Neighbours, Forwarding };
+
+/* Questions to the kernel and changes, each carried out before the call returns. */
 class Netlink {
 public:
-    /* Throws std::runtime_error when the kernel cannot be talked to. Changed is called on a later turn after anything
-     * of the below has changed in the kernel; several changes may be one call. */
-    Netlink(UvLoop &loop, std::function<void()> changed);
+    /* Throws std::runtime_error when the kernel cannot be talked to. */
+    Netlink();
     Netlink(const Netlink &) = delete;
     Netlink &operator=(const Netlink &) = delete;
     ~Netlink();
 
-    std::vector<KernelLink> links();
-    std::vector<KernelAddress> addresses();
-    std::vector<KernelRoute> routes();
-    std::vector<KernelNeighbour> neighbours();
-    std::vector<KernelNeighbour> bridge_forwarding();
+    /* A whole table; of the routes, those of our own protocol number. Nothing and *error when the kernel does not give
+     * it, also when it changes too fast to be read. */
+    std::optional<std::vector<KernelMessage>> dump(KernelTable table, std::string *error);
 
-    /* Changes. Empty when done, else the kernel's reason. What is there already, or gone already, counts as done. */
+    /* Changes. Empty when done, else the kernel's reason. What is there already, or gone already, counts as done, but a
+     * route that is there already does not. */
     std::string add_address(const KernelLink &link, const std::string &address, int prefix);
     std::string delete_address(const KernelAddress &address);
     std::string add_route(const KernelRoute &route);
@@ -72,12 +96,9 @@ public:
     void probe(const KernelNeighbour &neighbour);
 
 private:
-    struct Poll; /* lives until libuv has closed it */
+    bool connect();
 
-    nl_sock *requests_ = nullptr;
-    nl_sock *events_ = nullptr;
-    std::function<void()> changed_;
-    Poll *poll_ = nullptr;
+    nl_sock *socket_ = nullptr;
 };
 
 } // namespace keel

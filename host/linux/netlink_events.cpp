@@ -1,0 +1,152 @@
+#include "host/linux/netlink_events.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "host/base/trace.h"
+
+namespace keel {
+
+namespace {
+
+constexpr std::uint64_t first_pause_ms = 1000;
+constexpr std::uint64_t longest_pause_ms = 60000;
+constexpr int messages_a_turn = 1000; /* a storm must not hold the loop */
+constexpr int messages_at_most = 100000;
+
+} // namespace
+
+struct NetlinkEvents::Poll {
+    uv_poll_t handle;
+    NetlinkEvents *owner;
+};
+
+NetlinkEvents::NetlinkEvents(UvLoop &loop, int buffer_bytes, Receiver receiver)
+    : loop_(loop), buffer_bytes_(buffer_bytes), receiver_(std::move(receiver)) {
+    if (!open()) {
+        const std::string reason = std::strerror(errno);
+        close();
+        throw std::runtime_error("the kernel's events cannot be had: " + reason);
+    }
+}
+
+NetlinkEvents::~NetlinkEvents() {
+    loop_.cancel_timer(reopening_);
+    close();
+}
+
+bool NetlinkEvents::open() {
+    socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    if (socket_ < 0 || bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0)
+        return false;
+    /* the second is bounded by net.core.rmem_max, the first needs the right to it */
+    if (setsockopt(socket_, SOL_SOCKET, SO_RCVBUFFORCE, &buffer_bytes_, sizeof buffer_bytes_) < 0)
+        setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &buffer_bytes_, sizeof buffer_bytes_);
+    for (const int group : {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH})
+        if (setsockopt(socket_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
+            return false;
+    auto made = std::make_unique<Poll>(Poll{{}, this});
+    if (uv_poll_init(loop_.handle(), &made->handle, socket_) != 0)
+        return false;
+    poll_ = made.release();
+    poll_->handle.data = poll_;
+    poll();
+    return true;
+}
+
+void NetlinkEvents::close() {
+    if (poll_) {
+        uv_poll_stop(&poll_->handle);
+        uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
+                 [](uv_handle_t *handle) { delete static_cast<Poll *>(handle->data); });
+        poll_ = nullptr;
+    }
+    if (socket_ >= 0)
+        ::close(socket_);
+    socket_ = -1;
+}
+
+void NetlinkEvents::poll() {
+    uv_poll_start(&poll_->handle, UV_READABLE, [](uv_poll_t *handle, int status, int) {
+        NetlinkEvents *self = static_cast<Poll *>(handle->data)->owner;
+        self->read();
+        if (status < 0 && self->poll_) /* an overrun too counts as an error, after which libuv polls no more */
+            self->poll();
+    });
+}
+
+void NetlinkEvents::read() {
+    bool overrun = false;
+    for (int count = 0; count < (overrun ? messages_at_most : messages_a_turn) && socket_ >= 0; ++count) {
+        int error = 0;
+        const Outcome outcome = receive(&error);
+        if (outcome == Outcome::Failed)
+            return fail(error);
+        if (outcome == Outcome::Empty)
+            break;
+        /* From here on to the end of what it holds the kernel adds nothing; only then a look at the tables counts. */
+        overrun = overrun || outcome == Outcome::Overrun;
+    }
+    if (overrun)
+        receiver_.lost();
+}
+
+NetlinkEvents::Outcome NetlinkEvents::receive(int *error) {
+    alignas(nlmsghdr) std::array<std::uint8_t, 65536> buffer;
+    sockaddr_nl sender{};
+    iovec part{buffer.data(), buffer.size()};
+    msghdr envelope{};
+    envelope.msg_name = &sender;
+    envelope.msg_namelen = sizeof sender;
+    envelope.msg_iov = &part;
+    envelope.msg_iovlen = 1;
+    const ssize_t size = recvmsg(socket_, &envelope, 0);
+    if (size < 0) {
+        *error = errno;
+        if (errno == ENOBUFS)
+            return Outcome::Overrun;
+        return errno == EAGAIN ? Outcome::Empty : errno == EINTR ? Outcome::Message : Outcome::Failed;
+    }
+    if (sender.nl_pid != 0) /* only the kernel is to be believed */
+        return Outcome::Message;
+    auto rest = static_cast<unsigned>(size);
+    for (const auto *header = reinterpret_cast<const nlmsghdr *>(buffer.data()); NLMSG_OK(header, rest);
+         header = NLMSG_NEXT(header, rest))
+        if (const auto message = read_kernel_message(header))
+            receiver_.message(*message);
+    return envelope.msg_flags & MSG_TRUNC ? Outcome::Overrun : Outcome::Message;
+}
+
+void NetlinkEvents::fail(int error) {
+    trace(Level::Warning, "kernel", "the kernel's events are lost (%s): the socket is opened anew",
+          std::strerror(error));
+    close();
+    pause_ms_ = first_pause_ms;
+    reopening_ = loop_.start_timer(pause_ms_, [this] { try_again(); });
+}
+
+void NetlinkEvents::try_again() {
+    if (!open()) {
+        close();
+        pause_ms_ = std::min(2 * pause_ms_, longest_pause_ms);
+        reopening_ = loop_.start_timer(pause_ms_, [this] { try_again(); });
+        return;
+    }
+    reopening_ = 0;
+    trace(Level::Info, "kernel", "the kernel's events are there again");
+    receiver_.lost();
+}
+
+} // namespace keel
