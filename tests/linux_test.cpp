@@ -25,7 +25,7 @@ namespace keel {
 TEST_F(LinuxTest, LinksAndForeignAddressesShowInTheModel) {
     KernelTables tables(loop);
     Kernel kernel(loop, *graph, tables);
-    EXPECT_TRUE(up());
+    EXPECT_TRUE(soon([&] { return up(); }));
     shell("ip link set peer down");
     EXPECT_TRUE(soon([&] { return !up(); })) << "no carrier is down";
     shell("ip link set peer up; ip addr add 10.9.0.1/24 dev eth1.20");
