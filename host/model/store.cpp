@@ -152,33 +152,42 @@ void Store::restore() {
 }
 
 void Store::restore_node(const std::string &parent, const std::string &name, bool instance) {
-    const std::string path = parent.empty() ? name : parent + "." + name;
+    const std::string path = join_path(parent, name);
     const Node *node = model_.find(path);
-    if (!node && instance) {
-        if (const Outcome refusal = model_.add(parent, name, {}))
-            trace(Level::Warning, "store", "%s is stored but has no place: %s", path.c_str(), refusal->reason.c_str());
-        node = model_.find(path);
-    }
-    if (!node || !node->persistent) {
+    const Node *above = model_.find(parent);
+    const bool missing = !node && instance && above && above->multi;
+    const Shape *shape = node ? node->shape : missing ? above->shape->instance : nullptr;
+    if (!shape || !(node ? node->persistent : above->persistent || shape->persistent)) {
         trace(Level::Warning, "store", "%s is stored but not part of the model's persistent objects", path.c_str());
         return;
     }
-    Statement stored(database_, "SELECT name, value FROM value WHERE path = ?");
-    stored.bind(path);
-    while (stored.row()) {
-        const std::string parameter_name = stored.text(0);
-        const Parameter *parameter = node->parameter(parameter_name);
-        const auto value = parameter ? parse_value(parameter->type(), stored.text(1)) : std::nullopt;
-        if (!value)
-            trace(Level::Warning, "store", "%s: the stored value of %s does not fit the model", path.c_str(),
-                  parameter_name.c_str());
-        else
-            model_.set(path, {{parameter_name, *value}});
+    const Values values = stored_values(path, *shape);
+    const Outcome refusal = missing ? model_.add(parent, name, values) : model_.set(path, values);
+    if (refusal) {
+        trace(Level::Warning, "store", "%s is stored but has no place: %s", path.c_str(), refusal->reason.c_str());
+        return;
     }
+    model_.dispatch_now(); /* nobody follows the model yet, and events in their thousands need not wait for somebody */
     Statement children(database_, "SELECT name, instance FROM node WHERE parent = ? ORDER BY position");
     children.bind(path);
     while (children.row())
         restore_node(path, children.text(0), children.boolean(1));
+}
+
+Values Store::stored_values(const std::string &path, const Shape &shape) {
+    Values values;
+    Statement stored(database_, "SELECT name, value FROM value WHERE path = ?");
+    stored.bind(path);
+    while (stored.row()) {
+        const std::string name = stored.text(0);
+        const ParameterShape *parameter = shape.parameter(name);
+        if (const auto value = parameter ? parse_value(parameter->type, stored.text(1)) : std::nullopt)
+            values[name] = *value;
+        else
+            trace(Level::Warning, "store", "%s: the stored value of %s does not fit the model", path.c_str(),
+                  name.c_str());
+    }
+    return values;
 }
 
 /* -------------------------------------------------------------------------------------------------- writing */

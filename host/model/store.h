@@ -47,6 +47,7 @@ private:
     void move_aside();
     void restore();
     void restore_node(const std::string &parent, const std::string &name, bool instance);
+    Values stored_values(const std::string &path, const Shape &shape);
     void on_event(const Event &event);
     void write_dirty();
     bool write_node(const Node &node, std::int64_t position);
