@@ -6,6 +6,7 @@
 #include <tins/udp.h>
 
 #include <algorithm>
+#include <memory>
 #include <random>
 
 #include "host/dhcp/frame.h"
@@ -34,13 +35,18 @@ Bytes discover(const Bytes &options) {
     return message;
 }
 
-/* Why a message is dropped; "" for one that is taken. The copy has no room behind its end, so that the sanitizer sees
- * each byte that is read there. */
+/* Without room behind its end, so that the sanitizer sees each byte that is read there. */
+std::unique_ptr<std::uint8_t[]> bare(const Bytes &bytes) {
+    auto copy = std::make_unique<std::uint8_t[]>(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), copy.get());
+    return copy;
+}
+
+/* Why a message is dropped; "" for one that is taken. */
 std::string refusal(const Bytes &message, DhcpMessage *parsed = nullptr) {
-    const Bytes copy(message);
     DhcpMessage mine;
     std::string error;
-    if (parse_dhcp(copy.data(), copy.size(), parsed ? parsed : &mine, &error))
+    if (parse_dhcp(bare(message).get(), message.size(), parsed ? parsed : &mine, &error))
         return "";
     return error.empty() ? "no reason" : error;
 }
@@ -51,8 +57,7 @@ Bytes data_of(const Tins::DHCP &packet, int number) {
 }
 
 bool taken(const Bytes &packet, std::uint16_t port = 67) {
-    const Bytes copy(packet);
-    return parse_udp_packet(copy.data(), copy.size(), port).has_value();
+    return parse_udp_packet(bare(packet).get(), packet.size(), port).has_value();
 }
 
 /* A request in a packet, as a client broadcasts it. */
