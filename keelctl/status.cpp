@@ -196,6 +196,7 @@ Json gather_status(Client &client) {
     const std::string device = iptv_device(interfaces);
 
     Json status{
+        {"store_error", text(client.tree("KeelHost"), "StoreError")},
         {"enabled", flag(service, "Enable")},
         {"mode", text(service, "Mode")},
         {"interface", text(service, "Interface")},
@@ -249,6 +250,10 @@ std::string print_status(const Json &status, bool colours) {
     out << shade("IPTV", "1") << "  " << (status["enabled"] == true ? "enabled" : "disabled") << ", "
         << status["mode"].get<std::string>() << " over the " << status["interface"].get<std::string>()
         << " interface\n";
+    if (!status["store_error"].get<std::string>().empty())
+        out << "  " << shade("store", "31")
+            << "    nothing is stored, the service runs from memory: " << status["store_error"].get<std::string>()
+            << "\n";
     out << "  device   " << or_none(status["device"]) << "\n";
     out << "  servers  NTP " << or_none(status["ntp"]) << ", WWW " << or_none(status["www"]) << "\n";
     for (const char *name : {"routed", "wanmode", "l2fw", "tide", "igdmap", "firewall"})

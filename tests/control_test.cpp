@@ -49,7 +49,7 @@ protected:
             UvLoop loop;
             Model model(loop);
             model.load_file(SOURCE_DIR "/share/gateway.json");
-            Control control(loop, model, path, [] {});
+            Control control(loop, model, path, [] { return std::string(); });
             trace(Level::Warning, "test", "a trace line");
             uv_signal_t end;
             uv_signal_init(loop.handle(), &end);
@@ -194,7 +194,7 @@ TEST_F(ControlTest, OneHostASocket) {
     UvLoop loop;
     Model model(loop);
     model.load_file(SOURCE_DIR "/share/gateway.json");
-    EXPECT_THROW(Control(loop, model, path, [] {}), std::runtime_error);
+    EXPECT_THROW(Control(loop, model, path, [] { return std::string(); }), std::runtime_error);
     EXPECT_EQ(type("get Keel IPTVMode"), "Dedicated\n[0]");
     const std::string missing = path;
     path += ".none";

@@ -150,7 +150,7 @@ struct Control::Client {
     }
 };
 
-Control::Control(UvLoop &loop, Model &model, std::string socket_path, std::function<void()> make_safe)
+Control::Control(UvLoop &loop, Model &model, std::string socket_path, std::function<std::string()> make_safe)
     : loop_(loop), model_(model), path_(std::move(socket_path)), make_safe_(std::move(make_safe)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -288,7 +288,8 @@ void Control::take(Client &client, const std::string &line) {
             throw std::invalid_argument("no operation \"" + op + "\"");
         }
         if (op != "get" && !refusal)
-            make_safe_();
+            if (const std::string error = make_safe_(); !error.empty())
+                refusal = Refusal{path, "done, but not stored, and lost at a restart until it is: " + error};
         client.send(refusal ? refusal_line(refusal->path, refusal->reason) : line_of(answer));
     } catch (const Json::exception &) {
         client.send(refusal_line(path, "not understood: malformed JSON or a member of the wrong type"));

@@ -27,9 +27,9 @@ namespace keel {
 class Control {
 public:
     /* Listens on a Unix socket with mode 0600. The socket of a host that is gone is replaced. make_safe is called after
-     * each write and before its answer. Throws std::runtime_error when the socket cannot be had, in particular when a
-     * living host listens on it. */
-    Control(UvLoop &loop, Model &model, std::string socket_path, std::function<void()> make_safe);
+     * each write and before its answer; when it says why the write is not safe, the answer does so, too. Throws
+     * std::runtime_error when the socket cannot be had, in particular when a living host listens on it. */
+    Control(UvLoop &loop, Model &model, std::string socket_path, std::function<std::string()> make_safe);
     Control(const Control &) = delete;
     Control &operator=(const Control &) = delete;
     ~Control();
@@ -45,7 +45,7 @@ private:
     UvLoop &loop_;
     Model &model_;
     std::string path_;
-    std::function<void()> make_safe_;
+    std::function<std::string()> make_safe_;
     Listener *listener_ = nullptr;
     std::set<Client *> clients_;
 };

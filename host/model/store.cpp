@@ -1,11 +1,7 @@
 #include "host/model/store.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <stdexcept>
 #include <utility>
 
 #include "host/base/trace.h"
@@ -14,8 +10,10 @@ namespace keel {
 
 namespace {
 
-constexpr std::uint64_t retry_ms = 5000; /* after a write that failed */
-constexpr int max_rounds = 8;            /* of changes that follow from changes */
+constexpr std::uint64_t first_retry_ms = 1000; /* after a failure; it doubles */
+constexpr std::uint64_t longest_retry_ms = 60000;
+constexpr int max_rounds = 8; /* of changes that follow from changes */
+constexpr const char *host_path = "KeelHost";
 
 /* position keeps the order of the instances; a node's row goes with the rows of its values. The reading statements find
  * out whether the tables are ours. */
@@ -28,93 +26,41 @@ constexpr const char *schema =
     "SELECT path, name, value FROM value LIMIT 0;"
     "CREATE INDEX IF NOT EXISTS node_parent ON node (parent);";
 
-/* A statement that reads. */
-class Statement {
-public:
-    Statement(sqlite3 *database, const char *sql) { sqlite3_prepare_v2(database, sql, -1, &statement_, nullptr); }
-    Statement(const Statement &) = delete;
-    Statement &operator=(const Statement &) = delete;
-    ~Statement() { sqlite3_finalize(statement_); }
-
-    Statement &bind(const std::string &text) {
-        sqlite3_bind_text(statement_, ++bound_, text.c_str(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-        return *this;
-    }
-    bool row() { return statement_ && sqlite3_step(statement_) == SQLITE_ROW; }
-    std::string text(int column) const {
-        const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement_, column));
-        return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))) : "";
-    }
-    std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
-    bool boolean(int column) const { return sqlite3_column_int(statement_, column) != 0; }
-
-private:
-    sqlite3_stmt *statement_ = nullptr;
-    int bound_ = 0;
-};
-
 } // namespace
 
 Store::Store(Loop &loop, Model &model, const std::string &file)
     : loop_(loop), model_(model), file_(file), alive_(std::make_shared<bool>(true)) {
-    Opened opened = open_database();
-    if (opened == Opened::Damaged) {
-        close_database();
-        move_aside();
-        opened = open_database();
-    }
-    if (opened != Opened::Yes) {
-        const std::string reason = database_ ? sqlite3_errmsg(database_) : "out of memory";
-        close_database();
-        throw std::runtime_error(file + ": cannot be used as the store: " + reason);
-    }
-    restore();
-    restored_ = model_.latest_event();
+    start_ = model_.latest_event();
     watch_ = model_.watch("", [this](const Event &event) { on_event(event); });
+    if (!begin())
+        try_again();
 }
 
 Store::~Store() {
     flush();
     *alive_ = false;
+    loop_.cancel_timer(retry_);
     model_.unwatch(watch_);
-    close_database();
 }
 
-Store::Opened Store::open_database() {
-    if (sqlite3_open(file_.c_str(), &database_) != SQLITE_OK)
-        return failure();
-    sqlite3_busy_timeout(database_, 2000);
-    if (!execute("PRAGMA journal_mode=WAL") || !execute("PRAGMA synchronous=NORMAL"))
-        return failure();
-    {
-        Statement check(database_, "PRAGMA quick_check");
-        if (!check.row())
-            return failure();
-        if (check.text(0) != "ok")
-            return Opened::Damaged;
+/* Opens the file and takes over what it holds. */
+bool Store::begin() {
+    Database::Opened opened = database_.open(file_, schema);
+    if (opened == Database::Opened::Damaged && move_aside())
+        opened = database_.open(file_, schema);
+    if (opened != Database::Opened::Yes) {
+        set_error(database_.error());
+        return false;
     }
-    return execute(schema) ? Opened::Yes : failure();
+    restore();
+    return true;
 }
 
-/* A file that is in use, or a disk that is full, is no reason to put the stored things away. */
-Store::Opened Store::failure() const {
-    const int code = sqlite3_errcode(database_);
-    const bool other_tables = code == SQLITE_ERROR;
-    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB || other_tables ? Opened::Damaged : Opened::No;
-}
-
-void Store::close_database() {
-    for (const auto &[sql, statement] : prepared_)
-        sqlite3_finalize(statement);
-    prepared_.clear();
-    sqlite3_close(database_);
-    database_ = nullptr;
-}
-
-void Store::move_aside() {
+/* False when there is nothing that can be moved. */
+bool Store::move_aside() {
     std::error_code error;
     if (!std::filesystem::is_regular_file(file_, error))
-        return;
+        return false;
     std::string target;
     for (int number = 1; target.empty() || std::filesystem::exists(target, error); ++number)
         target = file_ + ".damaged-" + std::to_string(number);
@@ -122,37 +68,62 @@ void Store::move_aside() {
         if (!std::filesystem::exists(file_ + suffix, error))
             continue;
         std::filesystem::rename(file_ + suffix, target + suffix, error);
-        if (error)
-            throw std::runtime_error(file_ + suffix + ": cannot be moved aside: " + error.message());
+        if (error) {
+            trace(Level::Error, "store", "%s%s is damaged and cannot be moved aside: %s", file_.c_str(), suffix,
+                  error.message().c_str());
+            return false;
+        }
     }
     trace(Level::Error, "store", "%s is damaged or no store; it was moved to %s and a new one begun", file_.c_str(),
           target.c_str());
+    return true;
 }
 
-bool Store::execute(const char *sql) {
-    char *message = nullptr;
-    if (sqlite3_exec(database_, sql, nullptr, nullptr, &message) == SQLITE_OK)
-        return true;
-    trace(Level::Error, "store", "%s: %s", file_.c_str(), message ? message : "unknown error");
-    sqlite3_free(message);
-    return false;
+/* ------------------------------------------------------------------------------------------------ its failures */
+
+void Store::set_error(const std::string &error) {
+    if (error.empty() == error_.empty())
+        return;
+    error_ = error;
+    if (error.empty())
+        trace(Level::Info, "store", "%s can be used again; what was in memory alone is written", file_.c_str());
+    else
+        trace(Level::Error, "store", "%s cannot be used: %s; the service runs from memory, it is tried again",
+              file_.c_str(), error.c_str());
+    if (model_.find(host_path))
+        model_.set(host_path, {{"StoreError", error.empty() ? "" : file_ + ": " + error}});
+}
+
+void Store::try_again() {
+    loop_.cancel_timer(retry_);
+    retry_ms_ = std::clamp(2 * retry_ms_, first_retry_ms, longest_retry_ms);
+    write_posted_ = true;
+    retry_ = loop_.start_timer(retry_ms_, [this, alive = alive_] {
+        if (*alive)
+            write_dirty();
+    });
 }
 
 /* -------------------------------------------------------------------------------------------------- reading */
 
 void Store::restore() {
-    Statement tops(database_,
-                   "SELECT parent, name, instance FROM node WHERE parent NOT IN (SELECT path FROM node) ORDER "
-                   "BY position");
-    while (tops.row())
-        restore_node(tops.text(0), tops.text(1), tops.boolean(2));
-    Statement highest(database_, "SELECT MAX(position) FROM node");
-    if (highest.row())
-        highest_position_ = highest.integer(0);
+    model_.dispatch_now(); /* what is newer here is known then */
+    /* The root has no row of its own; one with an empty path would hide all others. */
+    const auto tops = database_.select("SELECT parent, name, instance FROM node WHERE path <> '' AND (parent = '' OR "
+                                       "parent NOT IN (SELECT path FROM node)) ORDER BY position");
+    if (tops)
+        for (const Database::Row &row : *tops)
+            restore_node(row[0], row[1], row[2] == "1");
+    const auto highest = database_.select("SELECT MAX(position) FROM node");
+    if (highest && !highest->empty())
+        highest_position_ = std::strtoll(highest->front().front().c_str(), nullptr, 10);
 }
 
 void Store::restore_node(const std::string &parent, const std::string &name, bool instance) {
     const std::string path = join_path(parent, name);
+    const auto newer = dirty_.find(path);
+    if (newer != dirty_.end() && (newer->second.deleted || newer->second.position))
+        return;
     const Node *node = model_.find(path);
     const Node *above = model_.find(parent);
     const bool missing = !node && instance && above && above->multi;
@@ -161,39 +132,44 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
         trace(Level::Warning, "store", "%s is stored but not part of the model's persistent objects", path.c_str());
         return;
     }
-    const Values values = stored_values(path, *shape);
+    Values values = stored_values(path, *shape);
+    if (newer != dirty_.end())
+        std::erase_if(values, [&](const auto &value) { return newer->second.changed.contains(value.first); });
+    const std::uint64_t before = model_.latest_event();
     const Outcome refusal = missing ? model_.add(parent, name, values) : model_.set(path, values);
+    if (model_.latest_event() != before)
+        own_events_.insert(model_.latest_event());
     if (refusal) {
         trace(Level::Warning, "store", "%s is stored but has no place: %s", path.c_str(), refusal->reason.c_str());
         return;
     }
-    model_.dispatch_now(); /* nobody follows the model yet, and events in their thousands need not wait for somebody */
-    Statement children(database_, "SELECT name, instance FROM node WHERE parent = ? ORDER BY position");
-    children.bind(path);
-    while (children.row())
-        restore_node(path, children.text(0), children.boolean(1));
+    model_.dispatch_now(); /* at the start nobody follows the model yet: events in their thousands need not wait */
+    const auto children =
+        database_.select("SELECT name, instance FROM node WHERE parent = ? AND path <> '' ORDER BY position", {path});
+    if (children)
+        for (const Database::Row &row : *children)
+            restore_node(path, row[0], row[1] == "1");
 }
 
 Values Store::stored_values(const std::string &path, const Shape &shape) {
     Values values;
-    Statement stored(database_, "SELECT name, value FROM value WHERE path = ?");
-    stored.bind(path);
-    while (stored.row()) {
-        const std::string name = stored.text(0);
-        const ParameterShape *parameter = shape.parameter(name);
-        if (const auto value = parameter ? parse_value(parameter->type, stored.text(1)) : std::nullopt)
-            values[name] = *value;
-        else
-            trace(Level::Warning, "store", "%s: the stored value of %s does not fit the model", path.c_str(),
-                  name.c_str());
-    }
+    const auto stored = database_.select("SELECT name, value FROM value WHERE path = ?", {path});
+    if (stored)
+        for (const Database::Row &row : *stored) {
+            const ParameterShape *parameter = shape.parameter(row[0]);
+            if (const auto value = parameter ? parse_value(parameter->type, row[1]) : std::nullopt)
+                values[row[0]] = *value;
+            else
+                trace(Level::Warning, "store", "%s: the stored value of %s does not fit the model", path.c_str(),
+                      row[0].c_str());
+        }
     return values;
 }
 
 /* -------------------------------------------------------------------------------------------------- writing */
 
 void Store::on_event(const Event &event) {
-    if (event.kind == Event::Kind::Custom || event.number <= restored_)
+    if (event.kind == Event::Kind::Custom || event.number <= start_ || own_events_.erase(event.number) != 0)
         return;
     const std::string path = event.path();
     const Node *node = model_.find(path);
@@ -204,6 +180,9 @@ void Store::on_event(const Event &event) {
         dirty.deleted = true;
     else if (event.kind == Event::Kind::Added)
         dirty.position = highest_position_ + static_cast<std::int64_t>(event.number);
+    else if (!database_.is_open())
+        for (const auto &[name, value] : event.values)
+            dirty.changed.insert(name);
     if (write_posted_)
         return;
     write_posted_ = true;
@@ -213,103 +192,82 @@ void Store::on_event(const Event &event) {
     });
 }
 
-void Store::flush() {
+std::string Store::flush() {
     std::uint64_t told = 0;
     for (int round = 0; round < max_rounds && told != model_.latest_event(); ++round) {
         told = model_.latest_event();
         model_.dispatch_now();
     }
     write_dirty();
+    return error_;
 }
 
 void Store::write_dirty() {
     write_posted_ = false;
     loop_.cancel_timer(retry_);
-    if (dirty_.empty())
+    if (!database_.is_open() && !begin()) {
+        try_again();
         return;
-    const auto paths = std::exchange(dirty_, {});
-    bool done = execute("BEGIN");
-    for (const auto &[path, dirty] : paths) { /* in the order of paths: what is above comes first */
+    }
+    if (!dirty_.empty()) {
+        const auto changes = std::exchange(dirty_, {});
+        if (!write_all(changes)) { /* a full disk, say: nothing is given up, it is tried again */
+            set_error(database_.error());
+            if (database_.in_transaction())
+                database_.run("ROLLBACK");
+            dirty_.insert(changes.begin(), changes.end());
+            try_again();
+            return;
+        }
+    }
+    retry_ms_ = 0;
+    set_error("");
+}
+
+bool Store::write_all(const std::map<std::string, Dirty> &changes) {
+    bool done = database_.run("BEGIN");
+    for (const auto &[path, dirty] : changes) { /* in the order of paths: what is above comes first */
         if (dirty.deleted)
             done = done && delete_rows(path);
         const Node *node = model_.find(path);
         if (node && node->path() == path && node->persistent)
             done = done && write_node(*node, dirty.position);
     }
-    if (done && execute("COMMIT"))
-        return;
-    /* A full disk, say: nothing is given up, it is tried again. */
-    trace(Level::Error, "store", "%s: %s; the changes are kept and written later", file_.c_str(),
-          sqlite3_errmsg(database_));
-    if (!sqlite3_get_autocommit(database_))
-        execute("ROLLBACK");
-    dirty_.insert(paths.begin(), paths.end());
-    write_posted_ = true;
-    retry_ = loop_.start_timer(retry_ms, [this, alive = alive_] {
-        if (*alive)
-            write_dirty();
-    });
+    return done && database_.run("COMMIT");
 }
 
 /* A row that is there keeps its position, and values that this model does not know. */
 bool Store::write_node(const Node &node, std::int64_t position) {
+    if (!node.parent) /* the root is not stored */
+        return true;
     if (!write_missing_parents(node))
         return false;
     const std::string path = node.path();
-    bool done = run("INSERT INTO node VALUES (?, ?, ?, ?, ?) ON CONFLICT (path) DO NOTHING",
-                    {path, node.parent->path(), node.name, std::int64_t{node.instance}, position});
+    bool done = database_.run("INSERT INTO node VALUES (?, ?, ?, ?, ?) ON CONFLICT (path) DO NOTHING",
+                              {path, node.parent->path(), node.name, node.instance, position});
     for (const Parameter &parameter : node.parameters)
         if (parameter.present)
-            done = done && run("INSERT OR REPLACE INTO value VALUES (?, ?, ?)",
-                               {path, parameter.name(), to_text(parameter.value)});
+            done = done && database_.run("INSERT OR REPLACE INTO value VALUES (?, ?, ?)",
+                                         {path, parameter.name(), to_text(parameter.value)});
     return done;
 }
 
 /* A row is found from the rows above it. */
 bool Store::write_missing_parents(const Node &node) {
     const Node *parent = node.parent;
-    if (!parent || !parent->persistent)
+    if (!parent->parent || !parent->persistent)
         return true;
-    sqlite3_stmt *look = prepared("SELECT 1 FROM node WHERE path = ?", {parent->path()});
-    const bool known = look && sqlite3_step(look) == SQLITE_ROW;
-    sqlite3_reset(look);
-    return known || write_node(*parent, 0);
+    const auto known = database_.select("SELECT 1 FROM node WHERE path = ?", {parent->path()});
+    return known && (!known->empty() || write_node(*parent, 0));
 }
 
 /* Of an object and of all below it. A path's text is not enough to tell what that is: "eth1.20" may stand beside
- * "eth1". */
+ * "eth1". Its own row goes before those below, so that rows that form a ring come to an end, too. */
 bool Store::delete_rows(const std::string &path) {
-    std::vector<std::string> below;
-    sqlite3_stmt *children = prepared("SELECT path FROM node WHERE parent = ?", {path});
-    while (children && sqlite3_step(children) == SQLITE_ROW)
-        below.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(children, 0)));
-    sqlite3_reset(children);
-    return children && run("DELETE FROM value WHERE path = ?", {path}) &&
-           run("DELETE FROM node WHERE path = ?", {path}) && /* before those below: rows of a ring end, too */
-           std::all_of(below.begin(), below.end(), [this](const auto &one) { return delete_rows(one); });
-}
-
-/* Statements are prepared once. Null when it cannot be; else it is to be reset after its use. */
-sqlite3_stmt *Store::prepared(const char *sql, const std::vector<Value> &values) {
-    sqlite3_stmt *&statement = prepared_[sql];
-    if (!statement && sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr) != SQLITE_OK)
-        return nullptr;
-    int place = 0;
-    for (const Value &value : values) {
-        ++place;
-        if (const auto *text = std::get_if<std::string>(&value))
-            sqlite3_bind_text(statement, place, text->data(), static_cast<int>(text->size()), SQLITE_TRANSIENT);
-        else
-            sqlite3_bind_int64(statement, place, std::get<std::int64_t>(value));
-    }
-    return statement;
-}
-
-bool Store::run(const char *sql, const std::vector<Value> &values) {
-    sqlite3_stmt *statement = prepared(sql, values);
-    const bool done = statement && sqlite3_step(statement) == SQLITE_DONE;
-    sqlite3_reset(statement);
-    return done;
+    const auto below = database_.select("SELECT path FROM node WHERE parent = ?", {path});
+    return below && database_.run("DELETE FROM value WHERE path = ?", {path}) &&
+           database_.run("DELETE FROM node WHERE path = ?", {path}) &&
+           std::all_of(below->begin(), below->end(), [this](const Database::Row &row) { return delete_rows(row[0]); });
 }
 
 } // namespace keel

@@ -1,0 +1,173 @@
+/*
+ * The store when its file cannot be used, and what it does to the files of a machine.
+ */
+#include "host/model/store.h"
+
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <utility>
+
+#include "host/base/trace.h"
+#include "host/model/model.h"
+#include "host/sim/sim_loop.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *tree = R"({"objects": {
+    "KeelHost": {"parameters": {"StoreError": ["text", ""]}},
+    "Kept": {"persistent": true,
+             "parameters": {"Mode": ["text", "default"], "Status": ["text", "default"]},
+             "objects": {"Item": {"instance": {"parameters": {"N": ["uint32", 0]}}}}}}})";
+
+class StoreTest : public testing::Test {
+protected:
+    StoreTest() {
+        TraceLog::instance().set_print(false);
+        TraceLog::instance().clear();
+        std::filesystem::create_directory(folder);
+        model.load_text(tree, "test");
+    }
+    ~StoreTest() override {
+        sqlite3_close(other);
+        std::filesystem::remove_all(folder);
+    }
+
+    /* Somebody else's connection. */
+    void sql(const std::string &text) {
+        if (!other) {
+            ASSERT_EQ(sqlite3_open(file.c_str(), &other), SQLITE_OK);
+        }
+        char *reason = nullptr;
+        EXPECT_EQ(sqlite3_exec(other, text.c_str(), nullptr, nullptr, &reason), SQLITE_OK) << text << ": " << reason;
+    }
+    static std::size_t traced(const std::string &part) {
+        const auto &lines = TraceLog::instance().recent();
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const TraceLine &line) {
+            return line.text.find(part) != std::string::npos;
+        }));
+    }
+    std::string error() { return model.text("KeelHost", "StoreError"); }
+    static mode_t mode_of(const std::filesystem::path &path) {
+        struct stat found {};
+        EXPECT_EQ(lstat(path.c_str(), &found), 0) << path;
+        return found.st_mode & 0777;
+    }
+    /* What a later host would find. */
+    std::string stored(const char *parameter) {
+        SimLoop later;
+        Model fresh(later);
+        fresh.load_text(tree, "test");
+        const Store store(later, fresh, file);
+        return fresh.text("Kept", parameter);
+    }
+
+    std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("zephyrin-store-" + std::to_string(getpid()));
+    std::string file = folder / "keel.db";
+    SimLoop loop;
+    Model model{loop};
+    sqlite3 *other = nullptr;
+};
+
+} // namespace
+
+TEST_F(StoreTest, ALockedFileIsTakenUpLaterAndNothingOfItIsLost) {
+    {
+        Store store(loop, model, file);
+        model.set("Kept", {{"Mode", std::string("stored")}, {"Status", std::string("stored")}});
+        model.add("Kept.Item", "a", {{"N", std::int64_t{1}}});
+        model.add("Kept.Item", "b", {{"N", std::int64_t{2}}});
+    }
+    sql("PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE; UPDATE value SET value = '3' WHERE path = 'Kept.Item.b'");
+
+    Model again(loop);
+    again.load_text(tree, "test");
+    Store store(loop, again, file);
+    EXPECT_EQ(again.text("Kept", "Mode"), "default") << "it serves as the model says";
+    again.set("Kept", {{"Status", std::string("newer")}});
+    again.add("Kept.Item", "b", {{"N", std::int64_t{9}}});
+    EXPECT_NE(store.flush(), "") << "who asks is told";
+    EXPECT_NE(again.text("KeelHost", "StoreError").find("locked"), std::string::npos);
+    loop.advance(600000);
+    EXPECT_EQ(traced("cannot be used"), 1U) << "however often it was tried";
+
+    sql("COMMIT");
+    sqlite3_close(std::exchange(other, nullptr));
+    loop.advance(120000);
+    EXPECT_EQ(again.text("KeelHost", "StoreError"), "");
+    EXPECT_EQ(traced("can be used again"), 1U);
+    EXPECT_EQ(again.text("Kept", "Mode"), "stored") << "nobody has written it since";
+    EXPECT_EQ(again.text("Kept", "Status"), "newer");
+    EXPECT_EQ(again.integer("Kept.Item.a", "N"), 1);
+    EXPECT_EQ(again.integer("Kept.Item.b", "N"), 9) << "made anew in the meantime";
+    EXPECT_EQ(store.flush(), "");
+    EXPECT_EQ(stored("Mode"), "stored");
+    EXPECT_EQ(stored("Status"), "newer");
+}
+
+TEST_F(StoreTest, AWriteThatIsNotStoredIsToldAndStoredLater) {
+    Store store(loop, model, file);
+    model.set("Kept", {{"Mode", std::string("one")}});
+    EXPECT_EQ(store.flush(), "");
+    sql("BEGIN IMMEDIATE");
+    model.set("Kept", {{"Mode", std::string("two")}});
+    EXPECT_NE(store.flush(), "");
+    EXPECT_NE(error(), "");
+    sql("COMMIT");
+    EXPECT_EQ(stored("Mode"), "one");
+    loop.advance(5000);
+    EXPECT_EQ(error(), "");
+    EXPECT_EQ(stored("Mode"), "two");
+}
+
+TEST_F(StoreTest, FilesAreTheHostsAloneAndNoLinkIsFollowed) {
+    const auto deep = folder / "lib" / "keel";
+    {
+        Store store(loop, model, deep / "keel.db");
+        model.set("Kept", {{"Mode", std::string("x")}});
+        loop.run_until_idle();
+        EXPECT_EQ(error(), "");
+        EXPECT_EQ(mode_of(deep), 0700U);
+        EXPECT_EQ(mode_of(deep / "keel.db"), 0600U);
+        EXPECT_EQ(mode_of(deep / "keel.db-wal"), 0600U);
+    }
+    std::ofstream(folder / "precious") << "not ours";
+    std::filesystem::create_symlink(folder / "precious", folder / "link.db");
+    Store store(loop, model, folder / "link.db");
+    EXPECT_NE(error(), "");
+    EXPECT_EQ(std::filesystem::file_size(folder / "precious"), 8U);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "link.db"));
+
+    std::filesystem::create_directory_symlink(deep, folder / "way");
+    Model linked(loop);
+    linked.load_text(tree, "test");
+    const Store there(loop, linked, folder / "way" / "keel.db"); /* links on the way are the administrator's */
+    EXPECT_EQ(linked.text("Kept", "Mode"), "x");
+}
+
+TEST_F(StoreTest, APersistentRootAndARowWithoutAPath) {
+    const std::string whole =
+        std::string(R"({"persistent": true, "parameters": {"Top": ["text", "a"]}, )") + std::string(tree).substr(1);
+    Model root(loop);
+    root.load_text(whole, "test");
+    {
+        Store store(loop, root, file);
+        root.set("", {{"Top", std::string("b")}});
+        root.set("Kept", {{"Mode", std::string("kept")}});
+        EXPECT_EQ(store.flush(), "");
+    }
+    sql("INSERT INTO node VALUES ('', '', '', 0, 0)");
+    EXPECT_EQ(stored("Mode"), "kept");
+}
+
+} // namespace keel
