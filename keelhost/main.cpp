@@ -16,6 +16,7 @@
 #include "host/dhcp/lan_server.h"
 #include "host/gateway/graph.h"
 #include "host/gateway/interface_state.h"
+#include "host/gateway/leftovers.h"
 #include "host/gateway/settings.h"
 #include "host/linux/chains.h"
 #include "host/linux/child.h"
@@ -74,7 +75,7 @@ class Host {
 public:
     Host(UvLoop &loop, const Options &options)
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
-          store_(loop_, model_, options.store), settings_(model_),
+          store_(loop_, model_, options.store), cleaned_((drop_leftovers(model_), true)), settings_(model_),
           control_(loop_, model_, options.socket, [this] { return store_.flush(); }), tables_(loop_),
           kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
           firewall_policy_(loop_, graph_),
@@ -93,6 +94,7 @@ private:
     bool loaded_;
     InterfaceGraph graph_;
     Store store_;
+    bool cleaned_;
     Settings settings_;
     Control control_;
     KernelTables tables_;

@@ -284,6 +284,50 @@ TEST_F(Life, StoredIdentitiesServeAgainAfterAPowerCut) {
     EXPECT_EQ(routes().size(), 2U) << "the stored set does not differ, so the routes themselves must come back";
 }
 
+TEST_F(Life, APowerCutBetweenTwoSetsOfRoutesLeavesNobodyWithoutRoutes) {
+    power_on();
+    const std::string client = "dhcp_zep_" + serve(1).id();
+    wan->options[121] = "180a3e000a140001"; /* 10.62.0.0/24 via 10.20.0.1 */
+    wan->renew(client);
+    loop->advance(500); /* the old set is gone, the new one comes a second later */
+    ASSERT_TRUE(routes().empty());
+    power_cut();
+
+    build();
+    wan->options[121] = "180a3e000a140001";
+    load_plugin();
+    serve(1);
+    EXPECT_EQ(routes(), std::vector<std::string>{"10.62.0.0"});
+}
+
+TEST_F(Life, APowerCutOnTheWayToAnotherModeLeavesNothingOfTheRoutedOne) {
+    power_on();
+    serve(1);
+    wan->online = false;
+    serve(2); /* held */
+    model->set("Keel.Zephyrin", {{"Mode", std::string("Bridged")}});
+    EXPECT_EQ(store->flush(), ""); /* the person was told; the plug-in was not yet */
+    power_cut();
+
+    power_on();
+    EXPECT_TRUE(model->instances("Keel.Zephyrin.ClientLease").empty());
+    EXPECT_TRUE(routes().empty());
+    EXPECT_EQ(model->text("Keel.Zephyrin", "NTPServer"), "00000000");
+    EXPECT_NE(serve(2).address(), "") << "nobody holds it";
+}
+
+TEST_F(Life, ABindingOnTheWayToAnotherModeHoldsNobody) {
+    power_on();
+    const std::string client = "Weft.Intf.dhcp_zep_" + serve(1).id();
+    model->set(client, {{"DHCPStatus", std::string("Renewing")}});
+    loop->run_until_idle();
+    model->set("Keel.Zephyrin", {{"Mode", std::string("Bridged")}});
+    model->set(client, {{"DHCPStatus", std::string("Bound")}}); /* handled before the plug-in is told of the mode */
+    loop->run_until_idle();
+    EXPECT_FALSE(model->boolean("DHCPv4.Server.Pool.zep_stb", "LeasesOnHold"));
+    EXPECT_NE(serve(2).address(), "");
+}
+
 TEST_F(Life, RestoredIdentitiesWithoutDevicesGoAfter48Hours) {
     build();
     model->add("Keel.Zephyrin.ClientLease", "0102",

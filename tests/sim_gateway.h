@@ -20,6 +20,7 @@
 #include "host/base/trace.h"
 #include "host/dhcp/lan_server.h"
 #include "host/gateway/interface_state.h"
+#include "host/gateway/leftovers.h"
 #include "host/gateway/settings.h"
 #include "host/model/store.h"
 #include "host/platform/plugin.h"
@@ -147,6 +148,7 @@ protected:
         model->add("Weft.Intf", "eth1.30", {{"Flags", std::string("netdev vlan")}});
         model->set("Weft.Intf.dhcp_iptv", {{"LowerLayers", std::string("eth1.20 eth1.30")}});
         store = std::make_unique<Store>(*loop, *model, store_file_);
+        drop_leftovers(*model);
         settings = std::make_unique<Settings>(*model);
         kernel = std::make_unique<SimKernel>(*graph);
         interface_state = std::make_unique<InterfaceState>(*loop, *graph);

@@ -7,7 +7,6 @@ namespace keel {
 namespace {
 
 constexpr const char *keel_path = "Keel";
-constexpr const char *service_path = "Keel.Zephyrin";
 constexpr std::uint32_t mode_left = 101;
 constexpr std::uint32_t settings_in_force = 102;
 
@@ -17,6 +16,11 @@ void write(Model &model, const char *path, const Values &values) {
 }
 
 } // namespace
+
+bool is_routed(const Model &model) {
+    return model.boolean(service_path, "Enable") && model.text(service_path, "Mode") == "Routed" &&
+           model.text(service_path, "Interface") == "Dedicated";
+}
 
 Settings::Settings(Model &model)
     : model_(model), mode_{keel_path, "IPTVMode", {}}, interface_{service_path, "Interface", {}} {
@@ -29,10 +33,15 @@ Settings::Settings(Model &model)
     follow_holds();
     start_ = model_.latest_event();
     watch_ = model_.watch(keel_path, [this](const Event &event) { on_event(event); });
+    for (const char *pool : iptv_pools)
+        pool_watches_.push_back(
+            model_.watch(pool, [this, pool](const Event &) { hold_was_written(pool); }, {{"LeasesOnHold"}, false}));
 }
 
 Settings::~Settings() {
     model_.unwatch(watch_);
+    for (const Model::WatchId watch : pool_watches_)
+        model_.unwatch(watch);
 }
 
 void Settings::copy_to(Name &name, const Value &value) {
@@ -83,11 +92,15 @@ void Settings::service_changed(const Event &event) {
 }
 
 void Settings::follow_holds() {
-    const bool hold = model_.boolean(service_path, "Enable") && model_.text(service_path, "Mode") == "Routed" &&
-                      model_.text(service_path, "Interface") == "Dedicated";
-    for (const char *pool : {"DHCPv4.Server.Pool.zep_itf", "DHCPv4.Server.Pool.zep_stb"})
+    for (const char *pool : iptv_pools)
         if (model_.find(pool))
-            write(model_, pool, {{"LeasesOnHold", hold}});
+            write(model_, pool, {{"LeasesOnHold", is_routed(model_)}});
+}
+
+/* What the plug-in does about a binding may come after the mode was left, and before it is told so. */
+void Settings::hold_was_written(const char *pool) {
+    if (!is_routed(model_) && model_.find(pool))
+        write(model_, pool, {{"LeasesOnHold", false}});
 }
 
 } // namespace keel

@@ -6,16 +6,23 @@
 
 #include <cstdint>
 #include <set>
+#include <vector>
 
 #include "host/model/model.h"
 
 namespace keel {
 
+constexpr const char *service_path = "Keel.Zephyrin";
+/* The pools of the LAN DHCP server whose leases the routed mode holds. */
+constexpr const char *iptv_pools[] = {"DHCPv4.Server.Pool.zep_itf", "DHCPv4.Server.Pool.zep_stb"};
+/* Whether the service is enabled in the mode Routed over the Dedicated interface. */
+bool is_routed(const Model &model);
+
 /* Works on writes made after its construction; what was before is the state that it starts from.
  *
  * Keeps "IPTVMode" of "Keel" and "Interface" of "Keel.Zephyrin" one setting, tells the plug-in's sub-modules of changes
- * by notifications 101 (the mode is left) and 102 (the settings are in force), and has the two IPTV pools of the LAN
- * DHCP server hold their leases while the mode is Routed over the Dedicated interface. */
+ * by notifications 101 (the mode is left) and 102 (the settings are in force), and has the IPTV pools of the LAN DHCP
+ * server hold their leases in the routed mode, and in no other, whoever writes that they shall. */
 class Settings {
 public:
     explicit Settings(Model &model);
@@ -36,9 +43,11 @@ private:
     void on_event(const Event &event);
     void service_changed(const Event &event);
     void follow_holds();
+    void hold_was_written(const char *pool);
 
     Model &model_;
     Model::WatchId watch_;
+    std::vector<Model::WatchId> pool_watches_;
     std::uint64_t start_ = 0; /* the latest event at construction */
     Name mode_;
     Name interface_;

@@ -1,0 +1,70 @@
+#include "host/gateway/leftovers.h"
+
+#include <string>
+#include <vector>
+
+#include "host/base/trace.h"
+#include "host/gateway/graph.h"
+#include "host/gateway/settings.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
+constexpr const char *received_routes_path = "Keel.Zephyrin.ClasslessStaticRoute";
+constexpr const char *own_route_prefix = "zep_"; /* of the keys under which the routed mode adds routes */
+
+std::vector<std::string> instance_paths(const Model &model, const std::string &parent) {
+    std::vector<std::string> paths;
+    for (const std::string &name : model.instances(parent))
+        paths.push_back(join_path(parent, name));
+    return paths;
+}
+
+std::vector<std::string> installed_routes(const Model &model) {
+    std::vector<std::string> paths;
+    for (const std::string &interface : model.instances(interfaces_path)) {
+        const std::string parent = interface_path(interface) + ".IPv4Route";
+        for (const std::string &name : model.instances(parent))
+            if (name.starts_with(own_route_prefix))
+                paths.push_back(join_path(parent, name));
+    }
+    return paths;
+}
+
+void remove(Model &model, const std::vector<std::string> &paths, const char *what) {
+    if (paths.empty())
+        return;
+    trace(Level::Info, "settings", "an earlier run has left %zu %s: removed", paths.size(), what);
+    for (const std::string &path : paths)
+        if (const Outcome refusal = model.remove(path))
+            trace(Level::Warning, "settings", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
+}
+
+void release_holds(Model &model) {
+    for (const char *pool : iptv_pools)
+        for (const std::string &rule : instance_paths(model, std::string(pool) + ".Rule"))
+            for (const std::string &lease : instance_paths(model, rule + ".Lease"))
+                model.set(lease, {{"OnHold", false}});
+}
+
+} // namespace
+
+void drop_leftovers(Model &model) {
+    const std::vector<std::string> installed = installed_routes(model);
+    if (is_routed(model)) {
+        if (installed.empty())
+            remove(model, instance_paths(model, received_routes_path), "received routes that are not installed");
+        return;
+    }
+    remove(model, instance_paths(model, identities_path), "identities of the routed mode");
+    remove(model, instance_paths(model, received_routes_path), "received routes of the routed mode");
+    remove(model, installed, "routes of the routed mode");
+    for (const char *server : {"NTPServer", "WWWServer"})
+        if (model.get(service_path, server))
+            model.set(service_path, {{server, std::string("00000000")}});
+    release_holds(model);
+}
+
+} // namespace keel
