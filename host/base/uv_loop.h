@@ -6,6 +6,8 @@
 
 #include <deque>
 #include <map>
+#include <set>
+#include <utility>
 
 #include <uv.h>
 
@@ -34,11 +36,16 @@ public:
     void settle(std::uint64_t milliseconds);
 
 private:
-    struct Timer;
-
     void stay_awake();
     void run_posted();
+    void post_due();
     void run_timer(TimerId id);
+    void arm();
+
+    struct Timer {
+        std::uint64_t due_ms;
+        Task task;
+    };
 
     uv_loop_t loop_{};
     uv_idle_t idle_{};   /* active while tasks are posted: keeps the loop from sleeping */
@@ -46,7 +53,11 @@ private:
     std::deque<Task> posted_;
     std::deque<Task> last_; /* those of post_last() */
     int passed_over_ = 0;   /* turns in which one of these was waiting and none was run */
-    std::map<TimerId, Timer *> timers_;
+    /* One descriptor for all timers, on the clock that counts a suspended machine's time, which libuv's does not. */
+    int clock_;
+    uv_poll_t *due_;                                      /* on it; lives until libuv has closed it */
+    std::map<TimerId, Timer> timers_;                     /* those that have not run */
+    std::set<std::pair<std::uint64_t, TimerId>> by_time_; /* those that are not due yet */
     TimerId last_timer_ = 0;
 };
 

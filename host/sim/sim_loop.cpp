@@ -17,6 +17,8 @@ void SimLoop::post_last(Task task) {
 }
 
 Loop::TimerId SimLoop::start_timer(std::uint64_t milliseconds, Task task) {
+    if (!takes_delay(milliseconds))
+        return 0;
     const TimerId id = ++last_timer_;
     timers_[{now_ + milliseconds, id}] = std::move(task);
     due_[id] = now_ + milliseconds;
