@@ -28,6 +28,12 @@ protected:
         server.reset();
     }
 
+    void restart() {
+        end();
+        begin();
+    }
+    std::size_t lease_count() const { return model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease").size(); }
+
     void hold(bool on) { set("DHCPv4.Server.Pool.zep_stb", {{"LeasesOnHold", on}}); }
     void set(const std::string &path, const Values &values) {
         const Outcome refusal = model.set(path, values);
@@ -134,6 +140,64 @@ TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
     for (const auto &device : many)
         EXPECT_TRUE(device->address().empty() || addresses.insert(device->address()).second);
     EXPECT_EQ(addresses.size(), 20U);
+}
+
+TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
+    loop.set_wall_clock(3600); /* no clock of its own: it is 1970 */
+    stb.start();
+    loop.advance(1000);
+    const std::string address = stb.address();
+    ASSERT_FALSE(address.empty());
+    loop.set_wall_clock(1800000000); /* somebody has told the time */
+    loop.advance(1000);
+    EXPECT_EQ(lease_count(), 1U);
+    restart();
+    EXPECT_EQ(lease_count(), 1U) << "it was written when nobody knew the time";
+    stb.stop();
+    loop.advance(3 * 24 * 3600 * 1000ULL);
+    EXPECT_EQ(lease_count(), 0U) << "it has ended all the same";
+
+    stb.start();
+    loop.advance(1000);
+    stb.stop();
+    loop.advance(3600 * 1000);
+    loop.set_wall_clock(1900000000); /* years later, says the clock, when the server starts again */
+    restart();
+    EXPECT_EQ(lease_count(), 0U);
+    stb.start();
+    loop.advance(1000);
+    stb.stop();
+    loop.set_wall_clock(1700000000); /* and back: what is left of it is not known */
+    restart();
+    EXPECT_EQ(lease_count(), 1U);
+    loop.advance(24 * 3600 * 1000 + 5000);
+    EXPECT_EQ(lease_count(), 0U) << "but bounded";
+}
+
+TEST_F(LanServerTest, ADeviceThatWaitsIsNotWrittenAtEachOfItsRequests) {
+    hold(true);
+    stb.start();
+    loop.advance(1000);
+    const std::uint64_t before = model.generation();
+    loop.advance(600000); /* two hundred DISCOVERs */
+    EXPECT_LE(model.generation() - before, 22U);
+    EXPECT_EQ(lease_count(), 1U) << "it is kept all the same";
+    stb.stop();
+    loop.advance(62000);
+    EXPECT_EQ(lease_count(), 0U);
+}
+
+TEST_F(LanServerTest, AHeldDeviceIsAnsweredFromItsLeaseWhateverTheRulesSayByThen) {
+    hold(true);
+    stb.start();
+    loop.run_until_idle();
+    const std::string lease = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease." + stb.id();
+    ASSERT_TRUE(model.boolean(lease, "OnHold"));
+    const std::string address = model.text(lease, "IPAddress");
+    set("DHCPv4.Server.Pool.zep_stb.Rule.1", {{"VendorClass", std::string("another")}});
+    set(lease, {{"OnHold", false}});
+    ASSERT_FALSE(stb.answers().empty());
+    EXPECT_EQ(stb.answers().front().address, address);
 }
 
 TEST_F(LanServerTest, LongIdentifiersGetAStableShortFormOfTheirOwn) {

@@ -8,11 +8,12 @@ namespace keel {
 
 namespace {
 
-constexpr const char *pools_path = "DHCPv4.Server.Pool";
 constexpr std::size_t max_id = 35; /* characters of a client identifier's text */
 constexpr std::size_t max_parked = 64;
-constexpr std::uint64_t declined_for_s = 600;
-constexpr std::uint64_t offer_valid_s = 60; /* how long an offered address waits for its request */
+constexpr std::uint64_t declined_for_ms = 600000;
+constexpr std::uint64_t longest_wait_ms = 24 * 3600 * 1000; /* for the end of a lease; then it is looked again */
+constexpr std::uint64_t clock_is_set_s = 1577836800;        /* a gateway without a clock of its own starts in 1970 */
+constexpr std::uint64_t offer_valid_s = 60;                 /* how long an offered address waits for its request */
 constexpr std::uint32_t broadcast_address = 0xffffffff;
 
 enum : std::uint8_t {
@@ -47,14 +48,22 @@ std::string id_of(const DhcpMessage &message) {
            format_hex(network_bytes(static_cast<std::uint32_t>(hash)));
 }
 
+/* Somebody else has set when a lease ends: the server always writes both. */
+bool written_by_others(const Event &event) {
+    return event.kind == Event::Kind::Changed && event.values.contains("Expires") && !event.values.contains("Written");
+}
+
 std::string pool_path(const std::string &pool) {
     return std::string(pools_path) + "." + pool;
 }
 
 } // namespace
 
-LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port) : loop_(loop), model_(model), port_(port) {
+LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port)
+    : loop_(loop), model_(model), port_(port), leases_(model) {
     watch_ = model_.watch(pools_path, [this](const Event &event) { on_event(event); });
+    for (const std::string &path : leases_.all())
+        leases_.set_end(path, loop_.now_ms() + remaining_s(path) * 1000);
     expire();
 }
 
@@ -118,10 +127,8 @@ std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &me
         if (!model_.boolean(pool_path(pool), "Enable"))
             continue;
         for (const std::string &number : model_.instances(pool_path(pool) + ".Rule")) {
-            const std::string path = pool_path(pool) + ".Rule." + number;
-            const std::string wanted = model_.text(path, "VendorClass");
-            const Rule rule{pool, path, ipv4_or_none(model_.text(path, "MinAddress")),
-                            ipv4_or_none(model_.text(path, "MaxAddress"))};
+            const Rule rule = rule_at(pool, number);
+            const std::string wanted = model_.text(rule.path, "VendorClass");
             if (wanted.empty() && !rest)
                 rest = rule;
             else if (!wanted.empty() && message.vendor_class.starts_with(wanted))
@@ -129,6 +136,11 @@ std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &me
         }
     }
     return rest;
+}
+
+LanDhcpServer::Rule LanDhcpServer::rule_at(const std::string &pool, const std::string &number) const {
+    const std::string path = pool_path(pool) + ".Rule." + number;
+    return {pool, path, ipv4_or_none(model_.text(path, "MinAddress")), ipv4_or_none(model_.text(path, "MaxAddress"))};
 }
 
 std::string LanDhcpServer::lease_path(const Rule &rule, const std::string &id) const {
@@ -182,7 +194,7 @@ void LanDhcpServer::release(const DhcpMessage &message, const Rule &rule, const 
     if (declined) {
         trace(Level::Warning, "lan", "%s is in use by another device, says %s; it is set aside",
               format_ipv4(address).c_str(), format_mac(message.hardware.data()).c_str());
-        declined_until_[address] = loop_.wall_clock_s() + declined_for_s;
+        declined_until_[address] = loop_.now_ms() + declined_for_ms;
     }
     model_.remove(path);
 }
@@ -199,19 +211,11 @@ void LanDhcpServer::inform(const DhcpMessage &message, const Rule &rule) {
 /* --------------------------------------------------------------------------------------------------- leases */
 
 bool LanDhcpServer::in_use(std::uint32_t address) const {
-    const std::string text = format_ipv4(address);
-    for (const std::string &pool : model_.instances(pools_path)) {
-        if (model_.text(pool_path(pool), "Router") == text)
+    for (const std::string &pool : model_.instances(pools_path))
+        if (ipv4_or_none(model_.text(pool_path(pool), "Router")) == address)
             return true;
-        for (const std::string &number : model_.instances(pool_path(pool) + ".Rule")) {
-            const std::string leases = pool_path(pool) + ".Rule." + number + ".Lease";
-            for (const std::string &id : model_.instances(leases))
-                if (model_.text(leases + "." + id, "IPAddress") == text)
-                    return true;
-        }
-    }
     const auto declined = declined_until_.find(address);
-    return declined != declined_until_.end() && declined->second > loop_.wall_clock_s();
+    return leases_.is_leased(address) || (declined != declined_until_.end() && declined->second > loop_.now_ms());
 }
 
 /* What the device asks for if that is free, else the lowest that is; 0 when the range is used up. */
@@ -227,12 +231,9 @@ std::uint32_t LanDhcpServer::choose_address(const DhcpMessage &message, const Ru
 
 /* A device that turns up as another kind leaves its lease of before. */
 void LanDhcpServer::drop_lease_elsewhere(const Rule &rule, const std::string &id) {
-    for (const std::string &pool : model_.instances(pools_path))
-        for (const std::string &number : model_.instances(pool_path(pool) + ".Rule")) {
-            const std::string path = pool_path(pool) + ".Rule." + number;
-            if (path != rule.path && model_.find(path + ".Lease." + id))
-                model_.remove(path + ".Lease." + id);
-        }
+    for (const std::string &path : leases_.leases_of(id))
+        if (path != lease_path(rule, id))
+            model_.remove(path);
 }
 
 bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, const std::string &id) {
@@ -247,13 +248,12 @@ bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, cons
                                        {{"ClientID", id},
                                         {"IPAddress", format_ipv4(address)},
                                         {"MACAddress", format_mac(message.hardware.data())},
-                                        {"OnHold", hold},
-                                        {"Expires", static_cast<std::int64_t>(loop_.wall_clock_s() + offer_valid_s)}});
+                                        {"OnHold", hold}});
     if (refusal) {
         trace(Level::Error, "lan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
         return false;
     }
-    follow_expiry();
+    lasts(lease_path(rule, id), offer_valid_s);
     return true;
 }
 
@@ -265,8 +265,7 @@ void LanDhcpServer::park(const DhcpMessage &message, const Rule &rule, const std
         return;
     }
     parked_[path] = message;
-    model_.set(path, {{"Expires", static_cast<std::int64_t>(loop_.wall_clock_s() + offer_valid_s)}});
-    follow_expiry();
+    lasts(path, offer_valid_s);
 }
 
 std::uint32_t LanDhcpServer::lease_time(const Rule &rule) const {
@@ -284,11 +283,10 @@ void LanDhcpServer::answer_lease(const DhcpMessage &message, const Rule &rule, c
     reply.options[option_lease_time] = network_bytes(time);
     reply.options[option_renewal] = network_bytes(time / 2);
     reply.options[option_rebinding] = network_bytes(time / 8 * 7);
-    const std::uint64_t valid = type == DhcpType::Ack ? time : offer_valid_s;
-    const std::int64_t until = static_cast<std::int64_t>(loop_.wall_clock_s() + valid);
-    if (type == DhcpType::Ack || model_.integer(path, "Expires") < until)
-        model_.set(path, {{"Expires", until}});
-    follow_expiry();
+    if (type == DhcpType::Ack)
+        lasts(path, time);
+    else if (leases_.end_of(path).value_or(0) < loop_.now_ms() + offer_valid_s * 1000)
+        lasts(path, offer_valid_s);
     answer(message, rule, std::move(reply));
 }
 
@@ -321,11 +319,15 @@ void LanDhcpServer::answer(const DhcpMessage &message, const Rule &rule, DhcpRep
 
 void LanDhcpServer::on_event(const Event &event) {
     const std::string path = event.path();
-    const bool of_lease = event.steps.size() == 8 && event.steps[6] == "Lease";
+    const bool of_lease = is_of_lease(event);
     if (of_lease && event.kind == Event::Kind::Deleted) {
         if (!model_.find(path))
             parked_.erase(path);
-    } else if (of_lease && event.kind == Event::Kind::Changed) {
+    } else if (of_lease && (event.kind == Event::Kind::Added || event.kind == Event::Kind::Changed)) {
+        if (model_.find(path) && (!leases_.end_of(path) || written_by_others(event))) {
+            leases_.set_end(path, loop_.now_ms() + remaining_s(path) * 1000);
+            follow_expiry();
+        }
         lease_changed(path, event);
     } else if (event.steps.size() == 4 && event.kind == Event::Kind::Changed && event.values.contains("LeasesOnHold") &&
                !model_.boolean(path, "LeasesOnHold")) {
@@ -333,17 +335,16 @@ void LanDhcpServer::on_event(const Event &event) {
     }
 }
 
-/* Answers the request that waited for the lease, as things stand now. */
+/* Answers the request that waited for the lease, as things stand now; the lease stays where it is, whatever the rules
+ * say of the device by now. */
 void LanDhcpServer::lease_changed(const std::string &path, const Event &event) {
     const auto waiting = parked_.find(path);
-    if (!event.values.contains("OnHold") || waiting == parked_.end() || model_.boolean(path, "OnHold"))
+    if (!event.values.contains("OnHold") || waiting == parked_.end() || model_.boolean(path, "OnHold", true))
         return;
     const DhcpMessage message = waiting->second;
     parked_.erase(waiting);
-    const auto rule = rule_for(message);
-    if (rule)
-        answer_lease(message, *rule, event.steps.back(),
-                     message.type == DhcpType::Request ? DhcpType::Ack : DhcpType::Offer);
+    answer_lease(message, rule_at(event.steps[3], event.steps[5]), event.steps.back(),
+                 message.type == DhcpType::Request ? DhcpType::Ack : DhcpType::Offer);
 }
 
 void LanDhcpServer::release_pool(const std::string &pool) {
@@ -354,39 +355,53 @@ void LanDhcpServer::release_pool(const std::string &pool) {
     }
 }
 
+/* What is left of a lease that somebody else has put here: the store, an earlier run. */
+std::uint64_t LanDhcpServer::remaining_s(const std::string &path) const {
+    const auto expires = static_cast<std::uint64_t>(model_.integer(path, "Expires"));
+    const auto written = static_cast<std::uint64_t>(model_.integer(path, "Written"));
+    const std::uint64_t now = loop_.wall_clock_s();
+    if (written == 0)
+        return expires > now ? expires - now : 0;
+    /* A clock that was not set at one of the two times, or was set back since, tells nothing: rather too long than an
+     * address that is given away while its device uses it. */
+    const std::uint64_t since = written >= clock_is_set_s && now > written ? now - written : 0;
+    return expires > written + since ? expires - written - since : 0;
+}
+
+/* From now on. Not every prolongation is written: a device that waits asks every few seconds. */
+void LanDhcpServer::lasts(const std::string &path, std::uint64_t validity_s) {
+    leases_.set_end(path, loop_.now_ms() + validity_s * 1000);
+    const std::uint64_t now = loop_.wall_clock_s();
+    const auto shown = static_cast<std::uint64_t>(model_.integer(path, "Expires"));
+    if (shown <= now + validity_s / 2 || shown > now + validity_s)
+        model_.set(path, {{"Expires", static_cast<std::int64_t>(now + validity_s)},
+                          {"Written", static_cast<std::int64_t>(now)}});
+    follow_expiry();
+}
+
 /* One timer, for the lease that ends first. */
 void LanDhcpServer::follow_expiry() {
-    std::int64_t first = 0;
-    for (const std::string &pool : model_.instances(pools_path))
-        for (const std::string &number : model_.instances(pool_path(pool) + ".Rule")) {
-            const std::string leases = pool_path(pool) + ".Rule." + number + ".Lease";
-            for (const std::string &id : model_.instances(leases)) {
-                const std::int64_t expires = model_.integer(leases + "." + id, "Expires");
-                first = first == 0 ? expires : std::min(first, expires);
-            }
-        }
+    const auto first = leases_.first_end();
+    const std::uint64_t now = loop_.now_ms();
+    const std::uint64_t end_ms = first ? std::clamp(first->first, now, now + longest_wait_ms) + 1000 : 0;
+    if (expiry_ != 0 && end_ms != 0 && expiry_ms_ <= end_ms)
+        return; /* it looks again then */
     loop_.cancel_timer(expiry_);
     expiry_ = 0;
-    if (first == 0)
+    if (end_ms == 0)
         return;
-    const std::int64_t now = static_cast<std::int64_t>(loop_.wall_clock_s());
-    const std::uint64_t delay_s = first > now ? static_cast<std::uint64_t>(first - now) : 0;
-    expiry_ = loop_.start_timer(delay_s * 1000 + 1000, [this] {
+    expiry_ms_ = end_ms;
+    expiry_ = loop_.start_timer(end_ms - now, [this] {
         expiry_ = 0;
         expire();
     });
 }
 
 void LanDhcpServer::expire() {
-    const std::int64_t now = static_cast<std::int64_t>(loop_.wall_clock_s());
-    for (const std::string &pool : model_.instances(pools_path))
-        for (const std::string &number : model_.instances(pool_path(pool) + ".Rule")) {
-            const std::string leases = pool_path(pool) + ".Rule." + number + ".Lease";
-            for (const std::string &id : model_.instances(leases))
-                if (model_.integer(leases + "." + id, "Expires") <= now)
-                    model_.remove(leases + "." + id);
-        }
-    std::erase_if(declined_until_, [&](const auto &one) { return one.second <= loop_.wall_clock_s(); });
+    const std::uint64_t now = loop_.now_ms();
+    for (auto first = leases_.first_end(); first && first->first <= now; first = leases_.first_end())
+        model_.remove(first->second);
+    std::erase_if(declined_until_, [&](const auto &one) { return one.second <= now; });
     follow_expiry();
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "host/dhcp/lease_table.h"
 #include "host/dhcp/packet.h"
 #include "host/model/model.h"
 
@@ -32,7 +33,9 @@ public:
 /* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else to the pool
  * whose rule has none. While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold"
  * true and the device is not answered; when "OnHold" turns false, its waiting request is answered at once, with the
- * lease time and the options of that moment. Leases are kept by the store and taken up again at the start. */
+ * lease time and the options of that moment. Leases are kept by the store and taken up again at the start, for what was
+ * left of them: "Expires" less "Written", when it was written, less the time since as far as the wall clock tells it.
+ * While the server runs the wall clock ends no lease and prolongs none. */
 class LanDhcpServer {
 public:
     LanDhcpServer(Loop &loop, Model &model, LanPort &port);
@@ -54,6 +57,7 @@ private:
     };
 
     std::optional<Rule> rule_for(const DhcpMessage &message) const;
+    Rule rule_at(const std::string &pool, const std::string &number) const;
     std::string lease_path(const Rule &rule, const std::string &id) const;
 
     void discover(const DhcpMessage &message, const Rule &rule, const std::string &id);
@@ -69,6 +73,8 @@ private:
     void answer_lease(const DhcpMessage &message, const Rule &rule, const std::string &id, DhcpType type);
     void answer(const DhcpMessage &message, const Rule &rule, DhcpReply reply);
     std::uint32_t lease_time(const Rule &rule) const;
+    std::uint64_t remaining_s(const std::string &path) const;
+    void lasts(const std::string &path, std::uint64_t validity_s);
 
     void on_event(const Event &event);
     void lease_changed(const std::string &path, const Event &event);
@@ -80,11 +86,13 @@ private:
     Loop &loop_;
     Model &model_;
     LanPort &port_;
+    LeaseTable leases_;
     Model::WatchId watch_;
     std::map<std::string, DhcpMessage> parked_;             /* lease path -> the request that waits for its release */
-    std::map<std::uint32_t, std::uint64_t> declined_until_; /* address -> wall clock, s */
+    std::map<std::uint32_t, std::uint64_t> declined_until_; /* address -> ms */
     std::map<std::string, std::uint64_t> dropped_;
     Loop::TimerId expiry_ = 0;
+    std::uint64_t expiry_ms_ = 0; /* when it runs */
 };
 
 } // namespace keel

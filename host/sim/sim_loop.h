@@ -19,15 +19,17 @@ public:
     TimerId start_timer(std::uint64_t milliseconds, Task task) override;
     void cancel_timer(TimerId id) override;
     std::uint64_t now_ms() const override { return now_; }
-    std::uint64_t wall_clock_s() const override { return epoch_s + now_ / 1000; }
+    std::uint64_t wall_clock_s() const override { return epoch_s_ + now_ / 1000; }
 
     /* Runs every task posted and every timer due now, until nothing is left. Throws when that does not end. */
     void run_until_idle();
+    /* Sets the wall clock; nothing else moves. */
+    void set_wall_clock(std::uint64_t seconds) { epoch_s_ = seconds - now_ / 1000; }
     /* Lets the time pass; timers run at their times, in order. */
     void advance(std::uint64_t milliseconds);
 
 private:
-    static constexpr std::uint64_t epoch_s = 1700000000;
+    std::uint64_t epoch_s_ = 1700000000; /* the wall clock at the start */
 
     bool run_one();
 

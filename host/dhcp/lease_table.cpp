@@ -1,0 +1,117 @@
+#include "host/dhcp/lease_table.h"
+
+#include "host/base/text_forms.h"
+
+namespace keel {
+
+namespace {
+
+std::uint32_t address_in(const Values &values) {
+    const auto found = values.find("IPAddress");
+    return found == values.end() ? 0 : ipv4_or_none(to_text(found->second));
+}
+
+template <typename Map, typename Key> void take_out(Map &map, const Key &key, const std::string &path) {
+    const auto found = map.find(key);
+    if (found == map.end())
+        return;
+    found->second.erase(path);
+    if (found->second.empty())
+        map.erase(found);
+}
+
+} // namespace
+
+bool is_of_lease(const Event &event) {
+    return event.steps.size() == 8 && event.steps[6] == "Lease" && event.steps[4] == "Rule" &&
+           event.steps[2] == "Pool" && event.steps[1] == "Server" && event.steps[0] == "DHCPv4";
+}
+
+LeaseTable::LeaseTable(Model &model) : model_(model) {
+    for (const std::string &pool : model_.instances(pools_path)) {
+        const std::string rules = join_path(pools_path, pool) + ".Rule";
+        for (const std::string &rule : model_.instances(rules)) {
+            const std::string parent = join_path(rules, rule) + ".Lease";
+            if (const Node *leases = model_.find(parent))
+                for (const Node &lease : leases->children)
+                    add(join_path(parent, lease.name), lease.name, lease.values());
+        }
+    }
+    model_.observe(this, [this](const Event &event) { observe(event); });
+}
+
+LeaseTable::~LeaseTable() {
+    model_.observe(this, nullptr);
+}
+
+void LeaseTable::observe(const Event &event) {
+    if (!is_of_lease(event))
+        return;
+    const std::string path = event.path();
+    if (event.kind == Event::Kind::Added)
+        add(path, event.steps.back(), event.values);
+    else if (event.kind == Event::Kind::Deleted)
+        remove(path);
+    else if (event.kind == Event::Kind::Changed && event.values.contains("IPAddress"))
+        set_address(path, leases_.at(path), address_in(event.values));
+}
+
+void LeaseTable::add(const std::string &path, const std::string &id, const Values &values) {
+    Lease &lease = leases_[path];
+    lease.id = id;
+    by_id_[id].insert(path);
+    set_address(path, lease, address_in(values));
+}
+
+void LeaseTable::remove(const std::string &path) {
+    const auto found = leases_.find(path);
+    set_address(path, found->second, 0);
+    take_out(by_id_, found->second.id, path);
+    if (found->second.end_ms)
+        by_end_.erase({*found->second.end_ms, path});
+    leases_.erase(found);
+}
+
+void LeaseTable::set_address(const std::string &path, Lease &lease, std::uint32_t address) {
+    take_out(by_address_, lease.address, path);
+    lease.address = address;
+    if (address != 0)
+        by_address_[address].insert(path);
+}
+
+bool LeaseTable::is_leased(std::uint32_t address) const {
+    return by_address_.contains(address);
+}
+
+std::vector<std::string> LeaseTable::leases_of(const std::string &id) const {
+    const auto found = by_id_.find(id);
+    return found == by_id_.end() ? std::vector<std::string>()
+                                 : std::vector<std::string>(found->second.begin(), found->second.end());
+}
+
+std::vector<std::string> LeaseTable::all() const {
+    std::vector<std::string> paths;
+    paths.reserve(leases_.size());
+    for (const auto &[path, lease] : leases_)
+        paths.push_back(path);
+    return paths;
+}
+
+void LeaseTable::set_end(const std::string &path, std::uint64_t end_ms) {
+    Lease &lease = leases_.at(path);
+    if (lease.end_ms)
+        by_end_.erase({*lease.end_ms, path});
+    lease.end_ms = end_ms;
+    by_end_.emplace(end_ms, path);
+}
+
+std::optional<std::uint64_t> LeaseTable::end_of(const std::string &path) const {
+    const auto found = leases_.find(path);
+    return found == leases_.end() ? std::nullopt : found->second.end_ms;
+}
+
+std::optional<std::pair<std::uint64_t, std::string>> LeaseTable::first_end() const {
+    return by_end_.empty() ? std::nullopt : std::optional(*by_end_.begin());
+}
+
+} // namespace keel

@@ -1,0 +1,68 @@
+/*
+ * What the LAN DHCP server must find at once about the leases of the data model, however many there are.
+ */
+#ifndef HOST_DHCP_LEASE_TABLE_H
+#define HOST_DHCP_LEASE_TABLE_H
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "host/model/model.h"
+
+namespace keel {
+
+constexpr const char *pools_path = "DHCPv4.Server.Pool";
+
+/* An index that every write to the model keeps up: who has an address, where a device's leases are. When a lease ends
+ * is known here alone, on the loop's clock; "Expires" in the model is for people and for the next start. */
+class LeaseTable {
+public:
+    /* The model must be loaded, and outlive the table. */
+    explicit LeaseTable(Model &model);
+    LeaseTable(const LeaseTable &) = delete;
+    LeaseTable &operator=(const LeaseTable &) = delete;
+    ~LeaseTable();
+
+    /* Host order. */
+    bool is_leased(std::uint32_t address) const;
+    /* The paths of the leases of that name, in every pool. */
+    std::vector<std::string> leases_of(const std::string &id) const;
+    /* All paths. */
+    std::vector<std::string> all() const;
+
+    /* Of a lease that there is; ms of the loop's clock. */
+    void set_end(const std::string &path, std::uint64_t end_ms);
+    std::optional<std::uint64_t> end_of(const std::string &path) const;
+    /* The lease that ends first. */
+    std::optional<std::pair<std::uint64_t, std::string>> first_end() const;
+
+private:
+    struct Lease {
+        std::string id;
+        std::uint32_t address = 0;
+        std::optional<std::uint64_t> end_ms;
+    };
+
+    void add(const std::string &path, const std::string &id, const Values &values);
+    void remove(const std::string &path);
+    void set_address(const std::string &path, Lease &lease, std::uint32_t address);
+    void observe(const Event &event);
+
+    Model &model_;
+    std::unordered_map<std::string, Lease> leases_; /* by path */
+    std::unordered_map<std::uint32_t, std::set<std::string>> by_address_;
+    std::unordered_map<std::string, std::set<std::string>> by_id_;
+    std::set<std::pair<std::uint64_t, std::string>> by_end_;
+};
+
+/* Whether an event is one of a lease instance. */
+bool is_of_lease(const Event &event);
+
+} // namespace keel
+
+#endif
