@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <array>
@@ -42,7 +43,7 @@ inline std::size_t count(const std::string &text, const std::string &part) {
     return found;
 }
 
-/* Each test has a network namespace with a cable "eth1.20" - "peer". */
+/* Each test has a network namespace with a cable "eth1.20" - "peer". Mounts and /run are the program's own. */
 class LinuxTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -53,7 +54,11 @@ protected:
             std::ofstream("/proc/self/setgroups") << "deny";
             std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
             std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
+        } else {
+            ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "mount namespaces are not permitted";
         }
+        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(mount("tmpfs", "/run", "tmpfs", 0, "mode=755"), 0);
     }
     LinuxTest() {
         TraceLog::instance().set_print(false);

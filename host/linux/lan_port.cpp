@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "host/base/trace.h"
 #include "host/dhcp/frame.h"
@@ -19,7 +20,8 @@ namespace keel {
 
 namespace {
 
-constexpr std::uint64_t retry_ms = 3000;
+constexpr std::uint64_t first_pause_ms = 100; /* the frames of this time are lost; the devices ask again */
+constexpr std::uint64_t last_pause_ms = 1000;
 constexpr std::uint16_t server_port = 67;
 constexpr std::uint16_t client_port = 68;
 constexpr int frames_per_turn = 32;
@@ -45,7 +47,7 @@ struct PacketLanPort::Poll {
 };
 
 PacketLanPort::PacketLanPort(UvLoop &loop, std::string interface, Receiver receiver)
-    : loop_(loop), interface_(std::move(interface)), receiver_(std::move(receiver)) {
+    : loop_(loop), interface_(std::move(interface)), receiver_(std::move(receiver)), pause_ms_(first_pause_ms) {
     open_or_retry();
 }
 
@@ -56,22 +58,40 @@ PacketLanPort::~PacketLanPort() {
 
 void PacketLanPort::open_or_retry() {
     retry_ = 0;
-    if (open()) {
-        complained_ = false;
+    if (const int error = open()) {
+        lost(error);
         return;
     }
-    if (!complained_)
-        trace(Level::Error, "lan", "cannot serve DHCP on %s: %s; it is tried again", interface_.c_str(),
-              std::strerror(errno));
-    complained_ = true;
-    close();
-    retry_ = loop_.start_timer(retry_ms, [this] { open_or_retry(); });
+    opened_ms_ = loop_.now_ms();
+    if (complained_)
+        trace(Level::Info, "lan", "DHCP is served on %s again", interface_.c_str());
+    complained_ = false;
 }
 
-bool PacketLanPort::open() {
+/* One that is lost right after it was opened is not opened without a pause for ever. */
+void PacketLanPort::lost(int error) {
+    close();
+    if (!complained_)
+        trace(Level::Error, "lan", "cannot serve DHCP on %s: %s; it is tried again", interface_.c_str(),
+              std::strerror(error));
+    complained_ = true;
+    if (opened_ms_ != 0 && loop_.now_ms() - opened_ms_ >= last_pause_ms)
+        pause_ms_ = first_pause_ms;
+    opened_ms_ = 0;
+    loop_.cancel_timer(retry_);
+    retry_ = loop_.start_timer(pause_ms_, [this] { open_or_retry(); });
+    pause_ms_ = std::min(2 * pause_ms_, last_pause_ms);
+}
+
+int PacketLanPort::open() {
+    const int error = bind_to_interface();
+    return error ? error : watch();
+}
+
+int PacketLanPort::bind_to_interface() {
     index_ = static_cast<int>(if_nametoindex(interface_.c_str()));
     if (index_ == 0)
-        return false;
+        return errno;
     /* of protocol 0, which takes nothing: until it is bound, a packet socket hears all interfaces */
     socket_ = socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const sock_fprog filter{std::size(filter_code), filter_code};
@@ -81,22 +101,37 @@ bool PacketLanPort::open() {
     address.sll_ifindex = index_;
     if (socket_ < 0 || setsockopt(socket_, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) < 0 ||
         bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0)
-        return false;
-    poll_ = new Poll{{}, this};
-    uv_poll_init(loop_.handle(), &poll_->handle, socket_);
+        return errno;
+    return socket_error(0); /* an interface that is down can be bound to all the same */
+}
+
+int PacketLanPort::watch() {
+    auto poll = std::make_unique<Poll>(Poll{{}, this});
+    if (const int result = uv_poll_init(loop_.handle(), &poll->handle, socket_))
+        return -result;
+    poll_ = poll.release();
     poll_->handle.data = poll_;
-    uv_poll_start(&poll_->handle, UV_READABLE,
-                  [](uv_poll_t *handle, int, int) { static_cast<Poll *>(handle->data)->owner->take_frames(); });
-    return true;
+    return -uv_poll_start(&poll_->handle, UV_READABLE, [](uv_poll_t *handle, int status, int) {
+        PacketLanPort *owner = static_cast<Poll *>(handle->data)->owner;
+        if (status == 0)
+            owner->take_frames();
+        else
+            owner->lost(owner->socket_error(-status));
+    });
+}
+
+/* What is wrong with the socket; libuv knows no more than that something is. */
+int PacketLanPort::socket_error(int otherwise) const {
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error ? error : otherwise;
 }
 
 void PacketLanPort::close() {
-    if (poll_) {
-        uv_poll_stop(&poll_->handle);
+    if (poll_)
         uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
                  [](uv_handle_t *handle) { delete static_cast<Poll *>(handle->data); });
-        poll_ = nullptr;
-    }
+    poll_ = nullptr;
     if (socket_ >= 0)
         ::close(socket_);
     socket_ = -1;
@@ -104,26 +139,19 @@ void PacketLanPort::close() {
 
 void PacketLanPort::take_frames() {
     std::uint8_t frame[2048];
-    for (int count = 0; count < frames_per_turn; ++count) {
+    for (int count = 0; count < frames_per_turn && socket_ >= 0; ++count) {
         sockaddr_ll from{};
         socklen_t from_size = sizeof from;
         const ssize_t size = recvfrom(socket_, frame, sizeof frame, 0, reinterpret_cast<sockaddr *>(&from), &from_size);
         if (size < 0) {
-            if (errno == EAGAIN || errno == EINTR)
-                return;
-            trace(Level::Warning, "lan", "%s: %s", interface_.c_str(), std::strerror(errno));
-            if (errno != ENETDOWN) { /* the interface is gone */
-                close();
-                retry_ = loop_.start_timer(retry_ms, [this] { open_or_retry(); });
-            }
+            if (errno != EAGAIN && errno != EINTR)
+                lost(errno);
             return;
         }
         if (from.sll_pkttype == PACKET_OUTGOING)
             continue;
         if (const auto message = parse_udp_packet(frame, static_cast<std::size_t>(size), server_port))
             receiver_(message->data(), message->size());
-        if (socket_ < 0)
-            return;
     }
 }
 
@@ -142,9 +170,12 @@ void PacketLanPort::send(const Bytes &message, const DhcpDestination &destinatio
     to.sll_ifindex = index_;
     to.sll_halen = ETH_ALEN;
     std::copy(destination.hardware.begin(), destination.hardware.end(), to.sll_addr);
-    if (sendto(socket_, packet->data(), packet->size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
-        trace(Level::Warning, "lan", "%s: a DHCP reply could not be sent: %s", interface_.c_str(),
-              std::strerror(errno));
+    if (sendto(socket_, packet->data(), packet->size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) >= 0)
+        return;
+    const int error = errno;
+    trace(Level::Warning, "lan", "%s: a DHCP reply could not be sent: %s", interface_.c_str(), std::strerror(error));
+    if (error == ENETDOWN || error == ENXIO || error == ENODEV) /* the poll may not tell it any more */
+        lost(error);
 }
 
 } // namespace keel

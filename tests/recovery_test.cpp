@@ -1,0 +1,120 @@
+/*
+ * The Linux side on a real kernel, when what it stands on goes and comes back.
+ */
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "host/linux/lan_port.h"
+#include "tests/linux_fixture.h"
+
+namespace keel {
+
+class RecoveryTest : public LinuxTest {
+protected:
+    static std::size_t traced(Level level, const std::string &part) {
+        const auto &lines = TraceLog::instance().recent();
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const TraceLine &line) {
+            return line.level == level && line.text.find(part) != std::string::npos;
+        }));
+    }
+};
+
+/* A LAN device's end of a DHCP exchange, without an address as it is before its first lease. */
+class LanDevice {
+public:
+    explicit LanDevice(const char *interface) : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
+        const int on = 1;
+        sockaddr_in own{};
+        own.sin_family = AF_INET;
+        own.sin_port = htons(68);
+        EXPECT_EQ(setsockopt(socket_, SOL_SOCKET, SO_BROADCAST, &on, sizeof on), 0);
+        EXPECT_EQ(setsockopt(socket_, SOL_SOCKET, SO_BINDTODEVICE, interface, IFNAMSIZ - 1), 0);
+        EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    }
+    LanDevice(const LanDevice &) = delete;
+    LanDevice &operator=(const LanDevice &) = delete;
+    ~LanDevice() { close(socket_); }
+
+    void ask(const std::string &message) const {
+        sockaddr_in server{};
+        server.sin_family = AF_INET;
+        server.sin_port = htons(67);
+        server.sin_addr.s_addr = INADDR_BROADCAST;
+        sendto(socket_, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&server), sizeof server);
+    }
+    std::string answer() const {
+        char buffer[64];
+        const ssize_t size = recv(socket_, buffer, sizeof buffer, 0);
+        return {buffer, size > 0 ? static_cast<std::size_t>(size) : 0};
+    }
+
+private:
+    int socket_;
+};
+
+TEST_F(RecoveryTest, TheLanIsServedAgainOnceTheBridgeIsBack) {
+    const auto add_bridge = [] {
+        EXPECT_EQ(shell("ip link add br-lan type bridge && ip link set eth1.20 master br-lan && ip link set br-lan up"),
+                  "");
+    };
+    PacketLanPort *answering = nullptr;
+    std::string heard;
+    PacketLanPort port(loop, "br-lan", [&](const std::uint8_t *data, std::size_t size) {
+        heard.assign(data, data + size);
+        const std::string answer = "answer to " + heard;
+        answering->send({answer.begin(), answer.end()}, {{255, 255, 255, 255, 255, 255}, 0xffffffff, 0xc0a80101});
+    });
+    answering = &port;
+    const LanDevice device("peer");
+    /* One answer for each request. */
+    const auto served = [&](const std::string &request, std::uint64_t limit_ms = 2000) {
+        const std::uint64_t start = loop.now_ms();
+        std::string answer;
+        int asked = 0;
+        while (answer.empty() && loop.now_ms() - start < limit_ms) {
+            if (asked++ % 10 == 0)
+                device.ask(request);
+            loop.settle(20);
+            usleep(10000);
+            answer = device.answer();
+        }
+        loop.settle(20);
+        for (std::string more = answer; !more.empty(); more = device.answer())
+            EXPECT_EQ(more, "answer to " + request);
+        return !answer.empty();
+    };
+    EXPECT_FALSE(served("nobody", 500));
+    add_bridge();
+    EXPECT_TRUE(served("first"));
+    EXPECT_EQ(traced(Level::Error, "br-lan"), 1U);
+    EXPECT_EQ(traced(Level::Info, "br-lan"), 1U);
+    for (int round = 0; round < 2; ++round) {
+        TraceLog::instance().clear();
+        shell("ip link set br-lan down");
+        EXPECT_FALSE(served("while it is down", 500));
+        shell("ip link set br-lan up");
+        EXPECT_TRUE(served("up again"));
+        EXPECT_EQ(traced(Level::Error, "br-lan"), 1U) << "one for the loss, however long it lasts";
+        EXPECT_EQ(traced(Level::Info, "br-lan"), 1U) << "and one for the recovery";
+
+        shell("ip link set br-lan down; ip link set br-lan up"); /* before the host has looked */
+        EXPECT_TRUE(served("down and up at once"));
+        shell("ip link del br-lan");
+        EXPECT_FALSE(served("while there is none", 500));
+        add_bridge();
+        EXPECT_TRUE(served("a new one"));
+        shell("ip link del br-lan");
+        add_bridge();
+        port.send({'x'}, {{}, 0xffffffff, 0xc0a80101}); /* to the one that is gone */
+        EXPECT_TRUE(served("another one at once"));
+    }
+}
+
+} // namespace keel
