@@ -188,6 +188,30 @@ TEST_F(ProgramsTest, WhatTheyStartedIsKilledWithThem) {
     EXPECT_FALSE(has_children());
 }
 
+TEST_F(ProgramsTest, OneThatRunsForLongerThanItMayIsKilled) {
+    int grandchild = 0;
+    int ended = 0;
+    auto child = Child::start(
+        loop, {"sh", "-c", "sleep 1000 & echo $!; wait"},
+        [&](const std::string &line) { grandchild = std::stoi(line); }, [&](int status) { ended = status; }, &error);
+    child->limit(300);
+    EXPECT_TRUE(soon([&] { return ended == 137; }));
+    EXPECT_TRUE(soon_dead(grandchild));
+    EXPECT_EQ(TraceLog::instance().recent().back().text, "sh is killed, because it runs for more than 0.3 s");
+
+    TraceLog::instance().clear();
+    child = Child::start(
+        loop, {"true"}, nullptr, [&](int status) { ended = status; }, &error);
+    child->limit(100);
+    auto forgotten = Child::start(loop, {"sleep", "1000"}, nullptr, nullptr, &error);
+    forgotten->limit(100);
+    forgotten.reset();
+    EXPECT_TRUE(soon([&] { return ended == 0 && !has_children(); }));
+    usleep(200000);
+    loop.settle(20);
+    EXPECT_TRUE(TraceLog::instance().recent().empty()) << "what has ended is not killed";
+}
+
 TEST_F(ProgramsTest, NoneOutlivesAHostThatIsKilled) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);

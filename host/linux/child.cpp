@@ -13,12 +13,22 @@
 namespace keel {
 
 namespace {
-constexpr std::size_t max_line = 4096; /* a longer one is handed on in pieces */
-constexpr int reads_a_turn = 16;       /* one that prints without end must not hold the loop */
+constexpr std::size_t max_line = 4096;           /* a longer one is handed on in pieces */
+constexpr int reads_a_turn = 16;                 /* one that prints without end must not hold the loop */
+constexpr std::uint64_t script_limit_ms = 60000; /* of a process object's program */
 } // namespace
 
 struct Child::State {
+    State(UvLoop &on, std::string called, std::unique_ptr<Program> started)
+        : loop(on), name(std::move(called)), program(std::move(started)) {}
+    State(const State &) = delete;
+    State &operator=(const State &) = delete;
+    ~State() { loop.cancel_timer(limit); }
+
+    UvLoop &loop;
+    std::string name;
     std::unique_ptr<Program> program;
+    Loop::TimerId limit = 0;
     uv_poll_t end{};
     uv_poll_t output{};
     std::string line;
@@ -27,7 +37,7 @@ struct Child::State {
     int open_handles = 0;
     bool abandoned = false; /* the child's record is gone: nothing is reported any more */
 
-    void watch(UvLoop &loop, uv_poll_t *handle, int descriptor, uv_poll_cb ready) {
+    void watch(uv_poll_t *handle, int descriptor, uv_poll_cb ready) {
         uv_poll_init(loop.handle(), handle, descriptor);
         handle->data = this;
         ++open_handles;
@@ -71,6 +81,7 @@ struct Child::State {
     }
 
     void ended() {
+        loop.cancel_timer(std::exchange(limit, 0));
         if (on_line)
             read(); /* what it said last */
         close(&end);
@@ -86,14 +97,13 @@ std::unique_ptr<Child> Child::start(UvLoop &loop, const std::vector<std::string>
     auto program = Program::start(argv, on_line ? Program::Output::Piped : Program::Output::Inherited, error);
     if (!program)
         return nullptr;
-    auto *state = new State;
-    state->program = std::move(program);
+    auto *state = new State(loop, argv.front(), std::move(program));
     state->on_line = std::move(on_line);
     state->on_exit = std::move(on_exit);
-    state->watch(loop, &state->end, state->program->end(),
+    state->watch(&state->end, state->program->end(),
                  [](uv_poll_t *poll, int, int) { static_cast<State *>(poll->data)->ended(); });
     if (state->on_line)
-        state->watch(loop, &state->output, state->program->output(),
+        state->watch(&state->output, state->program->output(),
                      [](uv_poll_t *poll, int, int) { static_cast<State *>(poll->data)->read(); });
     return std::unique_ptr<Child>(new Child(state));
 }
@@ -117,6 +127,15 @@ void Child::kill() {
     state_->program->kill();
 }
 
+void Child::limit(std::uint64_t milliseconds) {
+    state_->limit = state_->loop.start_timer(milliseconds, [state = state_, milliseconds] {
+        state->limit = 0;
+        trace(Level::Error, "process", "%s is killed, because it runs for more than %.1f s", state->name.c_str(),
+              static_cast<double>(milliseconds) / 1000);
+        state->program->kill();
+    });
+}
+
 bool Child::wait(int milliseconds) const {
     return state_->program->wait(milliseconds);
 }
@@ -135,6 +154,7 @@ bool UvProcessRunner::run(const std::vector<std::string> &argv, OnExit on_exit) 
         trace(Level::Error, "process", "%s cannot be started: %s", argv.front().c_str(), error.c_str());
         return false;
     }
+    child->limit(script_limit_ms);
     running_.emplace(number, std::move(child));
     return true;
 }

@@ -4,6 +4,7 @@
 #ifndef HOST_LINUX_CHILD_H
 #define HOST_LINUX_CHILD_H
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -34,6 +35,8 @@ public:
     int pid() const;
     /* Kills it and what it started; its end is reported as any other. */
     void kill();
+    /* Kills it, with a trace, if it still runs after that long from now. To be called once. */
+    void limit(std::uint64_t milliseconds);
     /* Waits for its end while the loop does not turn, for at most that long. False when it still runs. */
     bool wait(int milliseconds) const;
 
@@ -45,7 +48,7 @@ private:
     State *state_;
 };
 
-/* Runs the programs of process objects. */
+/* Runs the programs of process objects: scripts, of which none may take longer than a minute. */
 class UvProcessRunner : public ProcessRunner {
 public:
     explicit UvProcessRunner(UvLoop &loop) : loop_(loop) {}
