@@ -5,12 +5,16 @@
 
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 
+#include "host/linux/firewall_policy.h"
 #include "host/linux/lan_port.h"
 #include "tests/linux_fixture.h"
 
@@ -115,6 +119,52 @@ TEST_F(RecoveryTest, TheLanIsServedAgainOnceTheBridgeIsBack) {
         port.send({'x'}, {{}, 0xffffffff, 0xc0a80101}); /* to the one that is gone */
         EXPECT_TRUE(served("another one at once"));
     }
+}
+
+TEST_F(RecoveryTest, APolicyThatWasRefusedIsTriedAgain) {
+    const std::string path = "Firewall.Policy.IPTV2Lan";
+    const auto becomes = [&](const char *status) { return soon([&] { return model.text(path, "Status") == status; }); };
+    model.set(path, {{"ReverseChain", std::string("Firewall.Chain.IPTV_Out")}});
+    FirewallPolicy policy(loop, *graph);
+    EXPECT_TRUE(becomes("error")) << "there are no chains";
+    usleep(1200000);
+    loop.settle(200); /* it was tried again, and refused */
+    set_up();
+    EXPECT_TRUE(becomes("Enabled"));
+    EXPECT_EQ(shell("iptables -S FORWARD_IPTV2Lan"),
+              "-N FORWARD_IPTV2Lan\n-A FORWARD_IPTV2Lan -o eth1.20 -j IPTV_Out\n");
+    EXPECT_EQ(traced(Level::Error, "IPTV_Out is not in force"), 1U);
+    EXPECT_EQ(traced(Level::Info, "IPTV_Out is in force again"), 1U);
+
+    /* Not without end for a value that never can be. */
+    TraceLog::instance().clear();
+    model.set(path, {{"ReverseChain", std::string("nonsense")}});
+    EXPECT_TRUE(becomes("error"));
+    std::size_t writes = 0;
+    model.watch(path, [&](const Event &) { ++writes; });
+    usleep(1200000);
+    loop.settle(200);
+    EXPECT_EQ(writes, 0U);
+    model.set(path, {{"ReverseChain", std::string("Off")}});
+    EXPECT_TRUE(becomes("Enabled"));
+}
+
+TEST_F(RecoveryTest, APolicyOutlastsACommandThatHangs) {
+    const std::string path = "Firewall.Policy.IPTV2Lan";
+    set_up();
+    const std::string program = std::filesystem::canonical("/usr/sbin/iptables");
+    std::ofstream("/run/hanging") << "#!/bin/sh\nexec sleep 1000\n";
+    chmod("/run/hanging", 0755);
+    model.set(path, {{"ReverseChain", std::string("Firewall.Chain.IPTV_Out")}});
+    FirewallPolicy policy(loop, *graph);
+    ASSERT_EQ(mount("/run/hanging", program.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const auto refused = [&] { return model.text(path, "Status") == "error"; };
+    const bool noticed = soon(refused) || soon(refused);
+    EXPECT_EQ(umount(program.c_str()), 0);
+    EXPECT_TRUE(noticed);
+    EXPECT_EQ(traced(Level::Error, "killed"), 1U);
+    EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Enabled"; }));
+    EXPECT_EQ(count(shell("iptables -S FORWARD_IPTV2Lan"), "-o eth1.20 -j IPTV_Out\n"), 1U);
 }
 
 } // namespace keel

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "host/base/trace.h"
 #include "host/gateway/graph.h"
@@ -16,7 +17,9 @@ constexpr const char *policy_path = "Firewall.Policy.IPTV2Lan";
 constexpr const char *own_chain = "FORWARD_IPTV2Lan";
 constexpr std::string_view chain_prefix = "Firewall.Chain.";
 constexpr std::size_t max_chain_name = 28; /* of iptables */
-constexpr int command_limit_ms = 10000;    /* it waits up to 5 s for others */
+constexpr int command_limit_ms = 7000;     /* it waits up to 5 s for others */
+constexpr std::uint64_t first_pause_ms = 1000;
+constexpr std::uint64_t last_pause_ms = 60000;
 
 bool is_chain_name(std::string_view name) {
     const auto fits = [](char c) {
@@ -36,6 +39,7 @@ FirewallPolicy::FirewallPolicy(UvLoop &loop, InterfaceGraph &graph)
 }
 
 FirewallPolicy::~FirewallPolicy() {
+    loop_.cancel_timer(retry_);
     if (running_ && !running_->wait(command_limit_ms)) /* else it might add its rule after the chain was emptied */
         running_->kill();
     std::string error;
@@ -63,10 +67,16 @@ void FirewallPolicy::follow() {
     const Goal wanted = goal();
     if (wanted == tried_)
         return;
+    loop_.cancel_timer(std::exchange(retry_, 0));
+    pause_ms_ = 0;
     tried_ = wanted;
+    bring_about();
+}
+
+void FirewallPolicy::bring_about() {
     commands_ = {flush_command(own_chain)};
-    if (!wanted.rule.empty())
-        commands_.push_back(append_command(own_chain, wanted.rule));
+    if (!tried_->rule.empty())
+        commands_.push_back(append_command(own_chain, tried_->rule));
     next();
 }
 
@@ -88,20 +98,32 @@ void FirewallPolicy::next() {
                 done(false);
         },
         &error);
-    if (running_)
+    if (running_) {
+        running_->limit(command_limit_ms);
         return;
+    }
     trace(Level::Error, "firewall", "%s cannot be started: %s", command.front().c_str(), error.c_str());
     done(false);
 }
 
 void FirewallPolicy::done(bool well) {
     commands_.clear();
-    const bool holds = well && tried_ && tried_->valid;
-    if (!holds)
-        trace(Level::Error, "firewall", "%s: ReverseChain=%s is not in force", policy_path,
-              model_.text(policy_path, "ReverseChain").c_str());
+    const std::string chain = model_.text(policy_path, "ReverseChain");
+    const bool holds = well && tried_->valid;
+    if (!holds && complained_ != tried_)
+        trace(Level::Error, "firewall", "%s: ReverseChain=%s is not in force%s", policy_path, chain.c_str(),
+              well ? "" : "; it is tried again");
+    else if (holds && complained_)
+        trace(Level::Info, "firewall", "%s: ReverseChain=%s is in force again", policy_path, chain.c_str());
+    complained_ = holds ? std::nullopt : tried_;
     model_.set(policy_path, {{"Status", std::string(holds ? "Enabled" : "error")}});
-    follow();
+    pause_ms_ = well ? 0 : std::clamp(2 * pause_ms_, first_pause_ms, last_pause_ms);
+    if (pause_ms_)
+        retry_ = loop_.start_timer(pause_ms_, [this] {
+            retry_ = 0;
+            bring_about();
+        });
+    follow(); /* perhaps something else is wanted by now */
 }
 
 } // namespace keel

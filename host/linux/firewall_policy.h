@@ -18,8 +18,11 @@ namespace keel {
 
 /* Keeps the chain FORWARD_IPTV2Lan: with "ReverseChain" "Firewall.Chain.NAME" it holds one rule that sends what goes
  * out on the network device below "iptv" to the chain NAME; with "Off", or without such a device, it is empty. "Status"
- * is "Enabled" once that is so, and "error" when the setting is none or iptables refused. The commands run beside the
- * loop, one after the other; the destructor waits for the last one and empties the chain. */
+ * is "Enabled" once that is so, and "error" when the setting is none or a command failed. Then the commands are run
+ * again after a second, and after twice as long each time, up to a minute. They run beside the loop, one after the
+ * other, each with a limit of time; the destructor waits for the last one and empties the chain. Loss and recovery are
+ * traced once.
+ */
 class FirewallPolicy {
 public:
     FirewallPolicy(UvLoop &loop, InterfaceGraph &graph);
@@ -37,6 +40,7 @@ private:
 
     Goal goal() const;
     void follow();
+    void bring_about();
     void next();
     void done(bool well);
 
@@ -45,9 +49,12 @@ private:
     Model &model_;
     Recheck policy_;
     GraphWatch interfaces_;
-    std::optional<Goal> tried_; /* in force, being brought about, or refused */
+    std::optional<Goal> tried_; /* in force, being brought about, refused, or none */
     std::deque<std::vector<std::string>> commands_;
     std::unique_ptr<Child> running_;
+    Loop::TimerId retry_ = 0;
+    std::uint64_t pause_ms_ = 0;     /* before the next try; 0: all is well */
+    std::optional<Goal> complained_; /* about this one last; none: all is well */
 };
 
 } // namespace keel
