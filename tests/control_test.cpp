@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 
 #include "host/base/trace.h"
 #include "host/base/uv_loop.h"
@@ -200,6 +201,45 @@ TEST_F(ControlTest, OneHostASocket) {
     path += ".none";
     EXPECT_NE(type("get Keel").find("is keelhost running, and is this its socket (--socket)?\n[2]"), std::string::npos);
     path = missing;
+}
+
+TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::temp_directory_path() / ("keel-sockets-" + std::to_string(getpid()));
+    fs::create_directories(folder / "directory");
+    std::ofstream(folder / "file") << "kept";
+    fs::create_symlink("file", folder / "link");
+    UvLoop loop;
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    for (const char *name : {"file", "link", "directory"}) {
+        const std::string path = folder / name;
+        try {
+            const Control control(loop, model, path, [] {});
+            ADD_FAILURE() << path;
+        } catch (const std::runtime_error &error) {
+            EXPECT_EQ(error.what(), path + " is no socket, and is left as it is: move it away, or choose another path");
+        }
+    }
+    const fs::path socket = folder / "some" / "where" / "socket";
+    {
+        const Control control(loop, model, socket, [] {});
+        EXPECT_EQ(fs::status(socket.parent_path()).permissions(), fs::perms::owner_all);
+        fs::remove(socket);
+        std::ofstream(socket) << "not its own";
+    }
+    EXPECT_TRUE(fs::is_regular_file(socket)) << "nor at the end";
+    fs::remove(socket);
+    fs::permissions(socket.parent_path(), fs::perms::owner_all | fs::perms::group_exec);
+    {
+        const Control control(loop, model, socket, [] {});
+    }
+    EXPECT_EQ(fs::status(socket.parent_path()).permissions(), fs::perms::owner_all | fs::perms::group_exec);
+    EXPECT_FALSE(fs::exists(socket));
+    EXPECT_TRUE(fs::is_symlink(folder / "link"));
+    EXPECT_EQ(fs::file_size(folder / "file"), 4U);
+    EXPECT_TRUE(fs::is_directory(folder / "directory"));
+    fs::remove_all(folder);
 }
 
 } // namespace keel

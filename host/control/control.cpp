@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -101,6 +102,19 @@ Json trace_json(const TraceLine &line) {
             {"text", line.text}};
 }
 
+void make_folder(const std::filesystem::path &folder) {
+    if (folder.empty() || std::filesystem::exists(folder))
+        return;
+    std::filesystem::create_directories(folder.parent_path());
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+        throw std::runtime_error("the socket's folder " + folder.string() + " cannot be made: " + std::strerror(errno));
+}
+
+bool removable(const std::string &path) {
+    struct stat found {};
+    return lstat(path.c_str(), &found) != 0 || S_ISSOCK(found.st_mode);
+}
+
 bool somebody_listens(const sockaddr_un &address) {
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool alive = probe >= 0 && connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
@@ -159,6 +173,9 @@ Control::Control(UvLoop &loop, Model &model, std::string socket_path, std::funct
     std::copy(path_.begin(), path_.end(), address.sun_path);
     if (somebody_listens(address))
         throw std::runtime_error(path_ + ": another keelhost listens on this socket");
+    make_folder(std::filesystem::path(path_).parent_path());
+    if (!removable(path_)) /* it is somebody's, perhaps by a slip in the options */
+        throw std::runtime_error(path_ + " is no socket, and is left as it is: move it away, or choose another path");
     unlink(path_.c_str());
 
     const int listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -186,7 +203,8 @@ Control::~Control() {
         drop(**clients_.begin());
     uv_close(reinterpret_cast<uv_handle_t *>(&listener_->handle),
              [](uv_handle_t *handle) { delete static_cast<Listener *>(handle->data); });
-    unlink(path_.c_str());
+    if (removable(path_))
+        unlink(path_.c_str());
 }
 
 void Control::accept() {
