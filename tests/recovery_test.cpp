@@ -15,7 +15,9 @@
 #include <fstream>
 
 #include "host/linux/firewall_policy.h"
+#include "host/linux/kernel.h"
 #include "host/linux/lan_port.h"
+#include "host/linux/multicast.h"
 #include "tests/linux_fixture.h"
 
 namespace keel {
@@ -165,6 +167,29 @@ TEST_F(RecoveryTest, APolicyOutlastsACommandThatHangs) {
     EXPECT_EQ(traced(Level::Error, "killed"), 1U);
     EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Enabled"; }));
     EXPECT_EQ(count(shell("iptables -S FORWARD_IPTV2Lan"), "-o eth1.20 -j IPTV_Out\n"), 1U);
+}
+
+TEST_F(RecoveryTest, TheMulticastConfigurationGoesThroughNoLink) {
+    shell("ip link add br-lan type bridge; ip link set br-lan up; ip addr add 192.168.1.1/24 dev br-lan");
+    const std::filesystem::path folder = "/run/keel";
+    std::filesystem::create_directories(folder);
+    std::ofstream("/run/precious") << "kept\n";
+    std::filesystem::create_symlink("/run/precious", folder / "igmpproxy.conf");
+    std::filesystem::create_symlink("/run/precious", folder / "igmpproxy.conf.new");
+    const std::string path = "TIDE.Intf.iptv";
+    model.set(path, {{"ClientEnable", true}, {"MRTIIFEnable", true}, {"WANEnable", true}});
+    add_address("1", "10.20.0.5", 24);
+    model.set("Weft.Intf.eth1.20", {{"Flags", std::string("netdev up ipv4")}});
+    KernelTables tables(loop);
+    Kernel kernel(loop, *graph, tables);
+    Multicast multicast(loop, *graph, "/bin/true", folder);
+    EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Error"; })) << "it ends at once";
+    struct stat file {};
+    ASSERT_EQ(lstat((folder / "igmpproxy.conf").c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode, S_IFREG | mode_t{0600});
+    EXPECT_EQ(count(shell("cat /run/keel/igmpproxy.conf"), "phyint eth1.20:zep upstream"), 1U);
+    EXPECT_EQ(shell("cat /run/precious"), "kept\n");
+    EXPECT_FALSE(std::filesystem::exists(folder / "igmpproxy.conf.new"));
 }
 
 } // namespace keel

@@ -4,9 +4,9 @@
 #include <ifaddrs.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "host/base/trace.h"
+#include "host/base/whole_file.h"
 #include "host/gateway/graph.h"
 
 namespace keel {
@@ -108,11 +108,11 @@ void Multicast::start(const Setup &setup) {
         failed("the kernel does not hold its addresses");
         return;
     }
-    if (!write_configuration(upstream, downstream)) {
-        failed("its configuration file " + file_ + " cannot be written");
+    std::string error;
+    if (!write_whole_file(file_, configuration(upstream, downstream), &error)) {
+        failed("its configuration file cannot be written: " + error);
         return;
     }
-    std::string error;
     process_ = Child::start(
         loop_, {igmpproxy_, "-n", file_}, nullptr, [this](int status) { ended(status); }, &error);
     if (process_)
@@ -121,17 +121,15 @@ void Multicast::start(const Setup &setup) {
         failed("it cannot be started: " + error);
 }
 
-bool Multicast::write_configuration(const std::string &upstream, const std::string &downstream) const {
-    std::ofstream file(file_);
-    file << "quickleave\n"
-         << "phyint " << upstream << " upstream ratelimit 0 threshold 1\n"
-         << "    altnet 0.0.0.0/0\n"
-         << "phyint " << downstream << " downstream ratelimit 0 threshold 1\n";
+std::string Multicast::configuration(const std::string &upstream, const std::string &downstream) const {
+    std::string text = "quickleave\n";
+    text += "phyint " + upstream + " upstream ratelimit 0 threshold 1\n";
+    text += "    altnet 0.0.0.0/0\n";
+    text += "phyint " + downstream + " downstream ratelimit 0 threshold 1\n";
     for (const std::string &name : graph_.with_flag("netdev"))
         if (name != used_.upstream.device && name != used_.downstream.device)
-            file << "phyint " << name << " disabled\n";
-    file.close();
-    return file.good();
+            text += "phyint " + name + " disabled\n";
+    return text;
 }
 
 void Multicast::ended(int status) {

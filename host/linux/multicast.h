@@ -21,7 +21,7 @@ namespace keel {
  * "Stopped", or "Error" while it ought to run and does not. */
 class Multicast {
 public:
-    /* The configuration file is written into the folder. */
+    /* The configuration file, igmpproxy.conf, is written anew into the folder at each start of the daemon. */
     Multicast(UvLoop &loop, InterfaceGraph &graph, std::string igmpproxy, const std::string &folder);
     Multicast(const Multicast &) = delete;
     Multicast &operator=(const Multicast &) = delete;
@@ -45,7 +45,7 @@ private:
     Side side(const std::string &device, const Side &used) const;
     void follow();
     void start(const Setup &setup);
-    bool write_configuration(const std::string &upstream, const std::string &downstream) const;
+    std::string configuration(const std::string &upstream, const std::string &downstream) const;
     void ended(int status);
     void failed(const std::string &reason);
     void set_status(const char *status);
