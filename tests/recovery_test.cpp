@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "host/linux/child.h"
 #include "host/linux/firewall_policy.h"
 #include "host/linux/kernel.h"
 #include "host/linux/lan_port.h"
@@ -190,6 +191,51 @@ TEST_F(RecoveryTest, TheMulticastConfigurationGoesThroughNoLink) {
     EXPECT_EQ(count(shell("cat /run/keel/igmpproxy.conf"), "phyint eth1.20:zep upstream"), 1U);
     EXPECT_EQ(shell("cat /run/precious"), "kept\n");
     EXPECT_FALSE(std::filesystem::exists(folder / "igmpproxy.conf.new"));
+}
+
+/* As the plug-in does it, with a process each for what comes and what goes. */
+TEST_F(RecoveryTest, TheFirewallScriptsRunInTheOrderOfTheirStart) {
+    set_up();
+    UvProcessRunner runner(loop);
+    int ended = 0;
+    const auto run = [&](const char *operation) {
+        EXPECT_TRUE(
+            runner.run({SOURCE_DIR "/share/zep_firewall.sh", "aux_rules", operation, "192.168.1.2"}, [&](int status) {
+                EXPECT_EQ(status, 0);
+                ++ended;
+            }));
+    };
+    constexpr int pairs = 60;
+    int lost = 0;
+    for (int pair = 0; pair < pairs; ++pair) {
+        ended = 0;
+        run("D");
+        run("A");
+        ASSERT_TRUE(soon([&] { return ended == 2; }));
+        lost += count(shell("iptables -S FORWARD_ZEP_Services"), "-s 192.168.1.2/32 -j ACCEPT") != 1;
+    }
+    EXPECT_EQ(lost, 0) << "of " << pairs;
+    for (int pair = 0; pair < 10; ++pair) {
+        ended = 0;
+        run("A");
+        run("D");
+        ASSERT_TRUE(soon([&] { return ended == 2; }));
+        EXPECT_EQ(shell("iptables -S FORWARD_ZEP_Services"), "-N FORWARD_ZEP_Services\n");
+    }
+}
+
+TEST_F(RecoveryTest, TheFirewallScriptGoesOnWhereItCannotLock) {
+    set_up();
+    const std::string script = SOURCE_DIR "/share/zep_firewall.sh aux_rules A ";
+    shell("ln -sf /run/precious /run/zep_firewall.lock");
+    EXPECT_EQ(shell(script + "192.168.1.2"),
+              "zep_firewall.sh: /run/zep_firewall.lock is no file that can be locked; going on without a lock\n");
+    EXPECT_FALSE(std::filesystem::exists("/run/precious"));
+    shell("mkdir /run/few; ln -s $(command -v grep) $(command -v sleep) /run/few; rm /run/zep_firewall.lock");
+    EXPECT_EQ(shell("PATH=/run/few " + script + "192.168.1.3"),
+              "zep_firewall.sh: there is no flock; going on without a lock\n");
+    EXPECT_EQ(shell(script + "192.168.1.4"), "");
+    EXPECT_EQ(count(shell("iptables -S FORWARD_ZEP_Services"), "-s 192.168.1."), 3U);
 }
 
 } // namespace keel
