@@ -215,7 +215,7 @@ TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
     for (const char *name : {"file", "link", "directory"}) {
         const std::string path = folder / name;
         try {
-            const Control control(loop, model, path, [] {});
+            const Control control(loop, model, path, [] { return std::string(); });
             ADD_FAILURE() << path;
         } catch (const std::runtime_error &error) {
             EXPECT_EQ(error.what(), path + " is no socket, and is left as it is: move it away, or choose another path");
@@ -223,7 +223,7 @@ TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
     }
     const fs::path socket = folder / "some" / "where" / "socket";
     {
-        const Control control(loop, model, socket, [] {});
+        const Control control(loop, model, socket, [] { return std::string(); });
         EXPECT_EQ(fs::status(socket.parent_path()).permissions(), fs::perms::owner_all);
         fs::remove(socket);
         std::ofstream(socket) << "not its own";
@@ -232,7 +232,7 @@ TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
     fs::remove(socket);
     fs::permissions(socket.parent_path(), fs::perms::owner_all | fs::perms::group_exec);
     {
-        const Control control(loop, model, socket, [] {});
+        const Control control(loop, model, socket, [] { return std::string(); });
     }
     EXPECT_EQ(fs::status(socket.parent_path()).permissions(), fs::perms::owner_all | fs::perms::group_exec);
     EXPECT_FALSE(fs::exists(socket));

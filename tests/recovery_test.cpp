@@ -227,10 +227,10 @@ TEST_F(RecoveryTest, TheFirewallScriptsRunInTheOrderOfTheirStart) {
 TEST_F(RecoveryTest, TheFirewallScriptGoesOnWhereItCannotLock) {
     set_up();
     const std::string script = SOURCE_DIR "/share/zep_firewall.sh aux_rules A ";
-    shell("ln -sf /run/precious /run/zep_firewall.lock");
+    shell("ln -sf /run/elsewhere /run/zep_firewall.lock");
     EXPECT_EQ(shell(script + "192.168.1.2"),
               "zep_firewall.sh: /run/zep_firewall.lock is no file that can be locked; going on without a lock\n");
-    EXPECT_FALSE(std::filesystem::exists("/run/precious"));
+    EXPECT_FALSE(std::filesystem::exists("/run/elsewhere"));
     shell("mkdir /run/few; ln -s $(command -v grep) $(command -v sleep) /run/few; rm /run/zep_firewall.lock");
     EXPECT_EQ(shell("PATH=/run/few " + script + "192.168.1.3"),
               "zep_firewall.sh: there is no flock; going on without a lock\n");
