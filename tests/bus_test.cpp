@@ -422,6 +422,40 @@ TEST_F(BusTest, RequestsMayBeDestroyedAtAnyTime) {
     request_destroy(queued); /* again: harmless */
 }
 
+TEST_F(BusTest, WhatAHandlerBringsAboutIsDoneBeforeTheNextOneRuns) {
+    static Told order;
+    order.clear();
+    const auto handler = [](request_t *, reply_item_t *item, sysbus_t *, sysbus_t *, void *) {
+        if (reply_item_type(item) != reply_type_notification)
+            return true;
+        order.emplace_back("handler");
+        push_set("Box", "Name", ("for device " + std::to_string(order.size())).c_str());
+        return true;
+    };
+    for (const char *key : {"x", "y"}) {
+        model.add("Box.Item", key, {});
+        request_t *request =
+            request_create_getObject((std::string("Box.Item.") + key).c_str(), 0, request_notify_values);
+        request_setReplyItemHandler(request, handler);
+        hull_sendRequest(rig_getHull(), rig_getSysbus(), request);
+    }
+    hull_timer_t *timer = hull_timer_create();
+    hull_timer_setHandler(timer, [](hull_timer_t *, void *) { order.emplace_back("timer"); });
+    loop.run_until_idle();
+    model.watch("Box", [&](const Event &event) { /* as the LAN server, which answers then */
+                                                 if (event.values.contains("Name"))
+                                                     order.emplace_back("answer");
+    });
+    set("Box.Item.x", {{"Value", std::string("bound")}});
+    set("Box.Item.y", {{"Value", std::string("bound")}});
+    hull_timer_start(timer, 0);
+    loop.run_until_idle();
+    EXPECT_EQ(order.size(), 5U);
+    std::erase(order, "timer");
+    EXPECT_EQ(order, (Told{"handler", "answer", "handler", "answer"}));
+    hull_timer_destroy(timer);
+}
+
 TEST_F(BusTest, CachedObjectsFollowTheModelAndCanBeCleared) {
     object_t *before = hull_client_get_object(rig_getSysbus(), "Box");
     EXPECT_EQ(before, hull_client_get_object(rig_getSysbus(), "Box"));

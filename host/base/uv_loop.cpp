@@ -3,16 +3,11 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <ctime>
 #include <stdexcept>
 #include <utility>
 
 namespace keel {
-
-namespace {
-constexpr int max_passed_over = 64;
-} // namespace
 
 UvLoop::UvLoop() : clock_(timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK)), due_(new uv_poll_t) {
     if (clock_ < 0 || uv_loop_init(&loop_) != 0)
@@ -20,11 +15,16 @@ UvLoop::UvLoop() : clock_(timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBL
     uv_idle_init(&loop_, &idle_);
     uv_check_init(&loop_, &check_);
     check_.data = this;
-    uv_check_start(&check_, [](uv_check_t *check) { static_cast<UvLoop *>(check->data)->run_posted(); });
+    uv_check_start(&check_, [](uv_check_t *check) { static_cast<UvLoop *>(check->data)->run_turn(); });
     uv_unref(reinterpret_cast<uv_handle_t *>(&check_));
     uv_poll_init(&loop_, due_, clock_);
     due_->data = this;
-    uv_poll_start(due_, UV_READABLE, [](uv_poll_t *due, int, int) { static_cast<UvLoop *>(due->data)->post_due(); });
+    uv_poll_start(due_, UV_READABLE, [](uv_poll_t *due, int, int) { /* wakes the loop; the turn finds what is due */
+                                                                    auto *self = static_cast<UvLoop *>(due->data);
+                                                                    std::uint64_t times = 0;
+                                                                    if (read(self->clock_, &times, sizeof times) > 0)
+                                                                        self->armed_ms_ = 0;
+    });
 }
 
 UvLoop::~UvLoop() {
@@ -40,12 +40,12 @@ UvLoop::~UvLoop() {
 }
 
 void UvLoop::post(Task task) {
-    posted_.push_back(std::move(task));
+    queue_.post(std::move(task));
     stay_awake();
 }
 
 void UvLoop::post_last(Task task) {
-    last_.push_back(std::move(task));
+    queue_.post_last(std::move(task));
     stay_awake();
 }
 
@@ -53,75 +53,35 @@ void UvLoop::stay_awake() {
     uv_idle_start(&idle_, [](uv_idle_t *) {});
 }
 
-/* Only what was posted before this turn: tasks that post tasks do not starve the sockets. */
-void UvLoop::run_posted() {
-    std::deque<Task> tasks;
-    tasks.swap(posted_);
-    for (Task &task : tasks) {
-        task();
-        task = nullptr;
-    }
-    if (!last_.empty() && ((tasks.empty() && posted_.empty()) || ++passed_over_ == max_passed_over)) {
-        passed_over_ = 0;
-        const Task task = std::move(last_.front());
-        last_.pop_front();
-        task();
-    }
-    if (posted_.empty() && last_.empty())
+void UvLoop::run_turn() {
+    queue_.run_turn(now_ms());
+    if (queue_.empty())
         uv_idle_stop(&idle_);
+    arm();
 }
 
 Loop::TimerId UvLoop::start_timer(std::uint64_t milliseconds, Task task) {
     if (!takes_delay(milliseconds))
         return 0;
-    const TimerId id = ++last_timer_;
-    const std::uint64_t due_ms = now_ms() + milliseconds;
-    timers_[id] = {due_ms, std::move(task)};
-    by_time_.emplace(due_ms, id);
-    if (by_time_.begin()->second == id)
-        arm();
+    const TimerId id = queue_.start_timer(now_ms() + milliseconds, std::move(task));
+    arm();
     return id;
+}
+
+void UvLoop::cancel_timer(TimerId id) {
+    queue_.cancel_timer(id); /* the clock may run out for it: then nothing is due */
 }
 
 /* For the first timer; a time that has passed is due at once. */
 void UvLoop::arm() {
+    const std::uint64_t due_ms = queue_.first_due().value_or(0);
+    if (due_ms == armed_ms_)
+        return;
+    armed_ms_ = due_ms;
     itimerspec first{};
-    if (!by_time_.empty()) {
-        const std::uint64_t due_ms = std::max<std::uint64_t>(by_time_.begin()->first, 1); /* 0 would disarm it */
-        first.it_value.tv_sec = static_cast<std::time_t>(due_ms / 1000);
-        first.it_value.tv_nsec = static_cast<long>(due_ms % 1000) * 1000000;
-    }
+    first.it_value.tv_sec = static_cast<std::time_t>(due_ms / 1000);
+    first.it_value.tv_nsec = static_cast<long>(due_ms % 1000) * 1000000; /* all 0: it does not run */
     timerfd_settime(clock_, TFD_TIMER_ABSTIME, &first, nullptr);
-}
-
-/* Due timers wait their turn among the posted tasks: one that starts itself anew with 0 ms does not starve the sockets,
- * and one that is cancelled before its turn does not run. */
-void UvLoop::post_due() {
-    std::uint64_t times = 0;
-    [[maybe_unused]] const ssize_t size = read(clock_, &times, sizeof times);
-    const std::uint64_t now = now_ms();
-    while (!by_time_.empty() && by_time_.begin()->first <= now) {
-        post([this, id = by_time_.begin()->second] { run_timer(id); });
-        by_time_.erase(by_time_.begin());
-    }
-    arm();
-}
-
-void UvLoop::run_timer(TimerId id) {
-    const auto found = timers_.find(id);
-    if (found == timers_.end())
-        return;
-    const Task task = std::move(found->second.task);
-    timers_.erase(found);
-    task();
-}
-
-void UvLoop::cancel_timer(TimerId id) {
-    const auto found = timers_.find(id);
-    if (found == timers_.end())
-        return;
-    by_time_.erase({found->second.due_ms, id}); /* the clock may run out for it: then nothing is due */
-    timers_.erase(found);
 }
 
 std::uint64_t UvLoop::now_ms() const {
@@ -146,7 +106,7 @@ void UvLoop::settle(std::uint64_t milliseconds) {
     const std::uint64_t end = now_ms() + milliseconds;
     do
         uv_run(&loop_, UV_RUN_NOWAIT);
-    while (!(posted_.empty() && last_.empty()) && now_ms() < end);
+    while (!queue_.empty() && now_ms() < end);
 }
 
 } // namespace keel

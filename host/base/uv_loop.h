@@ -4,14 +4,10 @@
 #ifndef HOST_BASE_UV_LOOP_H
 #define HOST_BASE_UV_LOOP_H
 
-#include <deque>
-#include <map>
-#include <set>
-#include <utility>
-
 #include <uv.h>
 
 #include "host/base/loop.h"
+#include "host/base/task_queue.h"
 
 namespace keel {
 
@@ -37,28 +33,17 @@ public:
 
 private:
     void stay_awake();
-    void run_posted();
-    void post_due();
-    void run_timer(TimerId id);
+    void run_turn();
     void arm();
 
-    struct Timer {
-        std::uint64_t due_ms;
-        Task task;
-    };
-
     uv_loop_t loop_{};
-    uv_idle_t idle_{};   /* active while tasks are posted: keeps the loop from sleeping */
+    uv_idle_t idle_{};   /* active while tasks wait: keeps the loop from sleeping */
     uv_check_t check_{}; /* runs them, once a turn, after I/O */
-    std::deque<Task> posted_;
-    std::deque<Task> last_; /* those of post_last() */
-    int passed_over_ = 0;   /* turns in which one of these was waiting and none was run */
+    TaskQueue queue_;
     /* One descriptor for all timers, on the clock that counts a suspended machine's time, which libuv's does not. */
     int clock_;
-    uv_poll_t *due_;                                      /* on it; lives until libuv has closed it */
-    std::map<TimerId, Timer> timers_;                     /* those that have not run */
-    std::set<std::pair<std::uint64_t, TimerId>> by_time_; /* those that are not due yet */
-    TimerId last_timer_ = 0;
+    std::uint64_t armed_ms_ = 0; /* the time that it is set to; 0 for none */
+    uv_poll_t *due_;             /* on it; lives until libuv has closed it */
 };
 
 } // namespace keel

@@ -4,20 +4,18 @@
 #ifndef HOST_SIM_SIM_LOOP_H
 #define HOST_SIM_SIM_LOOP_H
 
-#include <deque>
-#include <map>
 #include <utility>
 
-#include "host/base/loop.h"
+#include "host/base/task_queue.h"
 
 namespace keel {
 
 class SimLoop : public Loop {
 public:
-    void post(Task task) override;
-    void post_last(Task task) override;
+    void post(Task task) override { queue_.post(std::move(task)); }
+    void post_last(Task task) override { queue_.post_last(std::move(task)); }
     TimerId start_timer(std::uint64_t milliseconds, Task task) override;
-    void cancel_timer(TimerId id) override;
+    void cancel_timer(TimerId id) override { queue_.cancel_timer(id); }
     std::uint64_t now_ms() const override { return now_; }
     std::uint64_t wall_clock_s() const override { return epoch_s_ + now_ / 1000; }
 
@@ -30,15 +28,8 @@ public:
 
 private:
     std::uint64_t epoch_s_ = 1700000000; /* the wall clock at the start */
-
-    bool run_one();
-
     std::uint64_t now_ = 0;
-    TimerId last_timer_ = 0;
-    std::deque<Task> posted_;
-    std::deque<Task> last_;                                    /* those of post_last() */
-    std::map<std::pair<std::uint64_t, TimerId>, Task> timers_; /* by due time, then by age */
-    std::map<TimerId, std::uint64_t> due_;
+    TaskQueue queue_;
 };
 
 } // namespace keel
