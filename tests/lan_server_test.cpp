@@ -124,9 +124,26 @@ TEST_F(LanServerTest, LeasesSurviveARestartAndDevicesKeepTheirAddresses) {
 TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
     stb.start();
     loop.advance(100);
-    stb.leave();
+    stb.leave(); /* without its vendor class, as any device does */
     loop.advance(100);
     EXPECT_FALSE(model.find(lease(stb)));
+
+    stb.start();
+    loop.advance(100);
+    const std::string declined = stb.address();
+    stb.decline();
+    loop.advance(100);
+    EXPECT_NE(stb.address(), "");
+    EXPECT_NE(stb.address(), declined) << "it is in use elsewhere, it said";
+    SimDevice stranger(loop, lan, 2, "zep-stb");
+    stranger.client_id = {1, 0x02, 0xab, 0, 0, 0, 1}; /* the same identifier */
+    stranger.start();
+    loop.advance(100);
+    stranger.leave();
+    loop.advance(100);
+    EXPECT_TRUE(model.find(lease(stb))) << "a release of another device ends no lease";
+    stb.leave();
+    loop.advance(std::uint64_t{601} * 1000); /* the declined address is free again */
 
     std::vector<std::unique_ptr<SimDevice>> many;
     for (unsigned number = 100; number < 125; ++number) {

@@ -92,12 +92,12 @@ void LanDhcpServer::received(const std::uint8_t *data, std::size_t size) {
         drop("through a relay");
         return;
     }
-    const auto rule = rule_for(message);
+    const std::string id = id_of(message);
+    const auto rule = rule_for(message, id);
     if (!rule) {
         drop("no pool for the device");
         return;
     }
-    const std::string id = id_of(message);
     switch (message.type) {
     case DhcpType::Discover:
         discover(message, *rule, id);
@@ -119,10 +119,16 @@ void LanDhcpServer::received(const std::uint8_t *data, std::size_t size) {
     }
 }
 
-std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &message) const {
+/* A device that does not tell its vendor class belongs where its lease is: DECLINE and RELEASE never tell it (RFC 2131,
+ * table 5), and some devices tell it in their DISCOVER alone. */
+std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &message, const std::string &id) const {
     std::optional<Rule> rest;
     if (!model_.boolean("DHCPv4.Server", "Enable"))
         return rest;
+    if (message.vendor_class.empty())
+        for (const LeasePlace &place : leases_.leases_of(id))
+            if (is_of(place.path, message) && model_.boolean(pool_path(place.pool), "Enable"))
+                return rule_at(place.pool, place.rule);
     for (const std::string &pool : model_.instances(pools_path)) {
         if (!model_.boolean(pool_path(pool), "Enable"))
             continue;
@@ -136,6 +142,11 @@ std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &me
         }
     }
     return rest;
+}
+
+/* Whether the lease is the sender's: an identifier alone can be anybody's. */
+bool LanDhcpServer::is_of(const std::string &path, const DhcpMessage &message) const {
+    return model_.text(path, "MACAddress") == format_mac(message.hardware.data());
 }
 
 LanDhcpServer::Rule LanDhcpServer::rule_at(const std::string &pool, const std::string &number) const {
@@ -189,7 +200,8 @@ void LanDhcpServer::request(const DhcpMessage &message, const Rule &rule, const 
 void LanDhcpServer::release(const DhcpMessage &message, const Rule &rule, const std::string &id, bool declined) {
     const std::string path = lease_path(rule, id);
     const std::uint32_t address = declined ? message.requested_address : message.client_address;
-    if (!model_.find(path) || address == 0 || ipv4_or_none(model_.text(path, "IPAddress")) != address)
+    if (!model_.find(path) || !is_of(path, message) || address == 0 ||
+        ipv4_or_none(model_.text(path, "IPAddress")) != address)
         return;
     if (declined) {
         trace(Level::Warning, "lan", "%s is in use by another device, says %s; it is set aside",
@@ -231,9 +243,9 @@ std::uint32_t LanDhcpServer::choose_address(const DhcpMessage &message, const Ru
 
 /* A device that turns up as another kind leaves its lease of before. */
 void LanDhcpServer::drop_lease_elsewhere(const Rule &rule, const std::string &id) {
-    for (const std::string &path : leases_.leases_of(id))
-        if (path != lease_path(rule, id))
-            model_.remove(path);
+    for (const LeasePlace &place : leases_.leases_of(id))
+        if (place.path != lease_path(rule, id))
+            model_.remove(place.path);
 }
 
 bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, const std::string &id) {

@@ -56,7 +56,8 @@ private:
         std::uint32_t high;
     };
 
-    std::optional<Rule> rule_for(const DhcpMessage &message) const;
+    std::optional<Rule> rule_for(const DhcpMessage &message, const std::string &id) const;
+    bool is_of(const std::string &path, const DhcpMessage &message) const;
     Rule rule_at(const std::string &pool, const std::string &number) const;
     std::string lease_path(const Rule &rule, const std::string &id) const;
 

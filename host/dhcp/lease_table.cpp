@@ -30,12 +30,10 @@ bool is_of_lease(const Event &event) {
 LeaseTable::LeaseTable(Model &model) : model_(model) {
     for (const std::string &pool : model_.instances(pools_path)) {
         const std::string rules = join_path(pools_path, pool) + ".Rule";
-        for (const std::string &rule : model_.instances(rules)) {
-            const std::string parent = join_path(rules, rule) + ".Lease";
-            if (const Node *leases = model_.find(parent))
+        for (const std::string &rule : model_.instances(rules))
+            if (const Node *leases = model_.find(join_path(rules, rule) + ".Lease"))
                 for (const Node &lease : leases->children)
-                    add(join_path(parent, lease.name), lease.name, lease.values());
-        }
+                    add(lease.steps(), lease.values());
     }
     model_.observe(this, [this](const Event &event) { observe(event); });
 }
@@ -49,17 +47,22 @@ void LeaseTable::observe(const Event &event) {
         return;
     const std::string path = event.path();
     if (event.kind == Event::Kind::Added)
-        add(path, event.steps.back(), event.values);
+        add(event.steps, event.values);
     else if (event.kind == Event::Kind::Deleted)
         remove(path);
     else if (event.kind == Event::Kind::Changed && event.values.contains("IPAddress"))
         set_address(path, leases_.at(path), address_in(event.values));
 }
 
-void LeaseTable::add(const std::string &path, const std::string &id, const Values &values) {
+void LeaseTable::add(const std::vector<std::string> &steps, const Values &values) {
+    std::string path;
+    for (const std::string &step : steps)
+        path = join_path(path, step);
     Lease &lease = leases_[path];
-    lease.id = id;
-    by_id_[id].insert(path);
+    lease.pool = steps[3];
+    lease.rule = steps[5];
+    lease.id = steps[7];
+    by_id_[lease.id].insert(path);
     set_address(path, lease, address_in(values));
 }
 
@@ -83,10 +86,14 @@ bool LeaseTable::is_leased(std::uint32_t address) const {
     return by_address_.contains(address);
 }
 
-std::vector<std::string> LeaseTable::leases_of(const std::string &id) const {
-    const auto found = by_id_.find(id);
-    return found == by_id_.end() ? std::vector<std::string>()
-                                 : std::vector<std::string>(found->second.begin(), found->second.end());
+std::vector<LeasePlace> LeaseTable::leases_of(const std::string &id) const {
+    std::vector<LeasePlace> places;
+    if (const auto found = by_id_.find(id); found != by_id_.end())
+        for (const std::string &path : found->second) {
+            const Lease &lease = leases_.at(path);
+            places.push_back({path, lease.pool, lease.rule});
+        }
+    return places;
 }
 
 std::vector<std::string> LeaseTable::all() const {

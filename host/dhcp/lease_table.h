@@ -18,6 +18,12 @@ namespace keel {
 
 constexpr const char *pools_path = "DHCPv4.Server.Pool";
 
+struct LeasePlace {
+    std::string path;
+    std::string pool;
+    std::string rule; /* its number */
+};
+
 /* An index that every write to the model keeps up: who has an address, where a device's leases are. When a lease ends
  * is known here alone, on the loop's clock; "Expires" in the model is for people and for the next start. */
 class LeaseTable {
@@ -30,8 +36,8 @@ public:
 
     /* Host order. */
     bool is_leased(std::uint32_t address) const;
-    /* The paths of the leases of that name, in every pool. */
-    std::vector<std::string> leases_of(const std::string &id) const;
+    /* The leases of that name, in every pool. */
+    std::vector<LeasePlace> leases_of(const std::string &id) const;
     /* All paths. */
     std::vector<std::string> all() const;
 
@@ -44,11 +50,13 @@ public:
 private:
     struct Lease {
         std::string id;
+        std::string pool;
+        std::string rule;
         std::uint32_t address = 0;
         std::optional<std::uint64_t> end_ms;
     };
 
-    void add(const std::string &path, const std::string &id, const Values &values);
+    void add(const std::vector<std::string> &steps, const Values &values);
     void remove(const std::string &path);
     void set_address(const std::string &path, Lease &lease, std::uint32_t address);
     void observe(const Event &event);

@@ -74,7 +74,9 @@ Bytes SimDevice::message(DhcpType type, const std::string &requested, const std:
         packet.add_option({Tins::DHCP::DHCP_REQUESTED_ADDRESS, bytes.begin(), bytes.end()});
         packet.server_identifier(Tins::IPv4Address(server_address));
     }
-    packet.add_option({Tins::DHCP::VENDOR_CLASS_IDENTIFIER, vendor_class_.begin(), vendor_class_.end()});
+    const bool bare = type == DhcpType::Release || type == DhcpType::Decline; /* RFC 2131, table 5 */
+    if (!bare && !vendor_class_.empty())
+        packet.add_option({Tins::DHCP::VENDOR_CLASS_IDENTIFIER, vendor_class_.begin(), vendor_class_.end()});
     if (!client_id.empty())
         packet.add_option({Tins::DHCP::DHCP_CLIENT_IDENTIFIER, client_id.begin(), client_id.end()});
     packet.end();
@@ -97,6 +99,11 @@ void SimDevice::leave() {
     if (!address_.empty())
         lan_.to_server(message(DhcpType::Release, "", address_));
     stop();
+}
+
+void SimDevice::decline() {
+    lan_.to_server(message(DhcpType::Decline, address_, ""));
+    start();
 }
 
 void SimDevice::discover() {

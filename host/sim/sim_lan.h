@@ -53,6 +53,8 @@ public:
     void stop();
     /* Gives its lease back, then stops. */
     void leave();
+    /* Has found its address in use, and asks anew. */
+    void decline();
 
     std::string mac() const;                                /* upper case */
     std::string id() const;                                 /* the name of its lease */
