@@ -15,7 +15,7 @@ class Keel:
 
     def _ask(self, *words):
         done = subprocess.run((self._keelctl, "--socket", self._socket, "-S", *words), capture_output=True, text=True,
-                              timeout=10, check=False)
+                              timeout=10, check=False, start_new_session=True)
         if done.returncode != 0:
             return None
         return [json.loads(line) for line in done.stdout.splitlines()]
@@ -46,7 +46,8 @@ class Keel:
     def at_once(self, *writes):
         """Writes several parameters, each (path, name, value), so close together that none waits for what another sets
         going."""
-        started = [subprocess.Popen((self._keelctl, "--socket", self._socket, "set", path, f"{name}={value}"))
+        started = [subprocess.Popen((self._keelctl, "--socket", self._socket, "set", path, f"{name}={value}"),
+                                    start_new_session=True)
                    for path, name, value in writes]
         return all([process.wait(10) == 0 for process in started])
 
@@ -59,7 +60,8 @@ class Keel:
     def watch_wan_clients(self):
         """Notes, from now on, when each WAN client is first bound."""
         watch = subprocess.Popen((self._keelctl, "--socket", self._socket, "-S", "watch", "Weft.Intf"),
-                                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                 start_new_session=True)
 
         def follow():
             with watch.stdout:

@@ -53,10 +53,12 @@ class Network:
         return self._call("nsenter", f"--net={NETNS}/{name}", *argv, check=check, timeout=timeout)
 
     def spawn(self, name, *argv, log, env=None):
-        """Starts a program in a namespace; its output goes to a log file in the lab's folder."""
+        """Starts a program in a namespace; its output goes to a log file in the lab's folder. Ctrl-C is the lab's alone:
+        it ends its programs in the order in which they should end."""
         with open(os.path.join(self.folder, log), "ab") as output:
             process = subprocess.Popen(("nsenter", f"--net={NETNS}/{name}", *argv), stdin=subprocess.DEVNULL,
-                                       stdout=output, stderr=subprocess.STDOUT, env={**os.environ, **(env or {})})
+                                       stdout=output, stderr=subprocess.STDOUT, env={**os.environ, **(env or {})},
+                                       start_new_session=True)
         self.processes.append(process)
         return process
 
@@ -99,7 +101,7 @@ class Network:
     @staticmethod
     def _call(*argv, check=True, timeout=30):
         done = subprocess.run(argv, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout,
-                              check=False)
+                              check=False, start_new_session=True)
         if check and done.returncode != 0:
             raise CommandFailed(f"{' '.join(argv)}: {done.stderr.strip() or f'exit status {done.returncode}'}")
         return done.stdout
