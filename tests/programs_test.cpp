@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -112,6 +113,22 @@ TEST_F(ProgramsTest, TheyAreGivenNothingOfTheHost) {
     sigprocmask(SIG_SETMASK, &before, nullptr);
     std::signal(SIGPIPE, ignored);
     close(leak);
+}
+
+TEST_F(ProgramsTest, TheyFindTheSystemsProgramsWhateverTheHostWasGiven) {
+    const std::string before = std::getenv("PATH");
+    for (const char *given : {"/usr/local/bin:/usr/bin:/bin:/usr/local/games:/usr/games", "/nonexistent", ""}) {
+        setenv("PATH", given, 1);
+        setenv("LD_PRELOAD", "/nonexistent", 1);
+        EXPECT_EQ(run_and_wait({"iptables", "--version"}, 5000, &error), 0) << error;
+        Lines lines;
+        const auto child = Child::start(
+            loop, {"env"}, [&](const std::string &line) { lines.push_back(line); }, nullptr, &error);
+        EXPECT_TRUE(soon([&] { return !has_children(); }));
+        EXPECT_EQ(lines, (Lines{"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"}));
+    }
+    unsetenv("LD_PRELOAD");
+    setenv("PATH", before.c_str(), 1);
 }
 
 TEST_F(ProgramsTest, OneThatCannotBeStartedIsToldAtOnce) {

@@ -23,7 +23,7 @@ public:
     using OnLine = std::function<void(const std::string &line)>;
     using OnExit = std::function<void(int status)>;
 
-    /* Starts argv[0] (looked up in PATH). Lines of its standard output and error go to on_line when there is one, else
+    /* Starts argv[0] as Program does. Lines of its standard output and error go to on_line when there is one, else
      * they are the host's; all that it printed comes before on_exit, which is told its exit status, or 128 and the
      * signal that ended it. Both may destroy the child. Null with the reason in *error when it cannot be started. */
     static std::unique_ptr<Child> start(UvLoop &loop, const std::vector<std::string> &argv, OnLine on_line,

@@ -20,6 +20,12 @@ namespace {
 constexpr int slice_ms = 100; /* of a wait: one that a signal cut short counts as whole, so that it ends in any case */
 constexpr int kill_ms = 1000; /* until a killed program is gone, unless the kernel holds it */
 
+/* The host may have been started with any PATH, as by an ordinary user's shell, where those of the administrator's
+ * programs are missing. */
+char path[] = "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+char language[] = "LC_ALL=C";
+char *environment[] = {path, language, nullptr};
+
 void close_pipe(const int (&ends)[2]) {
     for (const int end : ends)
         if (end >= 0)
@@ -49,6 +55,7 @@ void close_pipe(const int (&ends)[2]) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    environ = environment; /* where execvp looks for the PATH, too */
     execvp(argv[0], argv);
     fail();
     _exit(127);

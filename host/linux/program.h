@@ -22,8 +22,9 @@ public:
         Piped      /* one pipe for both, see output() */
     };
 
-    /* Starts argv[0] (looked up in PATH) with default signals, nothing to read, and no descriptor of the host's besides
-     * its output. Null with the reason in *error when it cannot be started. */
+    /* Starts argv[0] with default signals, nothing to read, and no descriptor of the host's besides its output. Its
+     * environment is a PATH of the system's folders, in which argv[0] is looked up, and LC_ALL=C; of the host's own it
+     * gets nothing. Null with the reason in *error when it cannot be started. */
     static std::unique_ptr<Program> start(const std::vector<std::string> &argv, Output output, std::string *error);
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
