@@ -18,8 +18,6 @@ constexpr const char *own_chain = "FORWARD_IPTV2Lan";
 constexpr std::string_view chain_prefix = "Firewall.Chain.";
 constexpr std::size_t max_chain_name = 28; /* of iptables */
 constexpr int command_limit_ms = 7000;     /* it waits up to 5 s for others */
-constexpr std::uint64_t first_pause_ms = 1000;
-constexpr std::uint64_t last_pause_ms = 60000;
 
 bool is_chain_name(std::string_view name) {
     const auto fits = [](char c) {
@@ -68,7 +66,7 @@ void FirewallPolicy::follow() {
     if (wanted == tried_)
         return;
     loop_.cancel_timer(std::exchange(retry_, 0));
-    pause_ms_ = 0;
+    pause_.reset();
     tried_ = wanted;
     bring_about();
 }
@@ -117,9 +115,10 @@ void FirewallPolicy::done(bool well) {
         trace(Level::Info, "firewall", "%s: ReverseChain=%s is in force again", policy_path, chain.c_str());
     complained_ = holds ? std::nullopt : tried_;
     model_.set(policy_path, {{"Status", std::string(holds ? "Enabled" : "error")}});
-    pause_ms_ = well ? 0 : std::clamp(2 * pause_ms_, first_pause_ms, last_pause_ms);
-    if (pause_ms_)
-        retry_ = loop_.start_timer(pause_ms_, [this] {
+    if (well)
+        pause_.reset();
+    else
+        retry_ = loop_.start_timer(pause_.next_ms(), [this] {
             retry_ = 0;
             bring_about();
         });

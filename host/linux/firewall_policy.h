@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/base/growing_pause.h"
 #include "host/base/uv_loop.h"
 #include "host/gateway/graph.h"
 #include "host/linux/child.h"
@@ -53,8 +54,8 @@ private:
     std::deque<std::vector<std::string>> commands_;
     std::unique_ptr<Child> running_;
     Loop::TimerId retry_ = 0;
-    std::uint64_t pause_ms_ = 0;     /* before the next try; 0: all is well */
-    std::optional<Goal> complained_; /* about this one last; none: all is well */
+    GrowingPause pause_{1000, 60000}; /* before the next try */
+    std::optional<Goal> complained_;  /* about this one last; none: all is well */
 };
 
 } // namespace keel

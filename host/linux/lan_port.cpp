@@ -20,7 +20,7 @@ namespace keel {
 
 namespace {
 
-constexpr std::uint64_t first_pause_ms = 100; /* the frames of this time are lost; the devices ask again */
+constexpr std::uint64_t first_pause_ms = 100;
 constexpr std::uint64_t last_pause_ms = 1000;
 constexpr std::uint16_t server_port = 67;
 constexpr std::uint16_t client_port = 68;
@@ -47,7 +47,8 @@ struct PacketLanPort::Poll {
 };
 
 PacketLanPort::PacketLanPort(UvLoop &loop, std::string interface, Receiver receiver)
-    : loop_(loop), interface_(std::move(interface)), receiver_(std::move(receiver)), pause_ms_(first_pause_ms) {
+    : loop_(loop), interface_(std::move(interface)), receiver_(std::move(receiver)),
+      pause_(first_pause_ms, last_pause_ms) {
     open_or_retry();
 }
 
@@ -76,11 +77,10 @@ void PacketLanPort::lost(int error) {
               std::strerror(error));
     complained_ = true;
     if (opened_ms_ != 0 && loop_.now_ms() - opened_ms_ >= last_pause_ms)
-        pause_ms_ = first_pause_ms;
+        pause_.reset();
     opened_ms_ = 0;
     loop_.cancel_timer(retry_);
-    retry_ = loop_.start_timer(pause_ms_, [this] { open_or_retry(); });
-    pause_ms_ = std::min(2 * pause_ms_, last_pause_ms);
+    retry_ = loop_.start_timer(pause_.next_ms(), [this] { open_or_retry(); });
 }
 
 int PacketLanPort::open() {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 
+#include "host/base/growing_pause.h"
 #include "host/base/uv_loop.h"
 #include "host/dhcp/lan_server.h"
 
@@ -48,7 +49,7 @@ private:
     int index_ = 0;
     Poll *poll_ = nullptr;
     Loop::TimerId retry_ = 0;
-    std::uint64_t pause_ms_;
+    GrowingPause pause_; /* the frames of this time are lost; the devices ask again */
     std::uint64_t opened_ms_ = 0;
     bool complained_ = false;
 };

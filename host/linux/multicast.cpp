@@ -14,7 +14,7 @@ namespace keel {
 namespace {
 
 constexpr const char *switches_path = "TIDE.Intf.iptv";
-constexpr std::uint64_t restart_delay_ms = 2000; /* of a daemon that ended by itself */
+constexpr std::uint64_t runs_ms = 60000; /* a daemon that has run for so long does run */
 
 /* The name by which igmpproxy knows the device of an address: the address's label, which is not the device's name
  * when somebody gave it one of its own. "" when the kernel does not hold the address. */
@@ -93,6 +93,7 @@ void Multicast::follow() {
     } else if (!setup) {
         loop_.cancel_timer(restart_);
         restart_ = 0;
+        pause_.reset();
         set_status("Stopped");
     } else if (!restart_) {
         start(*setup);
@@ -115,6 +116,7 @@ void Multicast::start(const Setup &setup) {
     }
     process_ = Child::start(
         loop_, {igmpproxy_, "-n", file_}, nullptr, [this](int status) { ended(status); }, &error);
+    started_ms_ = loop_.now_ms();
     if (process_)
         set_status("Running");
     else
@@ -141,9 +143,13 @@ void Multicast::ended(int status) {
 }
 
 void Multicast::failed(const std::string &reason) {
-    trace(Level::Error, "multicast", "%s: %s; it is started again", igmpproxy_.c_str(), reason.c_str());
+    if (started_ms_ != 0 && loop_.now_ms() - started_ms_ >= runs_ms)
+        pause_.reset();
+    started_ms_ = 0;
+    if (!pause_.is_failing())
+        trace(Level::Error, "multicast", "%s: %s; it is started again", igmpproxy_.c_str(), reason.c_str());
     set_status("Error");
-    restart_ = loop_.start_timer(restart_delay_ms, [this] {
+    restart_ = loop_.start_timer(pause_.next_ms(), [this] {
         restart_ = 0;
         follow();
     });

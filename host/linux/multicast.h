@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "host/base/growing_pause.h"
 #include "host/base/uv_loop.h"
 #include "host/gateway/graph.h"
 #include "host/linux/child.h"
@@ -61,6 +62,8 @@ private:
     std::unique_ptr<Child> process_;
     bool killed_ = false;
     Loop::TimerId restart_ = 0;
+    GrowingPause pause_{2000, 60000}; /* before the next start of a daemon that does not run */
+    std::uint64_t started_ms_ = 0;
 };
 
 } // namespace keel

@@ -19,8 +19,6 @@ namespace keel {
 
 namespace {
 
-constexpr std::uint64_t first_pause_ms = 1000;
-constexpr std::uint64_t longest_pause_ms = 60000;
 constexpr int messages_a_turn = 1000; /* a storm must not hold the loop */
 constexpr int messages_at_most = 100000;
 
@@ -133,18 +131,17 @@ void NetlinkEvents::fail(int error) {
     trace(Level::Warning, "kernel", "the kernel's events are lost (%s): the socket is opened anew",
           std::strerror(error));
     close();
-    pause_ms_ = first_pause_ms;
-    reopening_ = loop_.start_timer(pause_ms_, [this] { try_again(); });
+    reopening_ = loop_.start_timer(pause_.next_ms(), [this] { try_again(); });
 }
 
 void NetlinkEvents::try_again() {
     if (!open()) {
         close();
-        pause_ms_ = std::min(2 * pause_ms_, longest_pause_ms);
-        reopening_ = loop_.start_timer(pause_ms_, [this] { try_again(); });
+        reopening_ = loop_.start_timer(pause_.next_ms(), [this] { try_again(); });
         return;
     }
     reopening_ = 0;
+    pause_.reset();
     trace(Level::Info, "kernel", "the kernel's events are there again");
     receiver_.lost();
 }

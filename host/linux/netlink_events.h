@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "host/base/growing_pause.h"
 #include "host/base/uv_loop.h"
 #include "host/linux/netlink.h"
 
@@ -51,7 +52,7 @@ private:
     int socket_ = -1;
     Poll *poll_ = nullptr;
     Loop::TimerId reopening_ = 0;
-    std::uint64_t pause_ms_ = 0; /* until the next attempt; 0 while the socket is in order */
+    GrowingPause pause_{1000, 60000}; /* until the next attempt */
 };
 
 } // namespace keel

@@ -10,8 +10,6 @@ namespace keel {
 
 namespace {
 
-constexpr std::uint64_t first_retry_ms = 1000; /* after a failure; it doubles */
-constexpr std::uint64_t longest_retry_ms = 60000;
 constexpr int max_rounds = 8; /* of changes that follow from changes */
 constexpr const char *host_path = "KeelHost";
 
@@ -96,9 +94,8 @@ void Store::set_error(const std::string &error) {
 
 void Store::try_again() {
     loop_.cancel_timer(retry_);
-    retry_ms_ = std::clamp(2 * retry_ms_, first_retry_ms, longest_retry_ms);
     write_posted_ = true;
-    retry_ = loop_.start_timer(retry_ms_, [this, alive = alive_] {
+    retry_ = loop_.start_timer(pause_.next_ms(), [this, alive = alive_] {
         if (*alive)
             write_dirty();
     });
@@ -220,7 +217,7 @@ void Store::write_dirty() {
             return;
         }
     }
-    retry_ms_ = 0;
+    pause_.reset();
     set_error("");
 }
 

@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 
+#include "host/base/growing_pause.h"
 #include "host/model/database.h"
 #include "host/model/model.h"
 
@@ -69,7 +70,7 @@ private:
     std::int64_t highest_position_ = 0;  /* in the file at that time */
     bool write_posted_ = false;
     Loop::TimerId retry_ = 0;
-    std::uint64_t retry_ms_ = 0;
+    GrowingPause pause_{1000, 60000}; /* before the next try */
     std::shared_ptr<bool> alive_;
 };
 
