@@ -284,6 +284,30 @@ TEST_F(Life, StoredIdentitiesServeAgainAfterAPowerCut) {
     EXPECT_EQ(routes().size(), 2U) << "the stored set does not differ, so the routes themselves must come back";
 }
 
+TEST_F(Life, ARefusedStbThatKeepsAskingIsServedOnceTheReasonIsGone) {
+    power_on();
+    set("Keel.Zephyrin", {{"MonoClient", true}});
+    serve(1);
+    SimDevice &second_one = serve(2);
+    loop->advance(10 * minute);
+    EXPECT_TRUE(second_one.address().empty()) << "one STB is all that may be served";
+    EXPECT_LE(traced("Only one STB can be managed"), 7U) << "it is not told at each of its requests";
+    set("Keel.Zephyrin", {{"MonoClient", false}});
+    loop->advance(3 * minute);
+    EXPECT_FALSE(second_one.address().empty());
+}
+
+TEST_F(Life, TheOperatorsServersReachTheStbAfterAPowerCut) {
+    power_on();
+    serve(1);
+    power_cut();
+    power_on();
+    const SimDevice::Answer *ack = serve(1).last(DhcpType::Ack);
+    ASSERT_NE(ack, nullptr);
+    EXPECT_EQ(format_hex(ack->options.at(42)), "0a140002");
+    EXPECT_EQ(format_hex(ack->options.at(72)), "0a140003");
+}
+
 TEST_F(Life, APowerCutBetweenTwoSetsOfRoutesLeavesNobodyWithoutRoutes) {
     power_on();
     const std::string client = "dhcp_zep_" + serve(1).id();

@@ -222,9 +222,7 @@ TEST_F(ModelTest, OnlyADamagedStoreIsMovedAside) {
     SimLoop loop;
     Model model(loop);
     model.load_text(tree, "test");
-    {
-        Store store(loop, model, file); /* it is in use, not damaged */
-    }
+    { Store store(loop, model, file); /* it is in use, not damaged */ }
     EXPECT_FALSE(std::filesystem::exists(folder / "keel.db.damaged-1"));
     sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
     sqlite3_close(other);

@@ -11,6 +11,7 @@ namespace {
 constexpr std::size_t max_id = 35; /* characters of a client identifier's text */
 constexpr std::size_t max_parked = 64;
 constexpr std::uint64_t declined_for_ms = 600000;
+constexpr std::uint64_t report_again_ms = 120000;           /* a device that is still held, and still asks */
 constexpr std::uint64_t longest_wait_ms = 24 * 3600 * 1000; /* for the end of a lease; then it is looked again */
 constexpr std::uint64_t clock_is_set_s = 1577836800;        /* a gateway without a clock of its own starts in 1970 */
 constexpr std::uint64_t offer_valid_s = 60;                 /* how long an offered address waits for its request */
@@ -230,15 +231,27 @@ bool LanDhcpServer::in_use(std::uint32_t address) const {
     return leases_.is_leased(address) || (declined != declined_until_.end() && declined->second > loop_.now_ms());
 }
 
-/* What the device asks for if that is free, else the lowest that is; 0 when the range is used up. */
+/* What the device asks for if that is free, else the one unused longest, the lowest of those never used; 0 when the
+ * range is used up. A device that was switched off so keeps its address for as long as there are others: what was set
+ * up for it, a mapping above all, may still be in force. */
 std::uint32_t LanDhcpServer::choose_address(const DhcpMessage &message, const Rule &rule) const {
     for (const std::uint32_t wanted : {message.requested_address, message.client_address})
         if (wanted >= rule.low && wanted <= rule.high && wanted != 0 && !in_use(wanted))
             return wanted;
-    for (std::uint32_t address = rule.low; address != 0 && address <= rule.high; ++address)
-        if (!in_use(address))
+    std::uint32_t longest = 0;
+    std::uint64_t freed_at = 0;
+    for (std::uint32_t address = rule.low; address != 0 && address <= rule.high; ++address) {
+        if (in_use(address))
+            continue;
+        const std::uint64_t freed = leases_.freed(address);
+        if (freed == 0)
             return address;
-    return 0;
+        if (longest == 0 || freed < freed_at) {
+            longest = address;
+            freed_at = freed;
+        }
+    }
+    return longest;
 }
 
 /* A device that turns up as another kind leaves its lease of before. */
@@ -255,12 +268,21 @@ bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, cons
         drop("the range of " + rule.path + " is used up");
         return false;
     }
+    return report_lease(message, rule, id, address);
+}
+
+/* Whoever watches the pool is told of the device. */
+bool LanDhcpServer::report_lease(const DhcpMessage &message, const Rule &rule, const std::string &id,
+                                 std::uint32_t address) {
     const bool hold = model_.boolean(pool_path(rule.pool), "LeasesOnHold");
+    const auto now = static_cast<std::int64_t>(loop_.wall_clock_s());
     const Outcome refusal = model_.add(rule.path + ".Lease", id,
                                        {{"ClientID", id},
                                         {"IPAddress", format_ipv4(address)},
                                         {"MACAddress", format_mac(message.hardware.data())},
-                                        {"OnHold", hold}});
+                                        {"OnHold", hold},
+                                        {"Expires", now + static_cast<std::int64_t>(offer_valid_s)},
+                                        {"Written", now}});
     if (refusal) {
         trace(Level::Error, "lan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
         return false;
@@ -276,7 +298,18 @@ void LanDhcpServer::park(const DhcpMessage &message, const Rule &rule, const std
         drop("too many devices on hold");
         return;
     }
-    parked_[path] = message;
+    auto [parked, fresh] = parked_.try_emplace(path);
+    if (fresh)
+        parked->second.reported_ms = loop_.now_ms();
+    parked->second.message = message;
+    if (loop_.now_ms() - parked->second.reported_ms >= report_again_ms) {
+        /* Whoever refused it may think otherwise by now. */
+        const std::uint32_t address = ipv4_or_none(model_.text(path, "IPAddress"));
+        parked->second.reported_ms = loop_.now_ms();
+        model_.remove(path);
+        report_lease(message, rule, id, address);
+        return;
+    }
     lasts(path, offer_valid_s);
 }
 
@@ -353,7 +386,7 @@ void LanDhcpServer::lease_changed(const std::string &path, const Event &event) {
     const auto waiting = parked_.find(path);
     if (!event.values.contains("OnHold") || waiting == parked_.end() || model_.boolean(path, "OnHold", true))
         return;
-    const DhcpMessage message = waiting->second;
+    const DhcpMessage message = waiting->second.message;
     parked_.erase(waiting);
     answer_lease(message, rule_at(event.steps[3], event.steps[5]), event.steps.back(),
                  message.type == DhcpType::Request ? DhcpType::Ack : DhcpType::Offer);

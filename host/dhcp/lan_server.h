@@ -33,9 +33,10 @@ public:
 /* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else to the pool
  * whose rule has none. While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold"
  * true and the device is not answered; when "OnHold" turns false, its waiting request is answered at once, with the
- * lease time and the options of that moment. Leases are kept by the store and taken up again at the start, for what was
- * left of them: "Expires" less "Written", when it was written, less the time since as far as the wall clock tells it.
- * While the server runs the wall clock ends no lease and prolongs none. */
+ * lease time and the options of that moment. A device that still asks after two minutes is reported anew: its instance
+ * is deleted and added. Leases are kept by the store and taken up again at the start, for what was left of them:
+ * "Expires" less "Written", when it was written, less the time since as far as the wall clock tells it. While the
+ * server runs the wall clock ends no lease and prolongs none. */
 class LanDhcpServer {
 public:
     LanDhcpServer(Loop &loop, Model &model, LanPort &port);
@@ -56,6 +57,11 @@ private:
         std::uint32_t high;
     };
 
+    struct Parked {
+        DhcpMessage message; /* that waits for the release of its lease */
+        std::uint64_t reported_ms = 0;
+    };
+
     std::optional<Rule> rule_for(const DhcpMessage &message, const std::string &id) const;
     bool is_of(const std::string &path, const DhcpMessage &message) const;
     Rule rule_at(const std::string &pool, const std::string &number) const;
@@ -67,6 +73,7 @@ private:
     void inform(const DhcpMessage &message, const Rule &rule);
 
     bool add_lease(const DhcpMessage &message, const Rule &rule, const std::string &id);
+    bool report_lease(const DhcpMessage &message, const Rule &rule, const std::string &id, std::uint32_t address);
     std::uint32_t choose_address(const DhcpMessage &message, const Rule &rule) const;
     bool in_use(std::uint32_t address) const;
     void drop_lease_elsewhere(const Rule &rule, const std::string &id);
@@ -89,7 +96,7 @@ private:
     LanPort &port_;
     LeaseTable leases_;
     Model::WatchId watch_;
-    std::map<std::string, DhcpMessage> parked_;             /* lease path -> the request that waits for its release */
+    std::map<std::string, Parked> parked_;                  /* by the path of the lease */
     std::map<std::uint32_t, std::uint64_t> declined_until_; /* address -> ms */
     std::map<std::string, std::uint64_t> dropped_;
     Loop::TimerId expiry_ = 0;

@@ -77,6 +77,8 @@ void LeaseTable::remove(const std::string &path) {
 
 void LeaseTable::set_address(const std::string &path, Lease &lease, std::uint32_t address) {
     take_out(by_address_, lease.address, path);
+    if (lease.address != 0 && !is_leased(lease.address))
+        freed_[lease.address] = ++last_freed_;
     lease.address = address;
     if (address != 0)
         by_address_[address].insert(path);
@@ -84,6 +86,11 @@ void LeaseTable::set_address(const std::string &path, Lease &lease, std::uint32_
 
 bool LeaseTable::is_leased(std::uint32_t address) const {
     return by_address_.contains(address);
+}
+
+std::uint64_t LeaseTable::freed(std::uint32_t address) const {
+    const auto found = freed_.find(address);
+    return found == freed_.end() ? 0 : found->second;
 }
 
 std::vector<LeasePlace> LeaseTable::leases_of(const std::string &id) const {

@@ -36,6 +36,8 @@ public:
 
     /* Host order. */
     bool is_leased(std::uint32_t address) const;
+    /* The order in which addresses were given back: a later one has a higher number. 0 for one that never was. */
+    std::uint64_t freed(std::uint32_t address) const;
     /* The leases of that name, in every pool. */
     std::vector<LeasePlace> leases_of(const std::string &id) const;
     /* All paths. */
@@ -64,6 +66,8 @@ private:
     Model &model_;
     std::unordered_map<std::string, Lease> leases_; /* by path */
     std::unordered_map<std::uint32_t, std::set<std::string>> by_address_;
+    std::unordered_map<std::uint32_t, std::uint64_t> freed_;
+    std::uint64_t last_freed_ = 0;
     std::unordered_map<std::string, std::set<std::string>> by_id_;
     std::set<std::pair<std::uint64_t, std::string>> by_end_;
 };

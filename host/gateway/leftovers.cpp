@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
 constexpr const char *received_routes_path = "Keel.Zephyrin.ClasslessStaticRoute";
+constexpr const char *no_server = "00000000";
 constexpr const char *own_route_prefix = "zep_"; /* of the keys under which the routed mode adds routes */
 
 std::vector<std::string> instance_paths(const Model &model, const std::string &parent) {
@@ -42,6 +43,17 @@ void remove(Model &model, const std::vector<std::string> &paths, const char *wha
             trace(Level::Warning, "settings", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
 }
 
+/* What the operator sent for the STBs is of the routed mode alone. */
+void forget_servers(Model &model) {
+    for (const char *server : {"NTPServer", "WWWServer"})
+        if (model.get(service_path, server))
+            model.set(service_path, {{server, std::string(no_server)}});
+    for (const char *pool : iptv_pools)
+        for (const char *option : {"ntp", "www"})
+            if (const std::string path = std::string(pool) + ".Option." + option; model.find(path))
+                model.set(path, {{"Enable", false}, {"Value", std::string(no_server)}});
+}
+
 void release_holds(Model &model) {
     for (const char *pool : iptv_pools)
         for (const std::string &rule : instance_paths(model, std::string(pool) + ".Rule"))
@@ -61,9 +73,7 @@ void drop_leftovers(Model &model) {
     remove(model, instance_paths(model, identities_path), "identities of the routed mode");
     remove(model, instance_paths(model, received_routes_path), "received routes of the routed mode");
     remove(model, installed, "routes of the routed mode");
-    for (const char *server : {"NTPServer", "WWWServer"})
-        if (model.get(service_path, server))
-            model.set(service_path, {{server, std::string("00000000")}});
+    forget_servers(model);
     release_holds(model);
 }
 
