@@ -107,28 +107,38 @@ void put_number(Bytes *message, std::size_t at, std::uint32_t number) {
     std::copy(bytes.begin(), bytes.end(), message->begin() + static_cast<std::ptrdiff_t>(at));
 }
 
+/* The options and the type of a whole message of that kind; nothing, with the reason in *error, for anything else. */
+std::optional<Options> options_of_message(const std::uint8_t *data, std::size_t size, std::uint8_t op, DhcpType *type,
+                                          std::string *error) {
+    if (size < at_options) {
+        *error = "too short";
+        return std::nullopt;
+    }
+    if (data[at_op] != op || data[at_hardware_type] != ethernet || data[at_hardware_size] != hardware_size) {
+        *error = op == boot_request ? "no request over Ethernet" : "no reply over Ethernet";
+        return std::nullopt;
+    }
+    auto options = std::equal(cookie.begin(), cookie.end(), data + at_cookie) ? all_options(data, size) : std::nullopt;
+    if (!options) {
+        *error = "malformed";
+        return std::nullopt;
+    }
+    const Bytes number = option_of(*options, option_message_type);
+    if (number.size() != 1 || number[0] < 1 || number[0] > 8) {
+        *error = "no message type";
+        return std::nullopt;
+    }
+    *type = static_cast<DhcpType>(number[0]);
+    return options;
+}
+
 } // namespace
 
 bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error) {
-    if (size < at_options) {
-        *error = "too short";
+    DhcpType type{};
+    const auto options = options_of_message(data, size, boot_request, &type, error);
+    if (!options)
         return false;
-    }
-    if (data[at_op] != boot_request || data[at_hardware_type] != ethernet || data[at_hardware_size] != hardware_size) {
-        *error = "no request over Ethernet";
-        return false;
-    }
-    const auto options =
-        std::equal(cookie.begin(), cookie.end(), data + at_cookie) ? all_options(data, size) : std::nullopt;
-    if (!options) {
-        *error = "malformed";
-        return false;
-    }
-    const Bytes type = option_of(*options, option_message_type);
-    if (type.size() != 1 || type[0] < 1 || type[0] > 8) {
-        *error = "no message type";
-        return false;
-    }
     const std::uint8_t *hardware = data + at_hardware;
     if ((hardware[0] & 1) ||
         std::all_of(hardware, hardware + hardware_size, [](std::uint8_t byte) { return byte == 0; })) {
@@ -136,7 +146,7 @@ bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message
         return false;
     }
     *message = {};
-    message->type = static_cast<DhcpType>(type[0]);
+    message->type = type;
     message->xid = network_number(data + at_xid);
     message->broadcast = (data[at_flags] & broadcast_bit) != 0;
     message->client_address = network_number(data + at_client_address);
@@ -147,6 +157,19 @@ bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message
     message->vendor_class.assign(vendor.begin(), vendor.end());
     message->requested_address = address_of(option_of(*options, option_requested_address));
     message->server_id = address_of(option_of(*options, option_server_id));
+    return true;
+}
+
+bool parse_dhcp_answer(const std::uint8_t *data, std::size_t size, DhcpAnswer *answer, std::string *error) {
+    DhcpType type{};
+    const auto options = options_of_message(data, size, boot_reply, &type, error);
+    if (!options)
+        return false;
+    if (type != DhcpType::Offer && type != DhcpType::Ack && type != DhcpType::Nak) {
+        *error = "no server's message type";
+        return false;
+    }
+    *answer = {type, network_number(data + at_xid), address_of(option_of(*options, option_server_id))};
     return true;
 }
 

@@ -50,6 +50,15 @@ struct DhcpReply {
  * success. Options that are split (RFC 3396) or stand in the fields for file and server name (option 52) are read as
  * well. */
 bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message, std::string *error);
+/* What a client learns of a server's message. */
+struct DhcpAnswer {
+    DhcpType type = DhcpType::Offer; /* or Ack, or Nak */
+    std::uint32_t xid = 0;
+    std::uint32_t server_id = 0; /* 0: it does not tell */
+};
+
+/* The same for a server's message; *answer is set only on success. */
+bool parse_dhcp_answer(const std::uint8_t *data, std::size_t size, DhcpAnswer *answer, std::string *error);
 /* The reply to a client's message, at least 300 bytes long (RFC 1542); options of more than 255 bytes are split. */
 Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply);
 
