@@ -98,6 +98,12 @@ public:
         const Names found = reach(name, Traversal::Down, "netdev");
         return found.empty() ? "" : found.front();
     }
+    std::string live_netdev_below(const std::string &name) const {
+        for (const std::string &one : reach(name, Traversal::Down, "netdev"))
+            if (has_flag(one, "up"))
+                return one;
+        return "";
+    }
     Names addresses(const std::string &device) const {
         Names paths;
         const auto add = [&](const std::string &name) {
@@ -106,7 +112,8 @@ public:
         };
         add(device);
         for (const std::string &name : all())
-            if (has_flag(name, "dhcp") && !has_flag(name, "netdev") && netdev_below(name) == device)
+            if (const std::string live = live_netdev_below(name); has_flag(name, "dhcp") && !has_flag(name, "netdev") &&
+                                                                  (live.empty() ? netdev_below(name) : live) == device)
                 add(name);
         return paths;
     }
@@ -220,6 +227,7 @@ TEST_F(Graph, AlwaysSaysWhatAPlainReadingOfTheModelSays) {
         ASSERT_EQ(graph.reach(name, Traversal::Up, condition), plain.reach(name, Traversal::Up, flag)) << round;
         ASSERT_EQ(graph.addresses(name), plain.exists(name) ? plain.addresses(name) : Names()) << round;
         ASSERT_EQ(graph.netdev_below(name), plain.netdev_below(name)) << round;
+        ASSERT_EQ(graph.live_netdev_below(name), plain.live_netdev_below(name)) << round;
         Names carrying = plain.all();
         std::erase_if(carrying, [&](const std::string &one) { return !plain.has_flag(one, "up"); });
         ASSERT_EQ(graph.with_flag("up"), carrying) << round;

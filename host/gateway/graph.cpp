@@ -239,12 +239,23 @@ bool InterfaceGraph::would_loop(const std::string &upper, const std::string &low
     return std::find(below.begin(), below.end(), upper) != below.end();
 }
 
+const InterfaceGraph::Entry *InterfaceGraph::first_netdev(const std::vector<const Entry *> &order, bool live) {
+    const auto found = std::find_if(order.begin(), order.end(), [live](const Entry *one) {
+        return one->carries("netdev") && (!live || one->carries("up"));
+    });
+    return found == order.end() ? nullptr : *found;
+}
+
 std::string InterfaceGraph::netdev_below(const std::string &name) const {
-    if (const Entry *start = find(name))
-        for (const Entry *one : closure(*start, true, nullptr))
-            if (one->carries("netdev"))
-                return one->name;
-    return "";
+    const Entry *start = find(name);
+    const Entry *device = start ? first_netdev(closure(*start, true, nullptr), false) : nullptr;
+    return device ? device->name : "";
+}
+
+std::string InterfaceGraph::live_netdev_below(const std::string &name) const {
+    const Entry *start = find(name);
+    const Entry *device = start ? first_netdev(closure(*start, true, nullptr), true) : nullptr;
+    return device ? device->name : "";
 }
 
 std::vector<std::string> InterfaceGraph::addresses(const std::string &device) const {
@@ -260,9 +271,14 @@ std::vector<std::string> InterfaceGraph::addresses(const std::string &device) co
     };
     add_those_of(device);
     std::map<std::uint64_t, const Entry *> leases; /* in the order of the model */
-    for (const Entry *above : closure(*held_by, false, nullptr))
-        if (above->carries("dhcp") && !above->carries("netdev") && netdev_below(above->name) == device)
+    for (const Entry *above : closure(*held_by, false, nullptr)) {
+        if (!above->carries("dhcp") || above->carries("netdev"))
+            continue;
+        const auto below = closure(*above, true, nullptr);
+        const Entry *live = first_netdev(below, true);
+        if ((live ? live : first_netdev(below, false)) == held_by)
             leases[above->order] = above;
+    }
     for (const auto &[order, one] : leases)
         add_those_of(one->name);
     return paths;
@@ -311,10 +327,21 @@ void GraphWatch::on_event(const Event &event) {
 
 GraphWatch::Names with_stack(const InterfaceGraph &graph, const GraphWatch::Names &names) {
     GraphWatch::Names all = names;
-    for (const std::string &name : names)
-        for (const Traversal way : {Traversal::Up, Traversal::Down})
-            for (std::string &one : graph.reach(name, way))
-                all.insert(std::move(one));
+    const auto take = [&](const std::string &start, Traversal way) {
+        for (std::string &one : graph.reach(start, way)) {
+            if (way == Traversal::Up && graph.has_flag(one, "dhcp"))
+                for (std::string &device : graph.reach(one, Traversal::Down))
+                    all.insert(std::move(device));
+            all.insert(std::move(one));
+        }
+    };
+    for (const std::string &name : names) {
+        take(name, Traversal::Down);
+        take(name, Traversal::Up);
+        if (!graph.exists(name)) /* those that were over it have lost it */
+            for (const std::string &above : graph.linked_over(name))
+                take(above, Traversal::Up);
+    }
     return all;
 }
 

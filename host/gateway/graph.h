@@ -57,8 +57,10 @@ public:
     bool would_loop(const std::string &upper, const std::string &lower) const;
     /* The first network device at or below an interface, "" for none. */
     std::string netdev_below(const std::string &name) const;
+    /* The first one that is up: what a WAN client of the interface uses. */
+    std::string live_netdev_below(const std::string &name) const;
     /* The paths of the address instances that a network device holds: its own, and the leases of the DHCP interfaces
-     * that it is the device of. */
+     * whose first device that is up it is, or, where none is, whose first device. */
     std::vector<std::string> addresses(const std::string &device) const;
 
     /* Writes: adds or takes away a flag; nothing when that is how it stands. */
@@ -75,6 +77,8 @@ private:
 
         bool carries(std::string_view flag) const;
     };
+
+    static const Entry *first_netdev(const std::vector<const Entry *> &order, bool live);
 
     Entry &entry(const std::string &name);
     const Entry *find(const std::string &name) const; /* null when there is no such interface */
@@ -120,7 +124,8 @@ private:
     Model::WatchId watch_;
 };
 
-/* With what can be reached from these upwards and downwards: the interfaces whose derived state may have changed. */
+/* With what can be reached from these upwards and downwards, and with all devices that a DHCP interface reached so may
+ * use: the interfaces whose derived state may have changed. A name may be that of an interface that is gone. */
 GraphWatch::Names with_stack(const InterfaceGraph &graph, const GraphWatch::Names &names);
 
 } // namespace keel
