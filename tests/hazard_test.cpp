@@ -119,7 +119,7 @@ TEST_F(Hazard, ARouteInstallationOutlivesNeitherCleanupNorInterface) {
     EXPECT_TRUE(routes("eth1.30").empty()) << "no client is bound on the new interface yet";
 
     wan->online = true;
-    loop->advance(6 * second);
+    loop->advance(8 * second);
     EXPECT_EQ(routes("eth1.30").size(), 2U);
     wan->mask = "255.255.255.0";
     wan->renew("dhcp_zep_" + device(1).id());

@@ -81,6 +81,36 @@ TEST_F(Life, WatchdogFallsBackToUnleasedAndTriesAgain) {
     EXPECT_TRUE(stb.last(DhcpType::Ack)->options.contains(42));
 }
 
+TEST_F(Life, WithTheLineDownAnStbGetsItsShortLeaseAndIsServedOnceItIsBack) {
+    power_on();
+    kernel->set_link("eth1.20", false);
+    SimDevice &stb = serve(1);
+    EXPECT_EQ(wan_client(stb.id(), "DHCPStatus"), "Selecting") << "it looks for a server, though it cannot ask";
+    EXPECT_EQ(wan->starts["dhcp_zep_" + stb.id()], 0U);
+    loop->advance(60 * second);
+    EXPECT_TRUE(stb.answers().empty());
+    loop->advance(6 * second);
+    ASSERT_TRUE(stb.last(DhcpType::Ack)) << "64 s after it was enabled";
+    EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 300U);
+    EXPECT_EQ(identity(stb.id(), "DHCPCStatus"), "Unleased");
+    EXPECT_EQ(wan_client(stb.id(), "DHCPStatus"), "Idle");
+
+    kernel->set_link("eth1.20", true);
+    loop->advance(2 * minute);
+    EXPECT_EQ(identity(stb.id(), "DHCPCStatus"), "Connected");
+    EXPECT_TRUE(firewall.mapped(stb.address(), "10.20.0.10"));
+
+    /* One that is served is served again at once, however long the line was down. */
+    kernel->set_link("eth1.20", false);
+    loop->advance(3 * minute);
+    EXPECT_EQ(wan_client(stb.id(), "DHCPStatus"), "Idle") << "the plug-in has disabled it";
+    EXPECT_EQ(firewall.count(stb.address() + " "), 0U);
+    kernel->set_link("eth1.20", true);
+    loop->advance(2 * second);
+    EXPECT_EQ(identity(stb.id(), "DHCPCStatus"), "Connected");
+    EXPECT_TRUE(firewall.mapped(stb.address(), "10.20.0.10"));
+}
+
 TEST_F(Life, WatchdogFallsBackToInternalAndKeepsTheAddress) {
     power_on();
     SimDevice &stb = serve(1);

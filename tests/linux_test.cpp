@@ -16,7 +16,6 @@
 #include "host/linux/lan_port.h"
 #include "host/linux/multicast.h"
 #include "host/linux/presence.h"
-#include "host/linux/udhcpc.h"
 #include "host/linux/wan_clients.h"
 #include "tests/linux_fixture.h"
 
@@ -312,41 +311,6 @@ TEST_F(LinuxTest, TheMulticastDaemonRunsWhileItIsWantedAndComesBack) {
     Multicast multicast(loop, *graph, "/nonexistent/igmpproxy", folder);
     EXPECT_TRUE(soon([&] { return model.text(path, "Status") == "Error"; }));
     std::filesystem::remove_all(folder);
-}
-
-TEST(Udhcpc, WhatItPrintsIsCheckedAtTheDoor) {
-    using Kind = UdhcpcReport::Kind;
-    const std::pair<const char *, Kind> lines[] = {
-        {"udhcpc: broadcasting discover", Kind::Selecting},
-        {"udhcpc: broadcasting select for 10.0.0.1, server 10.0.0.2", Kind::Requesting},
-        {"udhcpc: sending renew to server 10.0.0.2", Kind::Renewing},
-        {"udhcpc: broadcasting renew", Kind::Rebinding},
-        {"udhcpc: lease of 10.0.0.1 obtained", Kind::None},
-        {"@nak|||||||", Kind::Nak},
-        {"@bound|10.0.0.1|255.0.0.0|||||", Kind::Bound},
-        {"@bound|10.0.0.1;id|255.0.0.0|||||", Kind::None},
-        {"@bound|10.0.0.1||||||", Kind::None},
-        {"@bound|10.0.0.1", Kind::None},
-        {"@", Kind::None},
-        {"", Kind::None}};
-    for (const auto &[line, kind] : lines)
-        EXPECT_EQ(UdhcpcReader().take(line).kind, kind) << line;
-
-    UdhcpcReader reader;
-    for (const char *line : {"@option|72|0a140003", "@option|73|xyz", "@option|74|123", "@option|999|00", "@option|75"})
-        reader.take(line);
-    const UdhcpcReport report = reader.take("@renew|10.0.0.9|255.255.255.0|10.0.0.2 10.0.0.3|10.60.0.0/24 10.0.0.1 "
-                                            "0.0.0.0/0 10.0.0.4|10.0.0.1|bad|10.0.0.7");
-    EXPECT_EQ(report.lease.options, (std::map<int, std::string>{{3, "0a000001"},
-                                                                {42, "0a0000020a000003"},
-                                                                {54, "0a000007"},
-                                                                {72, "0a140003"},
-                                                                {121, "180a3c000a000001000a000004"}}));
-    EXPECT_TRUE(reader.take("@bound|10.0.0.9|255.255.255.0|||||").lease.options.empty())
-        << "options are those of one lease";
-    const auto words = udhcpc_command({"udhcpc", "script", "eth1.20", "", "", {}, ""});
-    EXPECT_EQ(std::count(words.begin(), words.end(), "-R"), 0) << "it never releases";
-    EXPECT_EQ(std::count(words.begin(), words.end(), "-C"), 1) << "no identifier is none, not the MAC address";
 }
 
 } // namespace keel

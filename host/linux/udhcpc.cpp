@@ -1,6 +1,8 @@
 #include "host/linux/udhcpc.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -12,6 +14,8 @@ namespace {
 
 constexpr std::size_t max_option = 510; /* hexadecimal digits: 255 bytes */
 constexpr std::size_t max_long_option = 4096;
+constexpr std::size_t event_fields = 8;
+constexpr unsigned listen_on_s = 120; /* longer than anybody waits before starting it anew */
 
 std::vector<std::string> split(const std::string &text, char separator) {
     std::vector<std::string> parts(1);
@@ -24,97 +28,111 @@ std::vector<std::string> split(const std::string &text, char separator) {
     return parts;
 }
 
-/* "10.0.0.1 10.0.0.2" as option data; "" when it is none. */
-std::string addresses_to_hex(const std::string &text) {
+/* "10.0.0.1 10.0.0.2" as option data; nothing when it is none. */
+std::optional<std::string> addresses_to_hex(const std::string &text) {
     std::istringstream words(text);
-    std::string all;
+    Bytes all;
     for (std::string word; words >> word;) {
         const auto address = parse_ipv4(word);
         if (!address)
-            return "";
-        all += format_hex(network_bytes(*address));
+            return std::nullopt;
+        const Bytes bytes = network_bytes(*address);
+        all.insert(all.end(), bytes.begin(), bytes.end());
     }
-    return all;
+    return format_hex(all);
 }
 
-/* "10.60.0.0/24 10.20.0.1 ..." as the data of option 121 (RFC 3442); "" when it is none. */
-std::string routes_to_hex(const std::string &text) {
+/* "10.60.0.0/24 10.20.0.1 ..." as the data of option 121 (RFC 3442); nothing when it is none. */
+std::optional<std::string> routes_to_hex(const std::string &text) {
     std::istringstream words(text);
-    std::string all;
-    std::string destination;
-    std::string router;
-    while (words >> destination >> router) {
+    Bytes all;
+    for (std::string destination; words >> destination;) {
         const auto slash = destination.find('/');
+        std::string router;
+        words >> router;
         const auto network = parse_ipv4(destination.substr(0, slash));
         const auto gateway = parse_ipv4(router);
-        if (slash == std::string::npos || !network || !gateway)
-            return "";
-        const int width = std::atoi(destination.c_str() + slash + 1);
-        if (width < 0 || width > 32)
-            return "";
-        Bytes route = network_bytes(*network);
-        route.resize(static_cast<std::size_t>(width + 7) / 8); /* no more bytes than the prefix has */
-        route.insert(route.begin(), static_cast<std::uint8_t>(width));
-        all += format_hex(route) + format_hex(network_bytes(*gateway));
+        const int width = slash == std::string::npos ? -1 : std::atoi(destination.c_str() + slash + 1);
+        if (!network || !gateway || width < 0 || width > 32)
+            return std::nullopt;
+        const Bytes to = network_bytes(*network);
+        const Bytes over = network_bytes(*gateway);
+        all.push_back(static_cast<std::uint8_t>(width));
+        all.insert(all.end(), to.begin(), to.begin() + (width + 7) / 8);
+        all.insert(all.end(), over.begin(), over.end());
     }
-    return all;
-}
-
-bool contains(const std::string &line, const char *text) {
-    return line.find(text) != std::string::npos;
+    return format_hex(all);
 }
 
 } // namespace
 
 UdhcpcReport UdhcpcReader::take(const std::string &line) {
     UdhcpcReport report;
-    if (line.starts_with("@")) {
-        const auto fields = split(line, '|');
-        if (fields[0] != "@option")
-            return take_event(fields);
-        const int number = fields.size() == 3 ? std::atoi(fields[1].c_str()) : 0;
-        if (number > 0 && number < 255 && !fields[2].empty() && fields[2].size() <= max_option && parse_hex(fields[2]))
-            options_[number] = fields[2];
-    } else if (contains(line, "broadcasting discover")) {
-        report.kind = UdhcpcReport::Kind::Selecting;
-    } else if (contains(line, "broadcasting select")) {
-        report.kind = UdhcpcReport::Kind::Requesting;
-    } else if (contains(line, "sending renew")) {
-        report.kind = UdhcpcReport::Kind::Renewing;
-    } else if (contains(line, "broadcasting renew")) {
-        report.kind = UdhcpcReport::Kind::Rebinding;
+    if (!line.starts_with("@"))
+        return report;
+    const auto fields = split(line, '|');
+    if (fields[0] != "@option")
+        return take_event(fields);
+    report.dropped = !take_option(fields);
+    return report;
+}
+
+bool UdhcpcReader::take_option(const std::vector<std::string> &fields) {
+    const int number = fields.size() == 3 ? std::atoi(fields[1].c_str()) : 0;
+    if (number <= 0 || number >= 255 || fields[2].empty() || fields[2].size() > max_option || !parse_hex(fields[2]))
+        return false;
+    options_[number] = fields[2];
+    return true;
+}
+
+UdhcpcReport UdhcpcReader::take_event(const std::vector<std::string> &fields) {
+    static const std::map<std::string, UdhcpcReport::Kind> events = {{"@bound", UdhcpcReport::Kind::Bound},
+                                                                     {"@renew", UdhcpcReport::Kind::Bound},
+                                                                     {"@nak", UdhcpcReport::Kind::Nak},
+                                                                     {"@deconfig", UdhcpcReport::Kind::Deconfig},
+                                                                     {"@leasefail", UdhcpcReport::Kind::Leasefail}};
+    UdhcpcReport report;
+    const auto event = events.find(fields[0]);
+    const std::map<int, std::string> options = std::exchange(options_, {});
+    if (event == events.end() || fields.size() != event_fields ||
+        (event->second == UdhcpcReport::Kind::Bound && (!parse_ipv4(fields[1]) || !parse_ipv4(fields[2])))) {
+        report.dropped = true;
+        return report;
+    }
+    report.kind = event->second;
+    if (parse_ipv4(fields[7]))
+        report.server = fields[7];
+    if (report.kind != UdhcpcReport::Kind::Bound)
+        return report;
+    report.lease = {fields[1], fields[2], options};
+    const std::pair<int, std::optional<std::string>> named[] = {{42, addresses_to_hex(fields[3])},
+                                                                {121, routes_to_hex(fields[4])},
+                                                                {3, addresses_to_hex(fields[5])},
+                                                                {6, addresses_to_hex(fields[6])},
+                                                                {54, addresses_to_hex(fields[7])}};
+    for (const auto &[number, value] : named) {
+        if (!value || value->size() > max_long_option)
+            report.dropped = true;
+        else if (!value->empty())
+            report.lease.options[number] = *value;
     }
     return report;
 }
 
-UdhcpcReport UdhcpcReader::take_event(const std::vector<std::string> &fields) {
-    UdhcpcReport report;
-    const std::map<int, std::string> options = std::exchange(options_, {});
-    if (fields[0] == "@nak")
-        report.kind = UdhcpcReport::Kind::Nak;
-    else if (fields[0] == "@deconfig" || fields[0] == "@leasefail")
-        report.kind = UdhcpcReport::Kind::Lost;
-    if ((fields[0] != "@bound" && fields[0] != "@renew") || fields.size() != 8)
-        return report;
-    if (!parse_ipv4(fields[1]) || !parse_ipv4(fields[2]))
-        return report;
-    report.kind = UdhcpcReport::Kind::Bound;
-    report.lease = {fields[1], fields[2], options};
-    const std::pair<int, std::string> named[] = {{42, addresses_to_hex(fields[3])},
-                                                 {121, routes_to_hex(fields[4])},
-                                                 {3, addresses_to_hex(fields[5])},
-                                                 {6, addresses_to_hex(fields[6])},
-                                                 {54, addresses_to_hex(fields[7])}};
-    for (const auto &[number, value] : named)
-        if (!value.empty() && value.size() <= max_long_option)
-            report.lease.options[number] = value;
-    return report;
-}
-
 std::vector<std::string> udhcpc_command(const UdhcpcSettings &settings) {
-    std::vector<std::string> words = {settings.program, "-f", "-i", settings.interface, "-s", settings.script,
-                                      /* a discover every 3 s, for ever, with another transaction after three */
-                                      "-t", "3", "-T", "3", "-A", "0", "-o"};
+    std::vector<std::string> words = {settings.program,
+                                      "-f",
+                                      "-i",
+                                      settings.interface,
+                                      "-s",
+                                      settings.script,
+                                      "-t",
+                                      "1",
+                                      "-T",
+                                      std::to_string(udhcpc_answer_s),
+                                      "-A",
+                                      std::to_string(listen_on_s),
+                                      "-o"};
     for (const std::string &option : settings.requested_options) {
         words.emplace_back("-O");
         words.push_back(option);

@@ -6,29 +6,27 @@ namespace keel {
 
 namespace {
 constexpr std::uint64_t step_ms = 10;     /* between two messages */
-constexpr std::uint64_t retry_ms = 3000;  /* between two tries to find a server */
+constexpr std::uint64_t pause_ms = 3000;  /* of a client that was refused */
 constexpr std::uint64_t renew_ms = 10000; /* between two tries to renew */
+constexpr const char *server_id = "10.20.0.1";
 } // namespace
 
 SimOperator::SimOperator(Loop &loop, InterfaceGraph &graph)
-    : loop_(loop), model_(graph.model()), wanted_(
-                                              loop, graph,
-                                              [this](const std::string &name, const std::string &) {
-                                                  ++starts[name];
-                                                  select(name);
-                                              },
-                                              [this](const std::string &name) { stop(name); }) {}
+    : loop_(loop), model_(graph.model()), show_(loop, graph.model()),
+      wanted_(
+          loop, graph,
+          [this](const std::string &name, const std::string &) {
+              ++starts[name];
+              select(name);
+          },
+          [this](const std::string &name) {
+              loop_.cancel_timer(clients_[name].timer);
+              clients_.erase(name);
+          }) {}
 
 SimOperator::~SimOperator() {
     for (const auto &[name, client] : clients_)
         loop_.cancel_timer(client.timer);
-}
-
-void SimOperator::stop(const std::string &name) {
-    loop_.cancel_timer(clients_[name].timer);
-    clients_.erase(name);
-    if (model_.find(interface_path(name)))
-        set_wan_status(model_, name, "Idle");
 }
 
 void SimOperator::after(const std::string &name, std::uint64_t milliseconds,
@@ -39,21 +37,35 @@ void SimOperator::after(const std::string &name, std::uint64_t milliseconds,
 }
 
 void SimOperator::select(const std::string &name) {
-    set_wan_status(model_, name, "Selecting");
-    if (online)
+    show_.status(name, "Selecting");
+    show_.sent(name);
+    if (online) {
+        show_.answered(name, server_id);
         after(name, step_ms, &SimOperator::request);
-    else
-        after(name, retry_ms, &SimOperator::select);
+        return;
+    }
+    show_.failed(name, "no answer");
+    select_later(name, wan_retry_ms(++clients_[name].tries));
+}
+
+void SimOperator::select_later(const std::string &name, std::uint64_t milliseconds) {
+    show_.next_try_in(name, milliseconds);
+    after(name, milliseconds, &SimOperator::select);
+}
+
+void SimOperator::refuse(const std::string &name) {
+    show_.answered(name, server_id);
+    show_.nak(name, server_id);
+    select_later(name, pause_ms);
 }
 
 void SimOperator::request(const std::string &name) {
-    set_wan_status(model_, name, "Requesting");
-    if (std::exchange(refused_[name], false)) {
-        set_wan_nak(model_, name);
-        after(name, retry_ms, &SimOperator::select);
-        return;
-    }
-    after(name, step_ms, &SimOperator::bind);
+    show_.status(name, "Requesting");
+    show_.sent(name);
+    if (std::exchange(refused_[name], false))
+        refuse(name);
+    else
+        after(name, step_ms, &SimOperator::bind);
 }
 
 std::string SimOperator::address_for(const std::string &client_id) {
@@ -65,8 +77,10 @@ std::string SimOperator::address_for(const std::string &client_id) {
 
 void SimOperator::bind(const std::string &name) {
     const std::string client_id = model_.text(interface_path(name) + ".SentOption.61", "Value");
-    set_wan_bound(model_, name, address_for(client_id), mask, options);
+    show_.answered(name, server_id);
+    show_.bound(name, address_for(client_id), mask, options);
     clients_[name].bound_at_ms = loop_.now_ms();
+    clients_[name].tries = 0;
     after(name, lease_s * 500, &SimOperator::try_renewal);
 }
 
@@ -80,12 +94,12 @@ void SimOperator::try_renewal(const std::string &name) {
         select(name);
         return;
     }
-    set_wan_status(model_, name, age_ms >= lease_s * 875 ? "Rebinding" : "Renewing");
+    show_.status(name, age_ms >= lease_s * 875 ? "Rebinding" : "Renewing");
+    show_.sent(name);
     if (!online) {
         after(name, renew_ms, &SimOperator::try_renewal);
     } else if (std::exchange(refused_[name], false)) {
-        set_wan_nak(model_, name);
-        after(name, retry_ms, &SimOperator::select);
+        refuse(name);
     } else {
         after(name, step_ms, &SimOperator::bind);
     }

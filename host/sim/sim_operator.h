@@ -39,18 +39,21 @@ private:
     struct Client {
         Loop::TimerId timer = 0;
         std::uint64_t bound_at_ms = 0;
+        unsigned tries = 0; /* to find a server, in vain */
     };
 
     void after(const std::string &name, std::uint64_t milliseconds, void (SimOperator::*step)(const std::string &));
     void select(const std::string &name);
+    void select_later(const std::string &name, std::uint64_t milliseconds);
+    void refuse(const std::string &name);
     void request(const std::string &name);
     void bind(const std::string &name);
     void try_renewal(const std::string &name);
-    void stop(const std::string &name);
     std::string address_for(const std::string &client_id);
 
     Loop &loop_;
     Model &model_;
+    WanClientModel show_;
     std::map<std::string, Client> clients_;
     std::map<std::string, std::string> addresses_;
     std::map<std::string, bool> refused_;
