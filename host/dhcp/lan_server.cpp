@@ -127,8 +127,8 @@ std::optional<LanDhcpServer::Rule> LanDhcpServer::rule_for(const DhcpMessage &me
     if (!model_.boolean("DHCPv4.Server", "Enable"))
         return rest;
     if (message.vendor_class.empty())
-        for (const LeasePlace &place : leases_.leases_of(id))
-            if (is_of(place.path, message) && model_.boolean(pool_path(place.pool), "Enable"))
+        for (const auto &[path, place] : leases_.leases_of(id))
+            if (is_of(path, message) && model_.boolean(pool_path(place.pool), "Enable"))
                 return rule_at(place.pool, place.rule);
     for (const std::string &pool : model_.instances(pools_path)) {
         if (!model_.boolean(pool_path(pool), "Enable"))
@@ -256,9 +256,9 @@ std::uint32_t LanDhcpServer::choose_address(const DhcpMessage &message, const Ru
 
 /* A device that turns up as another kind leaves its lease of before. */
 void LanDhcpServer::drop_lease_elsewhere(const Rule &rule, const std::string &id) {
-    for (const LeasePlace &place : leases_.leases_of(id))
-        if (place.path != lease_path(rule, id))
-            model_.remove(place.path);
+    for (const auto &[path, place] : leases_.leases_of(id))
+        if (path != lease_path(rule, id))
+            model_.remove(path);
 }
 
 bool LanDhcpServer::add_lease(const DhcpMessage &message, const Rule &rule, const std::string &id) {

@@ -1,5 +1,7 @@
 #include "host/dhcp/lease_table.h"
 
+#include <algorithm>
+
 #include "host/base/text_forms.h"
 
 namespace keel {
@@ -11,12 +13,10 @@ std::uint32_t address_in(const Values &values) {
     return found == values.end() ? 0 : ipv4_or_none(to_text(found->second));
 }
 
-template <typename Map, typename Key> void take_out(Map &map, const Key &key, const std::string &path) {
-    const auto found = map.find(key);
-    if (found == map.end())
-        return;
-    found->second.erase(path);
-    if (found->second.empty())
+template <typename Map, typename Key, typename Lease> void take_out(Map &map, const Key &key, const Lease *lease) {
+    const auto [first, end] = map.equal_range(key);
+    const auto found = std::find_if(first, end, [lease](const auto &entry) { return entry.second == lease; });
+    if (found != end)
         map.erase(found);
 }
 
@@ -51,7 +51,7 @@ void LeaseTable::observe(const Event &event) {
     else if (event.kind == Event::Kind::Deleted)
         remove(path);
     else if (event.kind == Event::Kind::Changed && event.values.contains("IPAddress"))
-        set_address(path, leases_.at(path), address_in(event.values));
+        set_address(leases_.at(path), address_in(event.values));
 }
 
 void LeaseTable::add(const std::vector<std::string> &steps, const Values &values) {
@@ -59,29 +59,29 @@ void LeaseTable::add(const std::vector<std::string> &steps, const Values &values
     for (const std::string &step : steps)
         path = join_path(path, step);
     Lease &lease = leases_[path];
-    lease.pool = steps[3];
-    lease.rule = steps[5];
+    lease.place = {steps[3], steps[5]};
     lease.id = steps[7];
-    by_id_[lease.id].insert(path);
-    set_address(path, lease, address_in(values));
+    by_id_.emplace(lease.id, &lease);
+    set_address(lease, address_in(values));
 }
 
 void LeaseTable::remove(const std::string &path) {
     const auto found = leases_.find(path);
-    set_address(path, found->second, 0);
-    take_out(by_id_, found->second.id, path);
-    if (found->second.end_ms)
-        by_end_.erase({*found->second.end_ms, path});
+    Lease &lease = found->second;
+    set_address(lease, 0);
+    take_out(by_id_, lease.id, &lease);
+    if (lease.end_ms)
+        by_end_.erase({*lease.end_ms, &lease});
     leases_.erase(found);
 }
 
-void LeaseTable::set_address(const std::string &path, Lease &lease, std::uint32_t address) {
-    take_out(by_address_, lease.address, path);
+void LeaseTable::set_address(Lease &lease, std::uint32_t address) {
+    take_out(by_address_, lease.address, &lease);
     if (lease.address != 0 && !is_leased(lease.address))
         freed_[lease.address] = ++last_freed_;
     lease.address = address;
     if (address != 0)
-        by_address_[address].insert(path);
+        by_address_.emplace(address, &lease);
 }
 
 bool LeaseTable::is_leased(std::uint32_t address) const {
@@ -93,14 +93,12 @@ std::uint64_t LeaseTable::freed(std::uint32_t address) const {
     return found == freed_.end() ? 0 : found->second;
 }
 
-std::vector<LeasePlace> LeaseTable::leases_of(const std::string &id) const {
-    std::vector<LeasePlace> places;
-    if (const auto found = by_id_.find(id); found != by_id_.end())
-        for (const std::string &path : found->second) {
-            const Lease &lease = leases_.at(path);
-            places.push_back({path, lease.pool, lease.rule});
-        }
-    return places;
+std::vector<std::pair<std::string, LeasePlace>> LeaseTable::leases_of(const std::string &id) const {
+    std::vector<std::pair<std::string, LeasePlace>> found;
+    const auto [first, end] = by_id_.equal_range(id);
+    for (auto at = first; at != end; ++at)
+        found.emplace_back(path_of(*at->second), at->second->place);
+    return found;
 }
 
 std::vector<std::string> LeaseTable::all() const {
@@ -114,9 +112,9 @@ std::vector<std::string> LeaseTable::all() const {
 void LeaseTable::set_end(const std::string &path, std::uint64_t end_ms) {
     Lease &lease = leases_.at(path);
     if (lease.end_ms)
-        by_end_.erase({*lease.end_ms, path});
+        by_end_.erase({*lease.end_ms, &lease});
     lease.end_ms = end_ms;
-    by_end_.emplace(end_ms, path);
+    by_end_.emplace(end_ms, &lease);
 }
 
 std::optional<std::uint64_t> LeaseTable::end_of(const std::string &path) const {
@@ -125,7 +123,14 @@ std::optional<std::uint64_t> LeaseTable::end_of(const std::string &path) const {
 }
 
 std::optional<std::pair<std::uint64_t, std::string>> LeaseTable::first_end() const {
-    return by_end_.empty() ? std::nullopt : std::optional(*by_end_.begin());
+    if (by_end_.empty())
+        return std::nullopt;
+    const auto &[end_ms, lease] = *by_end_.begin();
+    return std::pair(end_ms, path_of(*lease));
+}
+
+std::string LeaseTable::path_of(const Lease &lease) {
+    return std::string(pools_path) + "." + lease.place.pool + ".Rule." + lease.place.rule + ".Lease." + lease.id;
 }
 
 } // namespace keel

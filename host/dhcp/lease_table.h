@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -19,7 +20,6 @@ namespace keel {
 constexpr const char *pools_path = "DHCPv4.Server.Pool";
 
 struct LeasePlace {
-    std::string path;
     std::string pool;
     std::string rule; /* its number */
 };
@@ -38,8 +38,8 @@ public:
     bool is_leased(std::uint32_t address) const;
     /* The order in which addresses were given back: a later one has a higher number. 0 for one that never was. */
     std::uint64_t freed(std::uint32_t address) const;
-    /* The leases of that name, in every pool. */
-    std::vector<LeasePlace> leases_of(const std::string &id) const;
+    /* The leases of that name, in every pool: their paths and places. */
+    std::vector<std::pair<std::string, LeasePlace>> leases_of(const std::string &id) const;
     /* All paths. */
     std::vector<std::string> all() const;
 
@@ -51,25 +51,25 @@ public:
 
 private:
     struct Lease {
+        LeasePlace place;
         std::string id;
-        std::string pool;
-        std::string rule;
         std::uint32_t address = 0;
         std::optional<std::uint64_t> end_ms;
     };
 
     void add(const std::vector<std::string> &steps, const Values &values);
     void remove(const std::string &path);
-    void set_address(const std::string &path, Lease &lease, std::uint32_t address);
+    void set_address(Lease &lease, std::uint32_t address);
     void observe(const Event &event);
+    static std::string path_of(const Lease &lease);
 
     Model &model_;
-    std::unordered_map<std::string, Lease> leases_; /* by path */
-    std::unordered_map<std::uint32_t, std::set<std::string>> by_address_;
+    std::unordered_map<std::string, Lease> leases_; /* by path; the others point into it */
+    std::unordered_multimap<std::uint32_t, const Lease *> by_address_;
+    std::unordered_multimap<std::string_view, const Lease *> by_id_;
+    std::set<std::pair<std::uint64_t, const Lease *>> by_end_;
     std::unordered_map<std::uint32_t, std::uint64_t> freed_;
     std::uint64_t last_freed_ = 0;
-    std::unordered_map<std::string, std::set<std::string>> by_id_;
-    std::set<std::pair<std::uint64_t, std::string>> by_end_;
 };
 
 /* Whether an event is one of a lease instance. */
