@@ -4,6 +4,26 @@
 # tables is read once and changed at once: a table changes as a whole or not at all.
 set -eu
 
+# Between reading and changing nobody else may change them. The lock is the firewall script's, too; what either has left
+# running when it was killed holds it, and ends before this begins.
+lock=/run/zep_firewall.lock
+wait_for_lock() {
+    turns=0
+    until flock -n 9; do
+        turns=$((turns + 1))
+        [ "$turns" -le 1000 ] || return 1 # after 20 s
+        sleep 0.02 || sleep 1
+    done
+}
+if ! command -v flock >/dev/null; then
+    echo "chains.sh: there is no flock; going on without a lock" >&2
+elif [ -h "$lock" ] || ! (umask 077 && : >>"$lock") 2>/dev/null; then
+    echo "chains.sh: $lock is no file that can be locked; going on without a lock" >&2
+else
+    exec 9>>"$lock"
+    wait_for_lock || echo "chains.sh: $lock is held by another for too long; going on without a lock" >&2
+fi
+
 # changes SAVED PLAN: what "restore" is told to bring about the plan, which is written as it wants it, but for two words:
 #   once RULE             the rule, as it is saved, stands in its chain, once
 #   unhook CHAIN TARGET   no rule of the chain jumps to the target any more

@@ -17,10 +17,10 @@ sys.path.insert(0, os.path.join(ROOT, "lab"))
 
 from lab import DEVICES, IPTV, Lab  # noqa: E402
 from network import NETNS, wait_for  # noqa: E402
+from wrapped_tables import wrapped_tables  # noqa: E402
 
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1 = DEVICES[0]
-IPTABLES = "/usr/sbin/iptables"
 
 
 class HostTest(unittest.TestCase):
@@ -78,24 +78,10 @@ class HostTest(unittest.TestCase):
         self.assertEqual(self.lab.addresses("gateway", IPTV), [])
 
     def test_it_ends_although_a_command_hangs(self):
-        program = os.path.realpath(IPTABLES)  # one for all of its names
-        real = os.path.join(self.folder, "real")
-        os.mkdir(real)
-        shutil.copy(program, os.path.join(real, "program"))
-        for name in ("iptables", "iptables-save", "iptables-restore", "ebtables", "ebtables-save", "ebtables-restore"):
-            os.symlink("program", os.path.join(real, name))
-        hanging = os.path.join(self.folder, "hanging")
-        with open(hanging, "w", encoding="ascii") as file:
-            file.write('#!/bin/sh\nfor word; do [ "$word" != PREROUTING_zep ] || sleep 60; done\n'
-                       f'exec {real}/"${{0##*/}}" "$@"\n')
-        os.chmod(hanging, 0o755)
-        subprocess.run(("mount", "--bind", hanging, program), check=True)
-        try:
+        with wrapped_tables(self.folder, 'for word; do [ "$word" != PREROUTING_zep ] || sleep 60; done'):
             start = time.monotonic()
             status = self.lab.stop_gateway()
             took = time.monotonic() - start
-        finally:
-            subprocess.run(("umount", program), check=True)
         log = self.lab.network.log("gateway.log")
         self.assertLess(took, 18, "the unit's time")
         self.assertEqual(status, 1, "something is left")
