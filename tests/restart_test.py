@@ -105,6 +105,17 @@ class RestartTest(unittest.TestCase):
                 self.expect(undisturbed, f"killed while {what} runs")
                 self.kill()
 
+    def test_killed_while_a_command_of_the_plug_in_runs(self):
+        undisturbed, _ = self.start_undisturbed()
+        self.clear()
+        with wrapped_tables(self.folder, '[ "${0##*/}" != iptables ] || sleep 1'):
+            self.lab.launch_gateway()
+            self.assertTrue(wait_for(lambda: self.lab.network.run("gateway", "pgrep", "-f", "iptables .*PREROUTING_zep",
+                                                                  check=False), 20, pause=0.02))
+            self.kill()
+        self.lab.start_gateway()
+        time.sleep(1.5)
+        self.expect(undisturbed, "killed while a command runs")
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -14,7 +14,7 @@ namespace keel {
 
 namespace {
 
-constexpr int max_tries = 50;
+constexpr int max_tries = 500; /* 10 s in all */
 constexpr useconds_t pause_us = 20000;
 constexpr char lock_name[] = "\0keelhost"; /* abstract: begins with a zero */
 
@@ -36,37 +36,46 @@ pid_t holder(const sockaddr_un &address, socklen_t size) {
     return known ? peer.pid : 0;
 }
 
-std::string in_words(pid_t holder) {
-    return holder > 0 ? "process " + std::to_string(holder) + program_of(holder)
-                      : "a process that is not seen from here";
+bool is_gone(pid_t pid) {
+    return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
 }
 
-/* Takes the lock for the socket; false with the reason in errno. The lock of a host that was killed may be held for
- * another moment, by a copy of it that was about to become a program. */
-bool take(int socket, const sockaddr_un &address, socklen_t size) {
+std::string in_words(pid_t holder) {
+    if (holder <= 0)
+        return "a process that is not seen from here";
+    const std::string number = std::to_string(holder);
+    return is_gone(holder) ? "a command of process " + number + ", which was killed, hangs"
+                           : "process " + number + program_of(holder);
+}
+
+/* Takes the lock for the socket; false with the reason in errno, and who has it. What a host that was killed has left
+ * running is waited for. It is asked for once, since nobody accepts and each question stays in the queue. */
+bool take(int socket, const sockaddr_un &address, socklen_t size, pid_t *other) {
     for (int tries = 0; bind(socket, reinterpret_cast<const sockaddr *>(&address), size) != 0; ++tries) {
         if (errno != EADDRINUSE)
             return false;
-        const pid_t pid = holder(address, size);
-        const bool gone = pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
-        const bool freed = pid == 0 && tries == 0; /* perhaps between the two calls */
-        errno = EADDRINUSE;
-        if (tries == max_tries || (!gone && !freed))
+        if (*other == 0 && tries <= 1) /* none perhaps because it ended in between */
+            *other = holder(address, size);
+        if (tries == max_tries || (tries > 0 && !is_gone(*other))) {
+            errno = EADDRINUSE;
             return false;
+        }
         usleep(pause_us);
     }
-    return listen(socket, 1) == 0; /* so that its holder can be asked for */
+    return listen(socket, SOMAXCONN) == 0; /* so that its holder can be asked for */
 }
 
 } // namespace
 
-HostLock::HostLock() : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+/* The plug-in's shell commands inherit it, so not closed by an exec; what Program starts does not. */
+HostLock::HostLock() : socket_(socket(AF_UNIX, SOCK_STREAM, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, lock_name, sizeof lock_name - 1);
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sizeof lock_name - 1);
-    if (socket_ < 0 || !take(socket_, address, size))
-        refusal_ = errno == EADDRINUSE ? "another one serves this network: " + in_words(holder(address, size))
+    pid_t other = 0;
+    if (socket_ < 0 || !take(socket_, address, size, &other))
+        refusal_ = errno == EADDRINUSE ? "another one serves this network: " + in_words(other)
                                        : std::string("the lock cannot be had: ") + std::strerror(errno);
 }
 
