@@ -116,7 +116,8 @@ TEST_F(ProgramsTest, TheyAreGivenNothingOfTheHost) {
 }
 
 TEST_F(ProgramsTest, TheyFindTheSystemsProgramsWhateverTheHostWasGiven) {
-    const std::string before = std::getenv("PATH");
+    const char *old = std::getenv("PATH");
+    const std::string before = old ? old : "";
     for (const char *given : {"/usr/local/bin:/usr/bin:/bin:/usr/local/games:/usr/games", "/nonexistent", ""}) {
         setenv("PATH", given, 1);
         setenv("LD_PRELOAD", "/nonexistent", 1);
