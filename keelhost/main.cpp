@@ -83,7 +83,9 @@ public:
           lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
                     [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
           lan_server_(loop_, model_, lan_port_),
-          wan_clients_(loop_, graph_, options.udhcpc, options.share + "/udhcpc-report.sh"), runner_(loop_) {
+          wan_clients_(loop_, graph_, options.udhcpc, options.share + "/udhcpc-report.sh",
+                       {options.socket, options.store, options.store + "-wal", options.store + "-shm"}),
+          runner_(loop_) {
         host_attach(loop_, graph_, runner_);
         provide_wan_address(graph_);
     }

@@ -255,6 +255,30 @@ TEST_F(LinuxTest, ThePolicyIsOneRuleOnTheIptvDevice) {
     EXPECT_EQ(shell("iptables -S FORWARD_IPTV2Lan"), "-N FORWARD_IPTV2Lan\n");
 }
 
+TEST_F(LinuxTest, AConfinedProgramReachesTheNetworkAlone) {
+    const std::string folder =
+        std::filesystem::temp_directory_path() / ("zephyrin-confined-" + std::to_string(getpid()));
+    std::filesystem::create_directory(folder);
+    std::ofstream(folder + "/store") << "secret\n";
+    std::ofstream(folder + "/open") << "open\n";
+    std::string said;
+    bool ended = false;
+    std::string error;
+    const Confinement confinement{{folder + "/store", folder + "/missing"}};
+    const auto child = Child::start(
+        loop,
+        {"sh", "-c",
+         "cd " + folder +
+             "; cat store open; echo forged >store; umount store 2>/dev/null && cat store; chown 1 open 2>/dev/null && "
+             "echo chowned; ip link set eth1.20 down && grep -E 'Cap(Eff|Bnd|Amb)' /proc/self/status"},
+        [&](const std::string &line) { said += line + "\n"; }, [&](int) { ended = true; }, &error, &confinement);
+    ASSERT_TRUE(child) << error;
+    ASSERT_TRUE(soon([&] { return ended; }));
+    EXPECT_EQ(said, "open\nCapEff:\t0000000000003400\nCapBnd:\t0000000000003400\nCapAmb:\t0000000000000000\n");
+    EXPECT_EQ(shell("cat " + folder + "/store"), "secret\n") << "it is hidden from the program alone";
+    std::filesystem::remove_all(folder);
+}
+
 TEST_F(LinuxTest, TheMulticastDaemonRunsWhileItIsWantedAndComesBack) {
     const std::string folder = std::filesystem::temp_directory_path() / ("multicast-" + std::to_string(getpid()));
     std::filesystem::create_directories(folder);

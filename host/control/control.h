@@ -28,8 +28,9 @@ class Control {
 public:
     /* Listens on a Unix socket with mode 0600; its folder is made, with mode 0700, if there is none. The socket of a
      * host that is gone is replaced. make_safe is called after each write and before its answer; when it says why the
-     * write is not safe, the answer does so, too. Throws std::runtime_error when the socket cannot be had, in particular
-     * when a living host listens on it, or when what is at its path is no socket, which is then left as it is. */
+     * write is not safe, the answer does so, too. Throws std::runtime_error when the socket cannot be had, in
+     * particular when a living host listens on it, or when what is at its path is no socket, which is then left as it
+     * is. */
     Control(UvLoop &loop, Model &model, std::string socket_path, std::function<std::string()> make_safe);
     Control(const Control &) = delete;
     Control &operator=(const Control &) = delete;

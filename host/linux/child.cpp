@@ -93,8 +93,9 @@ struct Child::State {
 };
 
 std::unique_ptr<Child> Child::start(UvLoop &loop, const std::vector<std::string> &argv, OnLine on_line, OnExit on_exit,
-                                    std::string *error) {
-    auto program = Program::start(argv, on_line ? Program::Output::Piped : Program::Output::Inherited, error);
+                                    std::string *error, const Confinement *confinement) {
+    auto program =
+        Program::start(argv, on_line ? Program::Output::Piped : Program::Output::Inherited, error, confinement);
     if (!program)
         return nullptr;
     auto *state = new State(loop, argv.front(), std::move(program));

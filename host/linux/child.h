@@ -13,6 +13,7 @@
 
 #include "host/base/process_runner.h"
 #include "host/base/uv_loop.h"
+#include "host/linux/confinement.h"
 
 namespace keel {
 
@@ -27,7 +28,7 @@ public:
      * they are the host's; all that it printed comes before on_exit, which is told its exit status, or 128 and the
      * signal that ended it. Both may destroy the child. Null with the reason in *error when it cannot be started. */
     static std::unique_ptr<Child> start(UvLoop &loop, const std::vector<std::string> &argv, OnLine on_line,
-                                        OnExit on_exit, std::string *error);
+                                        OnExit on_exit, std::string *error, const Confinement *confinement = nullptr);
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
     ~Child();

@@ -33,7 +33,7 @@ void close_pipe(const int (&ends)[2]) {
 }
 
 /* In the new process, with all signals blocked: becomes the program, or writes the reason why it cannot. */
-[[noreturn]] void become(char *const *argv, pid_t parent, int output, int report) {
+[[noreturn]] void become(char *const *argv, pid_t parent, int output, int report, const Confinement *confinement) {
     const auto fail = [report] {
         const int reason = errno;
         [[maybe_unused]] const ssize_t written = write(report, &reason, sizeof reason);
@@ -50,6 +50,8 @@ void close_pipe(const int (&ends)[2]) {
         fail();
     if (close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC) != 0)
         fail();
+    if (confinement && !confine(*confinement))
+        fail();
     for (int number = 1; number < NSIG; ++number)
         signal(number, SIG_DFL); /* the host's handlers must not run here; some cannot be set, nor need it */
     sigset_t none;
@@ -63,7 +65,8 @@ void close_pipe(const int (&ends)[2]) {
 
 } // namespace
 
-std::unique_ptr<Program> Program::start(const std::vector<std::string> &argv, Output output, std::string *error) {
+std::unique_ptr<Program> Program::start(const std::vector<std::string> &argv, Output output, std::string *error,
+                                        const Confinement *confinement) {
     std::vector<std::string> words = argv;
     std::vector<char *> pointers;
     pointers.reserve(words.size() + 1);
@@ -85,7 +88,7 @@ std::unique_ptr<Program> Program::start(const std::vector<std::string> &argv, Ou
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0)
-        become(pointers.data(), parent, lines[1], report[1]);
+        become(pointers.data(), parent, lines[1], report[1], confinement);
     int reason = pid < 0 ? errno : 0;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 

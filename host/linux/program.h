@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "host/linux/confinement.h"
+
 namespace keel {
 
 /* One program that was started. It has a process group of its own: what it starts is killed with it, and Ctrl-C in the
@@ -24,8 +26,9 @@ public:
 
     /* Starts argv[0] with default signals, nothing to read, and no descriptor of the host's besides its output. Its
      * environment is a PATH of the system's folders, in which argv[0] is looked up, and LC_ALL=C; of the host's own it
-     * gets nothing. Null with the reason in *error when it cannot be started. */
-    static std::unique_ptr<Program> start(const std::vector<std::string> &argv, Output output, std::string *error);
+     * gets nothing. With a confinement it is held to that. Null with the reason in *error when it cannot be started. */
+    static std::unique_ptr<Program> start(const std::vector<std::string> &argv, Output output, std::string *error,
+                                          const Confinement *confinement = nullptr);
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
     /* Kills it if it has not ended, and takes its status, so that the kernel forgets it. */

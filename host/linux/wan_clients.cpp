@@ -16,13 +16,17 @@ constexpr std::uint64_t longest_pause_ms = 60000; /* before a program that faile
 
 } // namespace
 
-WanClients::WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script)
-    : loop_(loop), model_(graph.model()), show_(loop, graph.model()), udhcpc_(std::move(udhcpc)),
-      script_(std::move(report_script)), random_(std::random_device()()),
-      forgetting_(loop, [this] { forget_unused_devices(); }),
+WanClients::WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script,
+                       std::vector<std::string> hidden_files)
+    : loop_(loop), model_(graph.model()), show_(loop, graph.model()),
+      udhcpc_(std::move(udhcpc)), confinement_{std::move(hidden_files)}, script_(std::move(report_script)),
+      random_(std::random_device()()), forgetting_(loop, [this] { forget_unused_devices(); }),
       wanted_(
           loop, graph, [this](const std::string &name, const std::string &device) { add(name, device); },
-          [this](const std::string &name) { stop(name); }) {}
+          [this](const std::string &name) { stop(name); }) {
+    if (!confinement_.hidden.empty() && !may_hide_files())
+        trace(Level::Warning, "wan", "without CAP_SYS_ADMIN the DHCP clients see the host's store and control socket");
+}
 
 WanClients::~WanClients() {
     waiting_.clear();
@@ -110,7 +114,7 @@ void WanClients::start(const std::string &name, Client &client) {
             program_failed(name, "its DHCP client ended with status " + std::to_string(status) +
                                      (said.empty() ? "" : " (" + said + ")"));
         },
-        &error);
+        &error, &confinement_);
     if (!client.process)
         program_failed(name, udhcpc_ + " cannot be started: " + error);
 }

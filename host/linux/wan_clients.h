@@ -30,7 +30,9 @@ namespace keel {
  * spread by chance, so that the clients of many gateways do not ask in step. */
 class WanClients {
 public:
-    WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script);
+    /* The clients talk to strangers: they are confined, and do not see the hidden files. */
+    WanClients(UvLoop &loop, InterfaceGraph &graph, std::string udhcpc, std::string report_script,
+               std::vector<std::string> hidden_files = {});
     WanClients(const WanClients &) = delete;
     WanClients &operator=(const WanClients &) = delete;
     ~WanClients();
@@ -66,6 +68,7 @@ private:
     Model &model_;
     WanClientModel show_;
     std::string udhcpc_;
+    Confinement confinement_;
     std::string script_;
     std::mt19937 random_;
     std::map<std::string, std::unique_ptr<WanPackets>> devices_;
