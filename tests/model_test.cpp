@@ -4,10 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
+#include <random>
 
 #include <sqlite3.h>
 
@@ -142,6 +145,71 @@ TEST_F(ModelTest, EventsAreToldLaterInOrderAndOncePerWrite) {
     model.add("Kept.Item", "k", {});
     loop.run_until_idle();
     EXPECT_EQ(told.size(), 4U);
+}
+
+TEST_F(ModelTest, AnEventReachesThoseWhomItConcerns) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_text(tree, "test");
+    std::vector<std::string> told;
+    const auto note = [&](const char *who) {
+        return [&told, who](const Event &event) { told.push_back(std::string(who) + " " + event.path()); };
+    };
+    model.watch("", note("all"));
+    model.watch("Kept.Item.a", note("a"));
+    model.watch("Kept.Item.a.b", note("a.b"));
+    model.watch("Kept.Item.a", note("a's other"), {{"Other"}, false});
+    model.watch("Kept.Item.a", note("a's N"), {{"Other", "N"}, false});
+    model.watch("Kept.Item.a.b.Sub.x", note("x to come"), {{}, true});
+    model.watch("Kept.Item.c.Sub.x", note("another's"), {{}, true});
+    const Model::WatchId gone = model.watch("Kept.Item.a", note("gone"));
+    model.add("Kept.Item", "a", {});
+    model.add("Kept.Item", "a.b", {});
+    model.set("Kept.Item.a", {{"N", std::int64_t{1}}});
+    model.add("Kept.Item.a.b.Sub", "x", {{"T", std::string("t")}});
+    model.unwatch(gone);
+    loop.run_until_idle();
+    EXPECT_EQ(told, (std::vector<std::string>{"all Kept.Item.a", "a Kept.Item.a", "a's other Kept.Item.a",
+                                              "a's N Kept.Item.a", "x to come Kept.Item.a",
+                                              /* as far as a path's text tells */ "all Kept.Item.a.b",
+                                              "a.b Kept.Item.a.b", "x to come Kept.Item.a.b", "all Kept.Item.a",
+                                              "a Kept.Item.a", "a's N Kept.Item.a", "all Kept.Item.a.b.Sub.x",
+                                              "a.b Kept.Item.a.b.Sub.x", "x to come Kept.Item.a.b.Sub.x"}));
+}
+
+/* Beside a plain list, over enough instances for an index and back. */
+TEST_F(ModelTest, InstancesKeepTheirOrderNamesAndNumbers) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_text(tree, "test");
+    std::vector<std::string> expected;
+    std::mt19937 random(9);
+    const auto lowest_free = [&] {
+        for (int number = 1;; ++number)
+            if (std::find(expected.begin(), expected.end(), std::to_string(number)) == expected.end())
+                return std::to_string(number);
+    };
+    for (int round = 0; round < 4000; ++round) {
+        const bool grows = round % 1000 < 600;
+        if (expected.empty() || random() % 10 < (grows ? 7U : 3U)) {
+            const bool by_key = random() % 3 == 0;
+            const std::string name = by_key ? std::to_string(random() % 60) + ".k" : lowest_free();
+            std::string given;
+            const bool taken = std::find(expected.begin(), expected.end(), name) != expected.end();
+            ASSERT_EQ(model.add("Kept.Item", by_key ? std::optional(name) : std::nullopt, {}, &given).has_value(),
+                      taken);
+            if (!taken) {
+                ASSERT_EQ(given, name) << "the lowest number that is free, or the key";
+                expected.push_back(name);
+            }
+        } else {
+            const auto at = expected.begin() + static_cast<std::ptrdiff_t>(random() % expected.size());
+            ASSERT_FALSE(model.remove("Kept.Item." + *at));
+            ASSERT_EQ(model.find("Kept.Item." + *at + ".Sub"), nullptr);
+            expected.erase(at);
+        }
+        ASSERT_EQ(model.instances("Kept.Item"), expected);
+    }
 }
 
 TEST_F(ModelTest, WhatIsPersistentComesBackAndNothingElse) {

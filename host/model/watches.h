@@ -38,7 +38,8 @@ struct Event {
 struct Concern {
     /* Of changes those in which one of these is among the values; all when there are none. */
     std::vector<std::string> parameters;
-    /* Also the addition of an instance in which the path lies: with it, the path's object may have appeared. */
+    /* Also the addition of an instance in which the path lies, as far as its text tells: with it, the path's object may
+     * have appeared. */
     bool appearance = false;
 };
 
