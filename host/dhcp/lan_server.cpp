@@ -11,10 +11,11 @@ namespace {
 constexpr std::size_t max_id = 35; /* characters of a client identifier's text */
 constexpr std::size_t max_parked = 64;
 constexpr std::uint64_t declined_for_ms = 600000;
-constexpr std::uint64_t report_again_ms = 120000;           /* a device that is still held, and still asks */
-constexpr std::uint64_t longest_wait_ms = 24 * 3600 * 1000; /* for the end of a lease; then it is looked again */
-constexpr std::uint64_t clock_is_set_s = 1577836800;        /* a gateway without a clock of its own starts in 1970 */
-constexpr std::uint64_t offer_valid_s = 60;                 /* how long an offered address waits for its request */
+constexpr std::uint64_t report_again_ms = 120000; /* a device that is still held, and still asks */
+constexpr std::uint64_t longest_wait_ms =
+    std::uint64_t{24} * 3600 * 1000;                 /* for the end of a lease; then it is looked again */
+constexpr std::uint64_t clock_is_set_s = 1577836800; /* a gateway without a clock of its own starts in 1970 */
+constexpr std::uint64_t offer_valid_s = 60;          /* how long an offered address waits for its request */
 constexpr std::uint32_t broadcast_address = 0xffffffff;
 
 enum : std::uint8_t {

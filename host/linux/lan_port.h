@@ -8,9 +8,8 @@
 #include <functional>
 #include <string>
 
-#include "host/base/growing_pause.h"
-#include "host/base/uv_loop.h"
 #include "host/dhcp/lan_server.h"
+#include "host/linux/packet_socket.h"
 
 namespace keel {
 
@@ -18,40 +17,21 @@ class PacketLanPort : public LanPort {
 public:
     using Receiver = std::function<void(const std::uint8_t *data, std::size_t size)>;
 
-    /* Opens the interface. While that fails, since it is down or there is none, and whenever it goes down or is deleted
-     * later, it is tried again, soon and then once a second. The loss is traced once, and so is its end. */
+    /* While the interface is down, or there is none, it is looked for soon and then once a second; the loss is traced
+     * once, and so is its end. */
     PacketLanPort(UvLoop &loop, std::string interface, Receiver receiver);
     PacketLanPort(const PacketLanPort &) = delete;
     PacketLanPort &operator=(const PacketLanPort &) = delete;
-    ~PacketLanPort() override;
 
     /* Nothing is sent while the interface is not open. */
     void send(const Bytes &message, const DhcpDestination &destination) override;
 
 private:
-    struct Poll;
+    void state_changed(int error) const;
 
-    /* Of these, each returns 0 or an errno. */
-    int open();
-    int bind_to_interface();
-    int watch();
-    int socket_error(int otherwise) const;
-
-    void close();
-    void open_or_retry();
-    void lost(int error);
-    void take_frames();
-
-    UvLoop &loop_;
     std::string interface_;
     Receiver receiver_;
-    int socket_ = -1; /* while it is open, or being opened */
-    int index_ = 0;
-    Poll *poll_ = nullptr;
-    Loop::TimerId retry_ = 0;
-    GrowingPause pause_; /* the frames of this time are lost; the devices ask again */
-    std::uint64_t opened_ms_ = 0;
-    bool complained_ = false;
+    PacketSocket socket_;
 };
 
 } // namespace keel

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "host/base/text_forms.h"
-#include "host/base/uv_loop.h"
+#include "host/linux/packet_socket.h"
 
 namespace keel {
 
@@ -43,27 +43,14 @@ public:
     WanPackets(UvLoop &loop, std::string device, Receiver receiver);
     WanPackets(const WanPackets &) = delete;
     WanPackets &operator=(const WanPackets &) = delete;
-    ~WanPackets();
 
     /* Has the receiver called now for what has passed up to now. */
-    void take_now();
+    void take_now() { socket_.take_now(); }
 
 private:
-    struct Poll;
-
-    void open_or_retry();
-    int open(); /* 0, or why it cannot be done */
-    void close();
-    void failed(int error);
-    void take(int frames);
-
-    UvLoop &loop_;
     std::string device_;
     Receiver receiver_;
-    int socket_ = -1;
-    Poll *poll_ = nullptr;
-    Loop::TimerId retry_ = 0;
-    unsigned failures_ = 0; /* since a message came */
+    PacketSocket socket_;
 };
 
 } // namespace keel

@@ -26,27 +26,24 @@ Database::Opened Database::open(const std::string &file, const char *schema) {
     const mode_t before = umask(077); /* for the files beside it, too */
     const int result = sqlite3_open_v2((folder / path.filename()).c_str(), &database_,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
-    if (result != SQLITE_OK) {
-        umask(before);
-        return failure();
-    }
+    const Opened opened = result == SQLITE_OK ? look_over(file, schema) : failure();
+    umask(before);
+    return opened;
+}
+
+Database::Opened Database::look_over(const std::string &file, const char *schema) {
     chmod(file.c_str(), 0600); /* an earlier version left it open to all */
     sqlite3_busy_timeout(database_, busy_ms);
-    Opened opened = Opened::Yes;
-    if (!execute("PRAGMA journal_mode=WAL") || !execute("PRAGMA synchronous=NORMAL")) {
-        opened = failure();
-    } else if (const auto check = select("PRAGMA quick_check"); !check) {
-        opened = failure();
-    } else if (check->empty() || check->front().front() != "ok") {
+    const bool set = execute("PRAGMA journal_mode=WAL") && execute("PRAGMA synchronous=NORMAL");
+    const auto check = set ? select("PRAGMA quick_check") : std::nullopt;
+    if (!check)
+        return failure();
+    if (check->empty() || check->front().front() != "ok") {
         error_ = "it is damaged";
-        opened = Opened::Damaged;
-    } else if (!execute(schema)) {
-        opened = failure();
-    }
-    umask(before);
-    if (opened != Opened::Yes)
         close();
-    return opened;
+        return Opened::Damaged;
+    }
+    return execute(schema) ? Opened::Yes : failure();
 }
 
 /* A file that is in use, or a disk that is full, is no reason to put the stored things away. */

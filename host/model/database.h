@@ -47,6 +47,7 @@ public:
 private:
     sqlite3_stmt *prepared(const char *sql, const std::vector<Value> &values);
     bool execute(const char *sql);
+    Opened look_over(const std::string &file, const char *schema);
     Opened failure();
     bool failed();
 
