@@ -4,13 +4,10 @@
  */
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -22,6 +19,7 @@
 #include "host/linux/lan_port.h"
 #include "host/linux/udhcpc.h"
 #include "host/linux/wan_clients.h"
+#include "tests/linux_fixture.h"
 
 namespace keel {
 
@@ -31,16 +29,6 @@ using Kind = UdhcpcReport::Kind;
 using Seen = WanMessage::Kind;
 
 constexpr std::uint32_t server_address = 0x0a140001; /* 10.20.0.1 */
-
-std::string shell(const std::string &command) {
-    std::string printed;
-    std::array<char, 4096> buffer{};
-    FILE *pipe = popen(("exec 2>&1; " + command).c_str(), "r");
-    while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
-        printed.append(buffer.data(), size);
-    pclose(pipe);
-    return printed;
-}
 
 std::size_t traced(const std::string &part) {
     const auto &lines = TraceLog::instance().recent();
@@ -221,28 +209,11 @@ TEST(WanMessages, AreToldApartByWhatAClientDoes) {
 /* ---------------------------------------------------------------------------------------- the real clients */
 
 /* An operator's DHCP server that does as it is told, on the other end of the cable "eth1.20" - "peer". */
-class WanTest : public testing::Test {
+class WanTest : public LinuxTest {
 protected:
-    static void SetUpTestSuite() {
-        if (getuid() == 0)
-            return;
-        const uid_t user = getuid();
-        const gid_t group = getgid();
-        ASSERT_EQ(unshare(CLONE_NEWUSER | CLONE_NEWNS), 0) << "user namespaces are not permitted";
-        std::ofstream("/proc/self/setgroups") << "deny";
-        std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
-        std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
-    }
     WanTest() {
-        TraceLog::instance().set_print(false);
-        TraceLog::instance().clear();
-        EXPECT_EQ(unshare(CLONE_NEWNET), 0) << "network namespaces are not permitted";
-        EXPECT_EQ(shell("ip link set lo up; ip link add eth1.20 type veth peer name peer; ip link set eth1.20 up;"
-                        "ip link set peer address 02:00:00:00:00:77 up"),
-                  "");
+        EXPECT_EQ(shell("ip link set peer address 02:00:00:00:00:77"), "");
         std::filesystem::create_directories(folder);
-        model.load_file(SOURCE_DIR "/share/gateway.json");
-        graph.emplace(model);
         graph->set_flag("eth1.20", "up", true);
         model.watch("Weft.Intf",
                     [this](const Event &event) {
@@ -314,9 +285,6 @@ protected:
     const std::filesystem::path folder =
         std::filesystem::temp_directory_path() / ("wan-test-" + std::to_string(getpid()));
     const std::string script = SOURCE_DIR "/share/udhcpc-report.sh";
-    UvLoop loop;
-    Model model{loop};
-    std::optional<InterfaceGraph> graph;
     std::optional<PacketLanPort> port;
     std::map<std::string, States> states;
     std::vector<std::pair<DhcpType, std::uint64_t>> asked;
@@ -418,8 +386,10 @@ TEST_F(WanTest, OneThatNobodyAnswersTriesLessAndLessOften) {
     ASSERT_TRUE(soon([&] { return state("dhcp_own") == "Bound"; }, 20));
     ASSERT_EQ(asked.size(), 4U);
     const auto gap = [&](std::size_t at) { return static_cast<double>(asked[at].second - asked[at - 1].second); };
-    EXPECT_NEAR(gap(1), 3000, 1300);
-    EXPECT_NEAR(gap(2), 6000, 1300);
+    /* a second either way is meant, another is what a busy machine may take from one try and give to the next */
+    EXPECT_NEAR(gap(1), 3000, 2000);
+    EXPECT_NEAR(gap(2), 6000, 2000);
+    EXPECT_GT(gap(2), gap(1));
 }
 
 TEST_F(WanTest, OneDisabledAndEnabledInOneTurnIsRestarted) {
