@@ -35,7 +35,7 @@ protected:
         }
         const std::string file = std::filesystem::temp_directory_path() / ("ip-" + std::to_string(getpid()));
         std::ofstream(file) << lines;
-        const std::string printed = shell("ip -batch " + file);
+        std::string printed = shell("ip -batch " + file);
         std::filesystem::remove(file);
         return printed;
     }
