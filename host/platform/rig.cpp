@@ -1,17 +1,15 @@
 /*
- * The module host: loads the plug-in, starts and stops its sub-modules; and the plug-in's trace calls.
+ * The module host: loads the plug-in, starts and stops its sub-modules.
  */
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <string>
 #include <vector>
 
 #include "host/base/trace.h"
 #include "host/platform/plugin.h"
 #include "platform/keel.h"
-#include "platform/trace.h"
 
 struct hull {};
 struct sysbus {};
@@ -23,16 +21,6 @@ sysbus the_sysbus;
 void *library = nullptr;
 std::vector<ModuleDescriptor *> registered;
 std::vector<ModuleDescriptor *> started;
-
-void write_trace(uint32_t level, const char *zone, const char *format, va_list arguments) {
-    const keel::Level known = level <= mast_level_error     ? keel::Level::Error
-                              : level <= mast_level_warning ? keel::Level::Warning
-                                                            : keel::Level::Info;
-    std::string text = keel::format_text(format, arguments);
-    if (text.ends_with('\n'))
-        text.pop_back();
-    keel::TraceLog::instance().write(known, zone, std::move(text));
-}
 
 } // namespace
 
@@ -99,19 +87,5 @@ hull_t *rig_getHull() {
 
 sysbus_t *rig_getSysbus() {
     return &the_sysbus;
-}
-
-void mastTrace(uint32_t level, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    write_trace(level, "", format, arguments);
-    va_end(arguments);
-}
-
-void mastTraceZ(uint32_t level, const char *zone, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    write_trace(level, zone ? zone : "", format, arguments);
-    va_end(arguments);
 }
 }
