@@ -194,13 +194,13 @@ TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
     restart();
     EXPECT_EQ(lease_count(), 1U) << "it was written when nobody knew the time";
     stb.stop();
-    loop.advance(3 * 24 * 3600 * 1000ULL);
+    loop.advance(std::uint64_t{3} * 24 * 3600 * 1000);
     EXPECT_EQ(lease_count(), 0U) << "it has ended all the same";
 
     stb.start();
     loop.advance(1000);
     stb.stop();
-    loop.advance(3600 * 1000);
+    loop.advance(std::uint64_t{3600} * 1000);
     loop.set_wall_clock(1900000000); /* years later, says the clock, when the server starts again */
     restart();
     EXPECT_EQ(lease_count(), 0U);
@@ -210,7 +210,7 @@ TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
     loop.set_wall_clock(1700000000); /* and back: what is left of it is not known */
     restart();
     EXPECT_EQ(lease_count(), 1U);
-    loop.advance(24 * 3600 * 1000 + 5000);
+    loop.advance(std::uint64_t{24} * 3600 * 1000 + 5000);
     EXPECT_EQ(lease_count(), 0U) << "but bounded";
 }
 
