@@ -88,6 +88,12 @@ TEST_F(StoreTest, ALockedFileIsTakenUpLaterAndNothingOfItIsLost) {
         model.add("Kept.Item", "a", {{"N", std::int64_t{1}}});
         model.add("Kept.Item", "b", {{"N", std::int64_t{2}}});
     }
+    {
+        Store store(loop, model, file);
+        for (const char *name : {"d", "c"})
+            model.add("Kept.Item", name, {});
+        model.remove("Kept.Item.d");
+    }
     sql("PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE; UPDATE value SET value = '3' WHERE path = 'Kept.Item.b'");
 
     Model again(loop);
@@ -96,6 +102,7 @@ TEST_F(StoreTest, ALockedFileIsTakenUpLaterAndNothingOfItIsLost) {
     EXPECT_EQ(again.text("Kept", "Mode"), "default") << "it serves as the model says";
     again.set("Kept", {{"Status", std::string("newer")}});
     again.add("Kept.Item", "b", {{"N", std::int64_t{9}}});
+    again.add("Kept.Item", "e", {});
     EXPECT_NE(store.flush(), "") << "who asks is told";
     EXPECT_NE(again.text("KeelHost", "StoreError").find("locked"), std::string::npos);
     loop.advance(600000);
@@ -113,6 +120,11 @@ TEST_F(StoreTest, ALockedFileIsTakenUpLaterAndNothingOfItIsLost) {
     EXPECT_EQ(store.flush(), "");
     EXPECT_EQ(stored("Mode"), "stored");
     EXPECT_EQ(stored("Status"), "newer");
+    SimLoop later;
+    Model fresh(later);
+    fresh.load_text(tree, "test");
+    const Store reader(later, fresh, file);
+    EXPECT_EQ(fresh.instances("Kept.Item"), (std::vector<std::string>{"a", "b", "c", "e"})) << "the new one comes last";
 }
 
 TEST_F(StoreTest, AWriteThatIsNotStoredIsToldAndStoredLater) {

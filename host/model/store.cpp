@@ -114,6 +114,9 @@ void Store::restore() {
     const auto highest = database_.select("SELECT MAX(position) FROM node");
     if (highest && !highest->empty())
         highest_position_ = std::strtoll(highest->front().front().c_str(), nullptr, 10);
+    for (auto &[path, dirty] : dirty_) /* added while nobody knew what is in the file: they come behind that */
+        if (dirty.position)
+            dirty.position += highest_position_;
 }
 
 void Store::restore_node(const std::string &parent, const std::string &name, bool instance) {
