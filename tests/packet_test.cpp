@@ -113,6 +113,9 @@ TEST(Packet, WritesWhatAnotherReaderReads) {
     DhcpReply reply{DhcpType::Ack, 0xc0a80115, 0xc0a80101, {{121, routes}, {1, {255, 255, 255, 0}}, {80, {}}}};
     reply.options[53] = {9};
     reply.options[54] = {9};
+    reply.options[61] = reply.options[82] = {9};
+    request.client_id = {1, 2, 3};
+    request.relay_agent = {1, 1, 7};
     const Bytes ack = build_dhcp_reply(request, reply);
     const Tins::DHCP packet(ack.data(), static_cast<std::uint32_t>(ack.size()));
     EXPECT_EQ(packet.opcode(), 2);
@@ -132,9 +135,20 @@ TEST(Packet, WritesWhatAnotherReaderReads) {
         if (option.option() == 121)
             joined.insert(joined.end(), option.data_ptr(), option.data_ptr() + option.data_size());
     }
-    EXPECT_EQ(order, (std::vector<int>{53, 54, 1, 80, 121, 121, 121, 255}));
+    EXPECT_EQ(order, (std::vector<int>{53, 54, 1, 80, 121, 121, 121, 61, 82, 255}));
     EXPECT_EQ(joined, routes);
+    EXPECT_EQ(data_of(packet, 61), request.client_id) << "the client's own come back";
+    EXPECT_EQ(data_of(packet, 82), request.relay_agent);
 
+    request.client_id.clear();
+    request.relay_agent.clear();
+    request.broadcast = false;
+    request.relay = 0xc0a80107;
+    reply = {DhcpType::Nak, 0, 0xc0a80101, {}};
+    const Bytes nak = build_dhcp_reply(request, reply);
+    const Tins::DHCP relayed(nak.data(), static_cast<std::uint32_t>(nak.size()));
+    EXPECT_EQ(relayed.giaddr(), "192.168.1.7");
+    EXPECT_EQ(relayed.padding(), 0x8000) << "the relay is to tell all of it: the client has no address";
     reply = {DhcpType::Offer, 0xc0a80115, 0xc0a80101, {{51, {0, 0, 1, 44}}}};
     const Bytes offer = build_dhcp_reply(request, reply);
     EXPECT_EQ(offer.size(), 300U);

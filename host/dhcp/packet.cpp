@@ -36,12 +36,16 @@ enum : std::size_t {
 
 enum : std::uint8_t {
     option_pad = 0,
+    option_host_name = 12,
     option_requested_address = 50,
+    option_lease_time = 51,
     option_overload = 52,
     option_message_type = 53,
     option_server_id = 54,
+    option_wanted_options = 55,
     option_vendor_class = 60,
     option_client_id = 61,
+    option_relay_agent = 82,
     option_end = 255
 };
 
@@ -52,9 +56,15 @@ Bytes option_of(const Options &options, std::uint8_t number) {
     return found == options.end() ? Bytes() : found->second;
 }
 
-/* 0 for what is no address. */
-std::uint32_t address_of(const Bytes &bytes) {
-    return bytes.size() == 4 ? network_number(bytes.data()) : 0;
+std::string text_of(const Options &options, std::uint8_t number) {
+    const Bytes value = option_of(options, number);
+    return {value.begin(), value.end()};
+}
+
+/* An address, or a time; 0 for what is neither. */
+std::uint32_t number_of(const Options &options, std::uint8_t number) {
+    const Bytes value = option_of(options, number);
+    return value.size() == 4 ? network_number(value.data()) : 0;
 }
 
 /* Adds the options of one field; an option that stands there more than once is one long option (RFC 3396). False when
@@ -100,6 +110,11 @@ void append_option(Bytes *message, std::uint8_t number, const Bytes &value) {
         message->insert(message->end(), first, first + static_cast<std::ptrdiff_t>(piece));
         at += piece;
     } while (at < value.size());
+}
+
+bool is_formed_here(std::uint8_t number) {
+    return number == option_pad || number == option_message_type || number == option_server_id ||
+           number == option_client_id || number == option_relay_agent || number == option_end;
 }
 
 void put_number(Bytes *message, std::size_t at, std::uint32_t number) {
@@ -153,10 +168,13 @@ bool parse_dhcp(const std::uint8_t *data, std::size_t size, DhcpMessage *message
     message->relay = network_number(data + at_relay);
     std::copy_n(hardware, message->hardware.size(), message->hardware.begin());
     message->client_id = option_of(*options, option_client_id);
-    const Bytes vendor = option_of(*options, option_vendor_class);
-    message->vendor_class.assign(vendor.begin(), vendor.end());
-    message->requested_address = address_of(option_of(*options, option_requested_address));
-    message->server_id = address_of(option_of(*options, option_server_id));
+    message->relay_agent = option_of(*options, option_relay_agent);
+    message->wanted_options = option_of(*options, option_wanted_options);
+    message->host_name = text_of(*options, option_host_name);
+    message->vendor_class = text_of(*options, option_vendor_class);
+    message->requested_address = number_of(*options, option_requested_address);
+    message->server_id = number_of(*options, option_server_id);
+    message->lease_time = number_of(*options, option_lease_time);
     return true;
 }
 
@@ -169,7 +187,7 @@ bool parse_dhcp_answer(const std::uint8_t *data, std::size_t size, DhcpAnswer *a
         *error = "no server's message type";
         return false;
     }
-    *answer = {type, network_number(data + at_xid), address_of(option_of(*options, option_server_id))};
+    *answer = {type, network_number(data + at_xid), number_of(*options, option_server_id)};
     return true;
 }
 
@@ -179,7 +197,8 @@ Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply) {
     message[at_hardware_type] = ethernet;
     message[at_hardware_size] = hardware_size;
     put_number(&message, at_xid, request.xid);
-    message[at_flags] = request.broadcast ? broadcast_bit : 0;
+    const bool to_all = request.broadcast || (request.relay != 0 && reply.type == DhcpType::Nak); /* RFC 2131, 4.3.2 */
+    message[at_flags] = to_all ? broadcast_bit : 0;
     if (reply.type == DhcpType::Ack)
         put_number(&message, at_client_address, request.client_address);
     put_number(&message, at_your_address, reply.your_address);
@@ -189,8 +208,12 @@ Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply) {
     append_option(&message, option_message_type, {static_cast<std::uint8_t>(reply.type)});
     append_option(&message, option_server_id, network_bytes(reply.server));
     for (const auto &[number, value] : reply.options)
-        if (number != option_pad && number != option_message_type && number != option_server_id && number != option_end)
+        if (!is_formed_here(number))
             append_option(&message, number, value);
+    if (!request.client_id.empty())
+        append_option(&message, option_client_id, request.client_id);
+    if (!request.relay_agent.empty())
+        append_option(&message, option_relay_agent, request.relay_agent);
     message.push_back(option_end);
     if (message.size() < minimum_size)
         message.resize(minimum_size);

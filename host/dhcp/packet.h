@@ -31,14 +31,19 @@ struct DhcpMessage {
     std::uint32_t client_address = 0; /* ciaddr */
     std::uint32_t relay = 0;          /* giaddr */
     HardwareAddress hardware{};
-    Bytes client_id; /* option 61, may be empty */
+    Bytes client_id;       /* option 61, may be empty */
+    Bytes relay_agent;     /* option 82 (RFC 3046), may be empty */
+    Bytes wanted_options;  /* option 55: their numbers */
+    std::string host_name; /* as it came: any bytes; likewise the next */
     std::string vendor_class;
     std::uint32_t requested_address = 0;
     std::uint32_t server_id = 0;
+    std::uint32_t lease_time = 0; /* s; 0: it leaves it to the server */
 };
 
 /* What the server answers. The options go in the order of their numbers after 53 and 54, which are formed from the
- * other fields and not taken from here. */
+ * other fields and not taken from here. Nor are 61 and 82, which come last: the request's own go back (RFC 6842, RFC
+ * 3046). */
 struct DhcpReply {
     DhcpType type = DhcpType::Offer;
     std::uint32_t your_address = 0; /* yiaddr */
