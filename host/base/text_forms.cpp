@@ -57,6 +57,14 @@ std::optional<Bytes> parse_hex(const std::string &hex) {
     return bytes;
 }
 
+std::string printable_text(const std::string &text, std::size_t longest) {
+    std::string shown = text.substr(0, longest);
+    for (char &c : shown)
+        if (c < ' ' || c > '~')
+            c = '?';
+    return shown;
+}
+
 std::string format_ipv4(std::uint32_t address) {
     char text[INET_ADDRSTRLEN];
     const in_addr network{htonl(address)};

@@ -25,6 +25,10 @@ std::string format_hex(const Bytes &bytes);
 /* The bytes of a hexadecimal text of either case; nothing for anything else, no bytes for an empty text. */
 std::optional<Bytes> parse_hex(const std::string &hex);
 
+/* A text that a stranger sent, for people and the data model: what is not printable ASCII is "?", what is longer is
+ * cut. */
+std::string printable_text(const std::string &text, std::size_t longest);
+
 /* "192.168.1.1" */
 std::string format_ipv4(std::uint32_t address);
 /* Four decimal numbers with dots, nothing else around them. */

@@ -1,6 +1,7 @@
 #include "host/dhcp/frame.h"
 
 #include <algorithm>
+#include <array>
 
 namespace keel {
 
@@ -13,7 +14,19 @@ constexpr std::uint8_t version_4 = 4;
 constexpr std::uint8_t protocol_udp = 17;
 constexpr std::uint8_t time_to_live = 64;
 constexpr std::uint32_t dont_fragment = 0x4000;
-constexpr std::uint32_t fragment = 0x3fff; /* "more fragments", and the offset */
+constexpr std::uint32_t fragment = 0x3fff;                                    /* "more fragments", and the offset */
+constexpr std::array<std::uint8_t, 6> arp_over_ethernet = {0, 1, 8, 0, 6, 4}; /* for IPv4; sizes of both addresses */
+constexpr std::uint32_t arp_request = 1;
+constexpr std::uint32_t arp_reply = 2;
+
+/* Where the fields of an ARP packet begin. */
+enum : std::size_t {
+    at_arp_operation = 6,
+    at_arp_sender_hardware = 8,
+    at_arp_sender_address = 14,
+    at_arp_target_address = 24,
+    arp_size = 28
+};
 
 std::uint16_t number_at(const std::uint8_t *bytes) {
     return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
@@ -91,6 +104,26 @@ std::optional<Bytes> build_udp_packet(const UdpEnds &ends, const Bytes &payload)
     put_checksum(&packet, 10, checksum(packet.data(), packet.size()));
     packet.insert(packet.end(), datagram.begin(), datagram.end());
     return packet;
+}
+
+Bytes build_arp_probe(const HardwareAddress &from, std::uint32_t address) {
+    Bytes packet(arp_over_ethernet.begin(), arp_over_ethernet.end());
+    packet.push_back(0);
+    packet.push_back(arp_request);
+    packet.insert(packet.end(), from.begin(), from.end());
+    packet.resize(at_arp_target_address); /* no address of the sender's, and who is asked for is not known */
+    append_address(&packet, address);
+    return packet;
+}
+
+/* To a question without a sender's address the answer has none of its target's. */
+std::optional<ArpOwner> parse_arp_answer(const std::uint8_t *data, std::size_t size) {
+    if (size < arp_size || !std::equal(arp_over_ethernet.begin(), arp_over_ethernet.end(), data) ||
+        number_at(data + at_arp_operation) != arp_reply || network_number(data + at_arp_target_address) != 0)
+        return std::nullopt;
+    ArpOwner owner{network_number(data + at_arp_sender_address), {}};
+    std::copy_n(data + at_arp_sender_hardware, owner.hardware.size(), owner.hardware.begin());
+    return owner;
 }
 
 } // namespace keel

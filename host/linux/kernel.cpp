@@ -180,7 +180,7 @@ void Kernel::mend_device(const std::string &name, const Deleted &deleted) {
     kept_.insert(name);
     const KernelLink *known = tables_.link(name);
     mend_link(name, known);
-    const KernelLink link = known ? *known : KernelLink{-1, name, false, false};
+    const KernelLink link = known ? *known : KernelLink{-1, name, false, false, false};
     mend_addresses(name, link, deleted);
     mend_routes(name, link);
 }

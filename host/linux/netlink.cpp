@@ -67,16 +67,25 @@ public:
         const std::uint8_t *address = bytes(attribute, 6);
         return address ? format_mac(address) : "";
     }
-    std::string text(int attribute) const {
-        if (!all_[attribute])
-            return "";
-        const std::string whole(static_cast<const char *>(nla_data(all_[attribute])),
-                                static_cast<std::size_t>(nla_len(all_[attribute])));
-        return whole.substr(0, whole.find('\0'));
+    std::string text(int attribute) const { return text_in(all_[attribute]); }
+    /* The text of an attribute that lies within another. */
+    std::string text(int attribute, int inner) const {
+        nlattr *found = all_[attribute] ? nla_find(static_cast<nlattr *>(nla_data(all_[attribute])),
+                                                   nla_len(all_[attribute]), inner)
+                                        : nullptr;
+        return text_in(found);
     }
     bool has(int attribute) const { return all_[attribute]; }
 
 private:
+    static std::string text_in(const nlattr *attribute) {
+        if (!attribute)
+            return "";
+        const std::string whole(static_cast<const char *>(nla_data(attribute)),
+                                static_cast<std::size_t>(nla_len(attribute)));
+        return whole.substr(0, whole.find('\0'));
+    }
+
     nlattr *all_[Highest + 1] = {};
 };
 
@@ -89,7 +98,8 @@ std::optional<KernelMessage> read_link(const nlmsghdr *header) {
     const bool enabled = fixed->ifi_flags & IFF_UP;
     return KernelMessage{header->nlmsg_type == RTM_DELLINK, false, false,
                          KernelLink{fixed->ifi_index, attributes.text(IFLA_IFNAME), enabled,
-                                    enabled && (fixed->ifi_flags & IFF_RUNNING)}};
+                                    enabled && (fixed->ifi_flags & IFF_RUNNING),
+                                    attributes.text(IFLA_LINKINFO, IFLA_INFO_KIND) == "bridge"}};
 }
 
 std::optional<KernelMessage> read_address(const nlmsghdr *header) {

@@ -20,6 +20,7 @@ struct KernelLink {
     std::string name;
     bool enabled = false; /* administratively up */
     bool up = false;      /* the same, and with carrier */
+    bool bridge = false;
     bool operator==(const KernelLink &) const = default;
 };
 

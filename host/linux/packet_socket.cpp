@@ -134,10 +134,19 @@ void PacketSocket::take_now() {
     take(packets_at_once);
 }
 
+HardwareAddress PacketSocket::own_address() const {
+    HardwareAddress own{};
+    sockaddr_ll address{};
+    socklen_t size = sizeof address;
+    if (getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &size) == 0 && address.sll_halen == own.size())
+        std::copy_n(address.sll_addr, own.size(), own.begin());
+    return own;
+}
+
 int PacketSocket::send(const Bytes &packet, const HardwareAddress &to) {
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(ETH_P_IP);
+    address.sll_protocol = htons(setup_.protocol == ETH_P_ALL ? ETH_P_IP : setup_.protocol);
     address.sll_ifindex = index_;
     address.sll_halen = ETH_ALEN;
     std::copy(to.begin(), to.end(), address.sll_addr);

@@ -17,8 +17,8 @@
 
 namespace keel {
 
-/* Takes and sends IPv4 packets. While the device cannot be opened, since it is down or there is none, and whenever it
- * goes down or is deleted later, it is tried again after a growing pause. */
+/* Takes and sends packets of one protocol. While the device cannot be opened, since it is down or there is none, and
+ * whenever it goes down or is deleted later, it is tried again after a growing pause. */
 class PacketSocket {
 public:
     /* leaves: of what the device sends itself. */
@@ -27,8 +27,8 @@ public:
     using OnState = std::function<void(int error)>;
 
     struct Setup {
-        std::span<const sock_filter> filter; /* counted from the IP header; must outlive the socket */
-        std::uint16_t protocol;              /* ETH_P_IP, or ETH_P_ALL to hear also what leaves */
+        std::span<const sock_filter> filter; /* counted from behind the link's header; must outlive the socket */
+        std::uint16_t protocol;              /* ETH_P_IP, ETH_P_ARP, or ETH_P_ALL for IPv4 and to hear what leaves */
         GrowingPause pause;
         std::uint64_t holds_ms; /* one that was open for so long has not failed at once: the pause is the first again */
     };
@@ -40,6 +40,8 @@ public:
     ~PacketSocket();
 
     bool is_open() const { return poll_ != nullptr; }
+    /* The device's; of one that is open. */
+    HardwareAddress own_address() const;
     /* Hands over what has come up to now, without waiting for the loop. */
     void take_now();
     /* To a hardware address on the device. 0, or an errno. */
