@@ -80,8 +80,12 @@ public:
           kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
           firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
-          lan_port_(loop_, model_.text("DHCPv4.Server", "Interface"),
-                    [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); }),
+          lan_port_(
+              loop_, tables_, model_.text(lan_server_path, "Interface"),
+              [this](const std::uint8_t *data, std::size_t size) { lan_server_.received(data, size); },
+              [this](std::uint32_t address, const HardwareAddress &owner) {
+                  lan_server_.address_used(address, owner);
+              }),
           lan_server_(loop_, model_, lan_port_),
           wan_clients_(loop_, graph_, options.udhcpc, options.share + "/udhcpc-report.sh",
                        {options.socket, options.store, options.store + "-wal", options.store + "-shm"}),

@@ -48,6 +48,11 @@ protected:
     Model model{loop};
     SimLan lan{loop};
     std::unique_ptr<LanDhcpServer> server;
+    static constexpr std::uint64_t probe_ms = 70; /* and a little */
+    std::string waits_because(const SimDevice &device) const {
+        return model.text("DHCPv4.Server.Waiting." + device.id(), "Because");
+    }
+
     SimDevice stb{loop, lan, 1, "zep-stb-4k"};
 };
 
@@ -98,7 +103,7 @@ TEST_F(LanServerTest, HoldsEndWithTheSetting) {
     EXPECT_EQ(stb.address(), "192.168.1.20");
     SimDevice other(loop, lan, 2, "zep-stb");
     other.start();
-    loop.advance(10);
+    loop.advance(probe_ms);
     EXPECT_EQ(other.address(), "192.168.1.21") << "not held any more";
 }
 
@@ -106,14 +111,14 @@ TEST_F(LanServerTest, LeasesSurviveARestartAndDevicesKeepTheirAddresses) {
     stb.start();
     SimDevice pc(loop, lan, 9, "");
     pc.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     const std::string before = stb.address();
     EXPECT_EQ(pc.address(), "192.168.1.100");
     end();
     loop.advance(1000);
     begin();
     stb.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_EQ(stb.address(), before);
     end();
     loop.advance(std::uint64_t{86400} * 2 * 1000);
@@ -123,24 +128,24 @@ TEST_F(LanServerTest, LeasesSurviveARestartAndDevicesKeepTheirAddresses) {
 
 TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
     stb.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     stb.leave(); /* without its vendor class, as any device does */
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_FALSE(model.find(lease(stb)));
 
     stb.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     const std::string declined = stb.address();
     stb.decline();
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_NE(stb.address(), "");
     EXPECT_NE(stb.address(), declined) << "it is in use elsewhere, it said";
     SimDevice stranger(loop, lan, 2, "zep-stb");
     stranger.client_id = {1, 0x02, 0xab, 0, 0, 0, 1}; /* the same identifier */
     stranger.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     stranger.leave();
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_TRUE(model.find(lease(stb))) << "a release of another device ends no lease";
     stb.leave();
     loop.advance(std::uint64_t{601} * 1000); /* the declined address is free again */
@@ -150,7 +155,7 @@ TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
         many.push_back(std::make_unique<SimDevice>(loop, lan, number, "zep-stb"));
         many.back()->start();
     }
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_EQ(model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease").size(), 20U) << "192.168.1.20 to .39";
     EXPECT_GE(server->dropped().at("the range of DHCPv4.Server.Pool.zep_stb.Rule.1 is used up"), 5U);
     std::set<std::string> addresses;
@@ -161,7 +166,7 @@ TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
 
 TEST_F(LanServerTest, ANewDeviceGetsTheAddressThatWasUnusedLongest) {
     stb.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     const std::string first = stb.address();
     stb.stop();
     loop.advance(std::uint64_t{86400} * 1000 + 2000);
@@ -170,15 +175,15 @@ TEST_F(LanServerTest, ANewDeviceGetsTheAddressThatWasUnusedLongest) {
     for (unsigned number = 2; number <= 20; ++number) {
         SimDevice other(loop, lan, number, "zep-stb");
         other.start();
-        loop.advance(100);
+        loop.advance(probe_ms);
         EXPECT_TRUE(given.insert(other.address()).second);
         other.leave();
-        loop.advance(100);
+        loop.advance(probe_ms);
     }
     EXPECT_FALSE(given.contains(first)) << "there were others";
     SimDevice last(loop, lan, 30, "zep-stb");
     last.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_EQ(last.address(), first) << "all have been used since";
 }
 
@@ -236,8 +241,198 @@ TEST_F(LanServerTest, AHeldDeviceIsAnsweredFromItsLeaseWhateverTheRulesSayByThen
     const std::string address = model.text(lease, "IPAddress");
     set("DHCPv4.Server.Pool.zep_stb.Rule.1", {{"VendorClass", std::string("another")}});
     set(lease, {{"OnHold", false}});
+    loop.advance(probe_ms);
     ASSERT_FALSE(stb.answers().empty());
     EXPECT_EQ(stb.answers().front().address, address);
+}
+
+TEST_F(LanServerTest, ADeviceKeepsItsPoolWhenItTellsItsClassOnlyOnce) {
+    stb.tells_class_once = true;
+    stb.client_id = {0, 1, 2, 3};
+    stb.wanted_lease_time = 600;
+    stb.host_name = "living\x01room";
+    stb.start();
+    loop.advance(probe_ms);
+    EXPECT_EQ(stb.address(), "192.168.1.20");
+    EXPECT_FALSE(stb.last(DhcpType::Nak));
+    EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 600U) << "it asked for less than it could have";
+    EXPECT_EQ(stb.last(DhcpType::Ack)->options.at(61), stb.client_id) << "RFC 6842";
+    EXPECT_EQ(model.text(lease(stb), "HostName"), "living?room");
+    EXPECT_EQ(model.text(lease(stb), "VendorClass"), "zep-stb-4k");
+    stb.wanted_lease_time = 10;
+    loop.advance(301000);
+    EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 120U) << "not less than the least";
+    stb.wanted_lease_time = 0xffffffff;
+    loop.advance(61000);
+    EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 86400U) << "nor more than the most";
+    EXPECT_EQ(lease_count(), 1U);
+
+    /* As a PC first, then as what it is. */
+    SimDevice late(loop, lan, 2, "");
+    late.start();
+    loop.advance(probe_ms);
+    ASSERT_TRUE(late.address().starts_with("192.168.1.1"));
+    SimDevice same(loop, lan, 2, "zep-stb");
+    late.stop();
+    same.start();
+    loop.advance(probe_ms);
+    EXPECT_EQ(same.address(), "192.168.1.21");
+    EXPECT_TRUE(model.instances("DHCPv4.Server.Pool.lan.Rule.1.Lease").empty());
+}
+
+TEST_F(LanServerTest, AnAddressThatSomebodyUsesIsGivenToNobody) {
+    const HardwareAddress squatter{2, 9, 9, 9, 9, 9};
+    lan.squatters[0xc0a80114] = squatter; /* 192.168.1.20 */
+    stb.start();
+    loop.advance(2 * probe_ms);
+    EXPECT_EQ(stb.address(), "192.168.1.21");
+    EXPECT_EQ(stb.last(DhcpType::Offer)->address, "192.168.1.21");
+    EXPECT_EQ(model.text(lease(stb), "IPAddress"), "192.168.1.21");
+
+    /* The answer comes late, but the device is still on hold; then it asks for that very address. */
+    hold(true);
+    lan.squatters[0xc0a80116] = squatter;
+    lan.answers_probes_after_ms = 900;
+    SimDevice held(loop, lan, 2, "zep-stb");
+    held.start();
+    loop.advance(500);
+    EXPECT_EQ(model.text(lease(held), "IPAddress"), "192.168.1.22");
+    loop.advance(450);
+    EXPECT_EQ(model.text(lease(held), "IPAddress"), "192.168.1.23");
+    set(lease(held), {{"OnHold", false}});
+    EXPECT_EQ(held.last(DhcpType::Offer), nullptr) << "that one is asked for, too";
+    loop.advance(probe_ms);
+    EXPECT_EQ(held.address(), "192.168.1.23");
+
+    /* A known device is not delayed, and its own answer is none. */
+    lan.answers_probes_after_ms = 1;
+    hold(false);
+    const auto before = stb.answers().size();
+    stb.start();
+    loop.advance(5);
+    EXPECT_EQ(stb.answers().size(), before + 2) << "OFFER and ACK";
+}
+
+TEST_F(LanServerTest, WhatADeviceWaitsForIsKept) {
+    hold(true);
+    stb.host_name = "bedroom";
+    stb.port = "";
+    stb.start();
+    loop.advance(4000);
+    EXPECT_EQ(lease_count(), 0U) << "nobody has seen it on the LAN: its MAC address may be made up";
+    EXPECT_EQ(waits_because(stb), "its MAC address was not seen behind a port of the LAN");
+    stb.port = "lan2";
+    loop.advance(3000);
+    ASSERT_EQ(lease_count(), 1U);
+    const std::string waiting = "DHCPv4.Server.Waiting." + stb.id();
+    EXPECT_EQ(waits_because(stb), "on hold since it was reported");
+    EXPECT_EQ(model.text(waiting, "HostName"), "bedroom");
+    EXPECT_EQ(model.text(waiting, "VendorClass"), "zep-stb-4k");
+    EXPECT_EQ(model.text(waiting, "MACAddress"), stb.mac());
+    EXPECT_EQ(model.text(waiting, "Port"), "lan2");
+    EXPECT_EQ(model.text(waiting, "Lease"), lease(stb));
+    int reports = 0;
+    model.watch("DHCPv4.Server.Pool.zep_stb",
+                [&](const Event &event) { reports += is_of_lease(event) && event.kind == Event::Kind::Added; });
+    loop.advance(std::uint64_t{10} * 60000);
+    EXPECT_EQ(waits_because(stb), "still on hold two minutes after it was reported");
+    EXPECT_GE(reports, 4);
+    EXPECT_LE(reports, 5) << "not more than one in two minutes";
+    set(lease(stb), {{"OnHold", false}});
+    EXPECT_FALSE(model.find(waiting)) << "it is served";
+    EXPECT_FALSE(stb.address().empty());
+    stb.leave();
+    loop.advance(10);
+
+    stb.port = "";
+    stb.start();
+    loop.advance(4000);
+    stb.stop();
+    loop.advance(130000);
+    EXPECT_FALSE(model.find(waiting)) << "it does not ask any more";
+}
+
+TEST_F(LanServerTest, AFloodOfMadeUpDevicesTakesNoPlaceOfAnother) {
+    hold(true);
+    TraceLog::instance().clear();
+    std::vector<std::unique_ptr<SimDevice>> flood;
+    for (unsigned number = 100; number < 300; ++number) {
+        flood.push_back(std::make_unique<SimDevice>(loop, lan, number, "zep-stb"));
+        flood.back()->port = number < 200 ? "" : "lan4"; /* the bridge has learned some of them */
+        flood.back()->start();
+    }
+    loop.advance(30000);
+    EXPECT_EQ(lease_count(), 8U) << "behind lan4";
+    stb.start();
+    loop.advance(100);
+    EXPECT_TRUE(model.find(lease(stb))) << "behind its own port";
+    set(lease(stb), {{"OnHold", false}});
+    loop.advance(100);
+    EXPECT_FALSE(stb.address().empty());
+    EXPECT_GT(server->dropped().at("not seen behind a port"), 100U);
+    EXPECT_GT(server->dropped().at("too many new devices behind a port"), 100U);
+    EXPECT_LE(model.instances("DHCPv4.Server.Waiting").size(), 72U);
+    const auto &lines = TraceLog::instance().recent();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const TraceLine &line) { return line.text.find("behind lan4") != std::string::npos; }),
+              1);
+}
+
+TEST_F(LanServerTest, AnIdentifierGoesOverToAnotherDeviceOnlyWhenItsOwnIsGone) {
+    stb.start();
+    loop.advance(probe_ms);
+    SimDevice other(loop, lan, 2, "zep-stb");
+    other.client_id = {1, 0x02, 0xab, 0, 0, 0, 1}; /* the same identifier */
+    ASSERT_EQ(other.id(), stb.id());
+    other.start();
+    loop.advance(10000);
+    EXPECT_EQ(other.address(), "");
+    EXPECT_EQ(model.text(lease(stb), "MACAddress"), stb.mac());
+    EXPECT_FALSE(stb.address().empty());
+    stb.stop();
+    hold(true);
+    loop.advance(4000);
+    EXPECT_EQ(model.text(lease(stb), "MACAddress"), other.mac());
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "it is admitted as any new device";
+}
+
+TEST_F(LanServerTest, RelaysOfAPoolsSubnetAreServed) {
+    stb.relay = 0xc0a80107; /* 192.168.1.7 */
+    stb.port = "";
+    hold(true);
+    stb.start();
+    loop.advance(probe_ms);
+    set(lease(stb), {{"OnHold", false}});
+    loop.advance(probe_ms);
+    EXPECT_EQ(stb.address(), "192.168.1.20");
+    ASSERT_EQ(lan.sent.size(), 2U);
+    for (const DhcpDestination &to : lan.sent) {
+        EXPECT_TRUE(to.relay);
+        EXPECT_EQ(format_ipv4(to.address), "192.168.1.7");
+    }
+    SimDevice foreign(loop, lan, 2, "zep-stb");
+    foreign.relay = 0x0a000001;
+    foreign.start();
+    loop.advance(4000);
+    EXPECT_TRUE(foreign.answers().empty());
+    EXPECT_EQ(server->dropped().at("through a relay in no pool's subnet"), 2U);
+    model.add("DHCPv4.Server.Pool", "far",
+              {{"Router", std::string("10.0.0.1")}, {"Server", std::string("192.168.1.1")}});
+    model.add("DHCPv4.Server.Pool.far.Rule", "1",
+              {{"MinAddress", std::string("10.0.0.20")}, {"MaxAddress", std::string("10.0.0.29")}});
+    loop.advance(3000 + probe_ms);
+    EXPECT_EQ(foreign.address(), "10.0.0.20");
+    EXPECT_EQ(format_hex(foreign.last(DhcpType::Ack)->options.at(3)), "0a000001");
+    EXPECT_EQ(format_hex(foreign.last(DhcpType::Ack)->options.at(54)), "c0a80101");
+}
+
+TEST_F(LanServerTest, ALongOptionReachesTheDeviceInPieces) {
+    std::string long_value(1200, 'a');
+    set("DHCPv4.Server.Pool.zep_stb.Option.www", {{"Enable", true}, {"Tag", std::int64_t{125}}, {"Value", long_value}});
+    stb.start();
+    loop.advance(probe_ms);
+    ASSERT_FALSE(stb.address().empty());
+    EXPECT_TRUE(stb.last(DhcpType::Ack)->options.contains(125));
 }
 
 TEST_F(LanServerTest, LongIdentifiersGetAStableShortFormOfTheirOwn) {
@@ -248,18 +443,19 @@ TEST_F(LanServerTest, LongIdentifiersGetAStableShortFormOfTheirOwn) {
     b.client_id.back() = 0x42;
     a.start();
     b.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     const auto names = model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease");
     ASSERT_EQ(names.size(), 2U);
     for (const std::string &name : names)
         EXPECT_EQ(name.size(), 35U);
     a.start();
-    loop.advance(100);
+    loop.advance(probe_ms);
     EXPECT_EQ(model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease"), names);
 }
 
 TEST_F(LanServerTest, WhateverComesOffTheWireIsAnsweredOrDroppedAndCounted) {
     hold(true);
+    lan.port_of_others = "lan3";
     stb.start();
     loop.run_until_idle();
     /* A whole DISCOVER with options as the seed; cut, flipped, and grown at random places, the same in every run. */
@@ -301,7 +497,7 @@ TEST_F(LanServerTest, WhateverComesOffTheWireIsAnsweredOrDroppedAndCounted) {
             EXPECT_EQ(name.find_first_not_of("0123456789abcdef-"), std::string::npos);
         }
     hold(false);
-    loop.advance(100);
+    loop.advance(probe_ms);
     stb.start();
     loop.advance(10000);
     EXPECT_FALSE(stb.address().empty()) << "and it still serves";

@@ -73,11 +73,17 @@ TEST_F(RecoveryTest, TheLanIsServedAgainOnceTheBridgeIsBack) {
     };
     PacketLanPort *answering = nullptr;
     std::string heard;
-    PacketLanPort port(loop, "br-lan", [&](const std::uint8_t *data, std::size_t size) {
-        heard.assign(data, data + size);
-        const std::string answer = "answer to " + heard;
-        answering->send({answer.begin(), answer.end()}, {{255, 255, 255, 255, 255, 255}, 0xffffffff, 0xc0a80101});
-    });
+    std::uint32_t owned = 0;
+    KernelTables tables(loop);
+    PacketLanPort port(
+        loop, tables, "br-lan",
+        [&](const std::uint8_t *data, std::size_t size) {
+            heard.assign(data, data + size);
+            const std::string answer = "answer to " + heard;
+            answering->send({answer.begin(), answer.end()},
+                            {{255, 255, 255, 255, 255, 255}, 0xffffffff, 0xc0a80101, false});
+        },
+        [&](std::uint32_t address, const HardwareAddress &) { owned = address; });
     answering = &port;
     const LanDevice device("peer");
     /* One answer for each request. */
@@ -102,6 +108,17 @@ TEST_F(RecoveryTest, TheLanIsServedAgainOnceTheBridgeIsBack) {
     EXPECT_TRUE(served("first"));
     EXPECT_EQ(traced(Level::Error, "br-lan"), 1U);
     EXPECT_EQ(traced(Level::Info, "br-lan"), 1U);
+    const auto finds_owner = [&] {
+        owned = 0;
+        port.probe(0xc0a80163); /* 192.168.1.99 */
+        return soon([&] { return owned == 0xc0a80163; });
+    };
+    EXPECT_EQ(shell("ip addr add 192.168.1.99/24 dev peer"), "");
+    EXPECT_TRUE(finds_owner()) << "who has an address says so";
+    const auto peer = parse_mac(shell("ip -br link show peer | tr -s ' ' | cut -d ' ' -f 3 | tr -d '\n'"));
+    ASSERT_TRUE(peer);
+    EXPECT_EQ(port.port_of(*peer), "eth1.20");
+    EXPECT_EQ(port.port_of({2, 1, 1, 1, 1, 1}), "");
     for (int round = 0; round < 2; ++round) {
         TraceLog::instance().clear();
         shell("ip link set br-lan down");
@@ -117,6 +134,7 @@ TEST_F(RecoveryTest, TheLanIsServedAgainOnceTheBridgeIsBack) {
         EXPECT_FALSE(served("while there is none", 500));
         add_bridge();
         EXPECT_TRUE(served("a new one"));
+        EXPECT_TRUE(finds_owner());
         shell("ip link del br-lan");
         add_bridge();
         port.send({'x'}, {{}, 0xffffffff, 0xc0a80101}); /* to the one that is gone */

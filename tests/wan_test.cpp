@@ -222,7 +222,8 @@ protected:
                             states[event.steps[2]].push_back(to_text(status->second));
                     },
                     {{"DHCPStatus"}, false});
-        port.emplace(loop, "peer", [this](const std::uint8_t *data, std::size_t size) { answer(data, size); });
+        port.emplace(
+            loop, tables, "peer", [this](const std::uint8_t *data, std::size_t size) { answer(data, size); }, nullptr);
     }
     ~WanTest() override { std::filesystem::remove_all(folder); }
 
@@ -285,6 +286,7 @@ protected:
     const std::filesystem::path folder =
         std::filesystem::temp_directory_path() / ("wan-test-" + std::to_string(getpid()));
     const std::string script = SOURCE_DIR "/share/udhcpc-report.sh";
+    KernelTables tables{loop};
     std::optional<PacketLanPort> port;
     std::map<std::string, States> states;
     std::vector<std::pair<DhcpType, std::uint64_t>> asked;

@@ -10,8 +10,12 @@
 #include <optional>
 #include <string>
 
+#include "host/dhcp/lan_addresses.h"
+#include "host/dhcp/lan_pools.h"
+#include "host/dhcp/lease_ends.h"
 #include "host/dhcp/lease_table.h"
 #include "host/dhcp/packet.h"
+#include "host/dhcp/waiting_devices.h"
 #include "host/model/model.h"
 
 namespace keel {
@@ -21,6 +25,8 @@ struct DhcpDestination {
     HardwareAddress hardware{};
     std::uint32_t address = 0; /* host order; 255.255.255.255 for a broadcast */
     std::uint32_t source = 0;  /* the server's */
+    bool relay = false;        /* the address is a relay's: it takes replies at the servers' port, the hardware address
+                                  is not known */
 };
 
 /* The network, real or simulated. */
@@ -28,15 +34,23 @@ class LanPort {
 public:
     virtual ~LanPort() = default;
     virtual void send(const Bytes &message, const DhcpDestination &destination) = 0;
+    /* Asks all devices who has the address (RFC 5227, ARP probe). Who has it is told to the server's address_used(). */
+    virtual void probe(std::uint32_t address) = 0;
+    /* The port of the LAN behind which a device was seen; "" for one that was not, or is not there any more. */
+    virtual std::string port_of(const HardwareAddress &device) = 0;
 };
 
-/* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else to the pool
- * whose rule has none. While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold"
- * true and the device is not answered; when "OnHold" turns false, its waiting request is answered at once, with the
- * lease time and the options of that moment. A device that still asks after two minutes is reported anew: its instance
- * is deleted and added. Leases are kept by the store and taken up again at the start, for what was left of them:
- * "Expires" less "Written", when it was written, less the time since as far as the wall clock tells it. While the
- * server runs the wall clock ends no lease and prolongs none. */
+/* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else where its
+ * lease is, which is found by its identifier (option 61) and MAC address, else to the pool whose rule has no vendor
+ * class. Through a relay it belongs to a pool of the relay's subnet.
+ *
+ * While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold" true and the device is
+ * not answered; when "OnHold" turns false, its waiting request is answered at once, with the lease time and the options
+ * of that moment. A device that still asks after two minutes is reported anew: its instance is deleted and added. One
+ * that is not there, or that is one of a flood, gets no instance. Before an address is offered for the first time all
+ * devices are asked whether one of them uses it; a lease that there is already is answered at once.
+ *
+ * Leases are kept by the store, and taken up again at the start. */
 class LanDhcpServer {
 public:
     LanDhcpServer(Loop &loop, Model &model, LanPort &port);
@@ -46,61 +60,58 @@ public:
 
     /* One UDP payload from a client. */
     void received(const std::uint8_t *data, std::size_t size);
+    /* A device has told that it has the address. */
+    void address_used(std::uint32_t address, const HardwareAddress &by);
     /* How many messages were dropped, by reason. */
     const std::map<std::string, std::uint64_t> &dropped() const { return dropped_; }
 
 private:
-    struct Rule { /* where a device's lease belongs */
-        std::string pool;
-        std::string path;
-        std::uint32_t low;
-        std::uint32_t high;
+    /* A message, and where its sender belongs. */
+    struct Request {
+        const DhcpMessage &message;
+        const LanRule &rule;
+        std::string id;
+        std::string lease; /* the path of the sender's lease, whether there is one or not */
     };
 
-    struct Parked {
-        DhcpMessage message; /* that waits for the release of its lease */
-        std::uint64_t reported_ms = 0;
-    };
+    const LanRule *rule_for(const DhcpMessage &message, const std::string &id);
+    bool is_of(const std::string &lease, const DhcpMessage &message) const;
 
-    std::optional<Rule> rule_for(const DhcpMessage &message, const std::string &id) const;
-    bool is_of(const std::string &path, const DhcpMessage &message) const;
-    Rule rule_at(const std::string &pool, const std::string &number) const;
-    std::string lease_path(const Rule &rule, const std::string &id) const;
+    void discover(const Request &request);
+    void request(const Request &request);
+    void release(const Request &request, bool declined);
+    void inform(const Request &request);
 
-    void discover(const DhcpMessage &message, const Rule &rule, const std::string &id);
-    void request(const DhcpMessage &message, const Rule &rule, const std::string &id);
-    void release(const DhcpMessage &message, const Rule &rule, const std::string &id, bool declined);
-    void inform(const DhcpMessage &message, const Rule &rule);
-
-    bool add_lease(const DhcpMessage &message, const Rule &rule, const std::string &id);
-    bool report_lease(const DhcpMessage &message, const Rule &rule, const std::string &id, std::uint32_t address);
-    std::uint32_t choose_address(const DhcpMessage &message, const Rule &rule) const;
-    bool in_use(std::uint32_t address) const;
-    void drop_lease_elsewhere(const Rule &rule, const std::string &id);
-    void park(const DhcpMessage &message, const Rule &rule, const std::string &id);
-    void answer_lease(const DhcpMessage &message, const Rule &rule, const std::string &id, DhcpType type);
-    void answer(const DhcpMessage &message, const Rule &rule, DhcpReply reply);
-    std::uint32_t lease_time(const Rule &rule) const;
-    std::uint64_t remaining_s(const std::string &path) const;
-    void lasts(const std::string &path, std::uint64_t validity_s);
+    void begin_lease(const Request &request);
+    bool may_be_reported(const Request &request);
+    bool report_lease(const Request &request, std::uint32_t address);
+    void drop_lease_elsewhere(const Request &request);
+    bool take_over(const Request &request);
+    void wait_without_lease(const Request &request, const std::string &reason, const std::string &port);
+    void probe(const std::string &id, std::uint32_t address);
+    void probed(const std::string &id);
+    void park_or_answer(const Request &request, DhcpType type);
+    void park(const Request &request);
+    void answer_waiting(const std::string &id);
+    void answer_lease(const Request &request, DhcpType type);
+    void answer(const DhcpMessage &message, const LanPool &pool, DhcpReply reply);
 
     void on_event(const Event &event);
-    void lease_changed(const std::string &path, const Event &event);
     void release_pool(const std::string &pool);
-    void follow_expiry();
-    void expire();
+    void count(const std::string &reason) { ++dropped_[reason]; }
     void drop(const std::string &reason);
 
     Loop &loop_;
     Model &model_;
     LanPort &port_;
+    LanPools pools_;
     LeaseTable leases_;
+    LanAddresses addresses_;
+    LeaseEnds ends_;
+    WaitingDevices waiting_;
+    ReportLimit reports_;
     Model::WatchId watch_;
-    std::map<std::string, Parked> parked_;                  /* by the path of the lease */
-    std::map<std::uint32_t, std::uint64_t> declined_until_; /* address -> ms */
     std::map<std::string, std::uint64_t> dropped_;
-    Loop::TimerId expiry_ = 0;
-    std::uint64_t expiry_ms_ = 0; /* when it runs */
 };
 
 } // namespace keel

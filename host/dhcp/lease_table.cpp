@@ -77,15 +77,24 @@ void LeaseTable::remove(const std::string &path) {
 
 void LeaseTable::set_address(Lease &lease, std::uint32_t address) {
     take_out(by_address_, lease.address, &lease);
-    if (lease.address != 0 && !is_leased(lease.address))
+    if (lease.address != 0 && !is_leased(lease.address)) {
         freed_[lease.address] = ++last_freed_;
+        unused_[last_freed_] = lease.address;
+    }
     lease.address = address;
-    if (address != 0)
-        by_address_.emplace(address, &lease);
+    if (address == 0)
+        return;
+    unused_.erase(freed(address));
+    by_address_.emplace(address, &lease);
 }
 
 bool LeaseTable::is_leased(std::uint32_t address) const {
     return by_address_.contains(address);
+}
+
+std::string LeaseTable::lease_with(std::uint32_t address) const {
+    const auto found = by_address_.find(address);
+    return found == by_address_.end() ? std::string() : path_of(*found->second);
 }
 
 std::uint64_t LeaseTable::freed(std::uint32_t address) const {

@@ -5,6 +5,7 @@
 #define HOST_DHCP_LEASE_TABLE_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -13,11 +14,10 @@
 #include <utility>
 #include <vector>
 
+#include "host/dhcp/lan_pools.h"
 #include "host/model/model.h"
 
 namespace keel {
-
-constexpr const char *pools_path = "DHCPv4.Server.Pool";
 
 struct LeasePlace {
     std::string pool;
@@ -36,8 +36,12 @@ public:
 
     /* Host order. */
     bool is_leased(std::uint32_t address) const;
+    /* The path of a lease of that address; "" when there is none. */
+    std::string lease_with(std::uint32_t address) const;
     /* The order in which addresses were given back: a later one has a higher number. 0 for one that never was. */
     std::uint64_t freed(std::uint32_t address) const;
+    /* Those addresses that were given back, in that order, and no lease has now. */
+    const std::map<std::uint64_t, std::uint32_t> &unused() const { return unused_; }
     /* The leases of that name, in every pool: their paths and places. */
     std::vector<std::pair<std::string, LeasePlace>> leases_of(const std::string &id) const;
     /* All paths. */
@@ -69,6 +73,7 @@ private:
     std::unordered_multimap<std::string_view, const Lease *> by_id_;
     std::set<std::pair<std::uint64_t, const Lease *>> by_end_;
     std::unordered_map<std::uint32_t, std::uint64_t> freed_;
+    std::map<std::uint64_t, std::uint32_t> unused_;
     std::uint64_t last_freed_ = 0;
 };
 

@@ -1,8 +1,12 @@
 #include "host/linux/lan_port.h"
 
 #include <linux/if_ether.h>
+#include <net/if_arp.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -31,17 +35,35 @@ const sock_filter filter_code[] = {
     BPF_STMT(BPF_RET + BPF_K, 0),
 };
 
+/* ARP replies to who has no address: the answers to probes, and to nothing else that this machine asks. */
+const sock_filter arp_filter_code[] = {
+    BPF_STMT(BPF_LD + BPF_H + BPF_ABS, 6),  BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, ARPOP_REPLY, 0, 3),
+    BPF_STMT(BPF_LD + BPF_W + BPF_ABS, 24), BPF_JUMP(BPF_JMP + BPF_JEQ + BPF_K, 0, 0, 1),
+    BPF_STMT(BPF_RET + BPF_K, 0xffff),      BPF_STMT(BPF_RET + BPF_K, 0),
+};
+
+constexpr HardwareAddress to_all = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+
 } // namespace
 
-PacketLanPort::PacketLanPort(UvLoop &loop, std::string interface, Receiver receiver)
-    : interface_(std::move(interface)), receiver_(std::move(receiver)),
+PacketLanPort::PacketLanPort(UvLoop &loop, KernelTables &tables, std::string interface, Receiver receiver,
+                             OnOwner on_owner)
+    : interface_(std::move(interface)), receiver_(std::move(receiver)), tables_(tables),
       socket_(
           loop, interface_, {filter_code, ETH_P_IP, GrowingPause(first_pause_ms, longest_pause_ms), longest_pause_ms},
           [this](const std::uint8_t *data, std::size_t size, bool) {
               if (const auto message = parse_udp_packet(data, size, server_port))
                   receiver_(message->data(), message->size());
           },
-          [this](int error) { state_changed(error); }) {}
+          [this](int error) { state_changed(error); }),
+      arp_(
+          loop, interface_,
+          {arp_filter_code, ETH_P_ARP, GrowingPause(first_pause_ms, longest_pause_ms), longest_pause_ms},
+          [on_owner = std::move(on_owner)](const std::uint8_t *data, std::size_t size, bool) {
+              if (const auto owner = parse_arp_answer(data, size))
+                  on_owner(owner->address, owner->hardware);
+          },
+          [](int) { /* it is lost and found together with the other, which tells */ }) {}
 
 void PacketLanPort::state_changed(int error) const {
     if (error)
@@ -54,6 +76,8 @@ void PacketLanPort::state_changed(int error) const {
 void PacketLanPort::send(const Bytes &message, const DhcpDestination &destination) {
     if (!socket_.is_open())
         return;
+    if (destination.relay)
+        return send_to_relay(message, destination);
     const auto packet = build_udp_packet({destination.source, server_port, destination.address, client_port}, message);
     if (!packet)
         trace(Level::Warning, "lan", "%s: a DHCP reply of %zu bytes is too long to be sent", interface_.c_str(),
@@ -61,6 +85,53 @@ void PacketLanPort::send(const Bytes &message, const DhcpDestination &destinatio
     else if (const int error = socket_.send(*packet, destination.hardware))
         trace(Level::Warning, "lan", "%s: a DHCP reply could not be sent: %s", interface_.c_str(),
               std::strerror(error));
+}
+
+/* A relay has an address, so the kernel finds the way. */
+void PacketLanPort::send_to_relay(const Bytes &message, const DhcpDestination &destination) const {
+    const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    from.sin_port = htons(server_port);
+    from.sin_addr.s_addr = htonl(destination.source);
+    sockaddr_in to = from;
+    to.sin_addr.s_addr = htonl(destination.address);
+    if (sender < 0 || setsockopt(sender, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
+        bind(sender, reinterpret_cast<sockaddr *>(&from), sizeof from) < 0 ||
+        sendto(sender, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
+        trace(Level::Warning, "lan", "%s: a DHCP reply to the relay %s could not be sent: %s", interface_.c_str(),
+              format_ipv4(destination.address).c_str(), std::strerror(errno));
+    if (sender >= 0)
+        close(sender);
+}
+
+void PacketLanPort::probe(std::uint32_t address) {
+    if (arp_.is_open())
+        arp_.send(build_arp_probe(arp_.own_address(), address), to_all);
+}
+
+/* The bridge learns a device from the very packet that is answered: what the kernel has told of it is taken in first.
+ */
+std::string PacketLanPort::port_of(const HardwareAddress &device) {
+    const KernelLink *lan = tables_.link(interface_);
+    if (!lan || !lan->bridge)
+        return interface_;
+    const std::string port = learned_behind(device);
+    if (!port.empty())
+        return port;
+    tables_.catch_up();
+    return learned_behind(device);
+}
+
+std::string PacketLanPort::learned_behind(const HardwareAddress &device) const {
+    const KernelLink *lan = tables_.link(interface_);
+    for (const KernelForwarding &entry : tables_.forwarding_of(format_mac(device.data()))) {
+        const KernelLink *port = tables_.link(entry.port);
+        if (lan && port && port->up && entry.bridge == lan->index && entry.port != lan->index)
+            return port->name;
+    }
+    return "";
 }
 
 } // namespace keel

@@ -1,6 +1,6 @@
 /*
  * The LAN DHCP server's port on the real network: a packet socket on the LAN bridge, since a device that has no address
- * yet can be answered in no other way.
+ * yet can be answered in no other way, and one for ARP.
  */
 #ifndef HOST_LINUX_LAN_PORT_H
 #define HOST_LINUX_LAN_PORT_H
@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/dhcp/lan_server.h"
+#include "host/linux/kernel_tables.h"
 #include "host/linux/packet_socket.h"
 
 namespace keel {
@@ -16,22 +17,31 @@ namespace keel {
 class PacketLanPort : public LanPort {
 public:
     using Receiver = std::function<void(const std::uint8_t *data, std::size_t size)>;
+    using OnOwner = std::function<void(std::uint32_t address, const HardwareAddress &owner)>;
 
-    /* While the interface is down, or there is none, it is looked for soon and then once a second; the loss is traced
-     * once, and so is its end. */
-    PacketLanPort(UvLoop &loop, std::string interface, Receiver receiver);
+    /* Whoever has an address that was asked for is told to on_owner. Loop and tables must outlive the port. While the
+     * interface is down, or there is none, it is looked for soon and then once a second; the loss is traced once, and
+     * so is its end. */
+    PacketLanPort(UvLoop &loop, KernelTables &tables, std::string interface, Receiver receiver, OnOwner on_owner);
     PacketLanPort(const PacketLanPort &) = delete;
     PacketLanPort &operator=(const PacketLanPort &) = delete;
 
     /* Nothing is sent while the interface is not open. */
     void send(const Bytes &message, const DhcpDestination &destination) override;
+    void probe(std::uint32_t address) override;
+    /* On an interface that is no bridge each device is behind the interface itself. */
+    std::string port_of(const HardwareAddress &device) override;
 
 private:
     void state_changed(int error) const;
+    std::string learned_behind(const HardwareAddress &device) const;
+    void send_to_relay(const Bytes &message, const DhcpDestination &destination) const;
 
     std::string interface_;
     Receiver receiver_;
+    KernelTables &tables_;
     PacketSocket socket_;
+    PacketSocket arp_;
 };
 
 } // namespace keel

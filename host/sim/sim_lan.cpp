@@ -11,12 +11,34 @@ constexpr std::uint64_t retry_ms = 3000;
 constexpr const char *server_address = "192.168.1.1";
 } // namespace
 
-void SimLan::send(const Bytes &message, const DhcpDestination &) {
+void SimLan::send(const Bytes &message, const DhcpDestination &destination) {
+    sent.push_back(destination);
     loop_.post([this, message] {
         const auto devices = devices_;
         for (SimDevice *device : devices)
             device->take(message);
     });
+}
+
+void SimLan::probe(std::uint32_t address) {
+    std::vector<HardwareAddress> owners;
+    if (const auto squatter = squatters.find(address); squatter != squatters.end())
+        owners.push_back(squatter->second);
+    for (const SimDevice *device : devices_)
+        if (device->running_ && device->address_ == format_ipv4(address))
+            owners.push_back(device->hardware);
+    for (const HardwareAddress &owner : owners)
+        loop_.start_timer(answers_probes_after_ms, [this, address, owner] {
+            if (server_)
+                server_->address_used(address, owner);
+        });
+}
+
+std::string SimLan::port_of(const HardwareAddress &hardware) {
+    for (const SimDevice *device : devices_)
+        if (device->running_ && device->hardware == hardware)
+            return device->port;
+    return port_of_others;
 }
 
 void SimLan::to_server(const Bytes &message) {
@@ -34,9 +56,8 @@ std::uint32_t SimDevice::Answer::lease_time() const {
 }
 
 SimDevice::SimDevice(Loop &loop, SimLan &lan, unsigned number, std::string vendor_class)
-    : loop_(loop),
-      lan_(lan), hardware_{0x02, 0xab, 0, 0, static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)},
-      vendor_class_(std::move(vendor_class)) {
+    : loop_(loop), lan_(lan), vendor_class_(std::move(vendor_class)) {
+    hardware = {0x02, 0xab, 0, 0, static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)};
     lan_.devices_.push_back(this);
 }
 
@@ -46,11 +67,11 @@ SimDevice::~SimDevice() {
 }
 
 std::string SimDevice::mac() const {
-    return format_mac(hardware_.data());
+    return format_mac(hardware.data());
 }
 
 std::string SimDevice::id() const {
-    return client_id.empty() ? "01" + format_hex(Bytes(hardware_.begin(), hardware_.end())) : format_hex(client_id);
+    return client_id.empty() ? "01" + format_hex(Bytes(hardware.begin(), hardware.end())) : format_hex(client_id);
 }
 
 const SimDevice::Answer *SimDevice::last(DhcpType type) const {
@@ -64,8 +85,8 @@ Bytes SimDevice::message(DhcpType type, const std::string &requested, const std:
     packet.opcode(1);
     packet.htype(1);
     packet.hlen(6);
-    packet.xid(0x2000U + hardware_[5]);
-    packet.chaddr(Tins::HWAddress<6>(hardware_.data()));
+    packet.xid(0x2000U + hardware[5]);
+    packet.chaddr(Tins::HWAddress<6>(hardware.data()));
     packet.type(static_cast<Tins::DHCP::Flags>(type));
     if (!current.empty())
         packet.ciaddr(Tins::IPv4Address(current));
@@ -75,10 +96,16 @@ Bytes SimDevice::message(DhcpType type, const std::string &requested, const std:
         packet.server_identifier(Tins::IPv4Address(server_address));
     }
     const bool bare = type == DhcpType::Release || type == DhcpType::Decline; /* RFC 2131, table 5 */
-    if (!bare && !vendor_class_.empty())
+    const bool tells_class = !bare && (type == DhcpType::Discover || !tells_class_once);
+    if (tells_class && !vendor_class_.empty())
         packet.add_option({Tins::DHCP::VENDOR_CLASS_IDENTIFIER, vendor_class_.begin(), vendor_class_.end()});
     if (!client_id.empty())
         packet.add_option({Tins::DHCP::DHCP_CLIENT_IDENTIFIER, client_id.begin(), client_id.end()});
+    if (!bare && !host_name.empty())
+        packet.add_option({Tins::DHCP::HOST_NAME, host_name.begin(), host_name.end()});
+    if (!bare && wanted_lease_time != 0)
+        packet.lease_time(wanted_lease_time);
+    packet.giaddr(Tins::IPv4Address(format_ipv4(relay)));
     packet.end();
     return packet.serialize();
 }
@@ -119,8 +146,8 @@ void SimDevice::renew() {
 
 void SimDevice::take(const Bytes &bytes) {
     const Tins::DHCP packet(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-    const auto hardware = packet.chaddr();
-    if (!running_ || !std::equal(hardware_.begin(), hardware_.end(), hardware.begin()))
+    const auto receiver = packet.chaddr();
+    if (!running_ || !std::equal(hardware.begin(), hardware.end(), receiver.begin()))
         return;
     Answer answer{loop_.now_ms(), static_cast<DhcpType>(packet.type()), packet.yiaddr().to_string(), {}};
     for (const auto &option : packet.options())

@@ -21,8 +21,15 @@ public:
     explicit SimLan(Loop &loop) : loop_(loop) {}
 
     void send(const Bytes &message, const DhcpDestination &destination) override;
+    void probe(std::uint32_t address) override;
+    std::string port_of(const HardwareAddress &device) override;
     void to_server(const Bytes &message);
     void plug_in(LanDhcpServer *server) { server_ = server; }
+
+    std::map<std::uint32_t, HardwareAddress> squatters; /* who has an address without asking for it */
+    std::uint64_t answers_probes_after_ms = 1;          /* those, and devices of their own address */
+    std::string port_of_others;                         /* behind which the bridge has seen who is no device here */
+    std::vector<DhcpDestination> sent;                  /* where each reply went */
 
 private:
     friend class SimDevice;
@@ -61,7 +68,13 @@ public:
     const std::string &address() const { return address_; } /* "" for none */
     const std::vector<Answer> &answers() const { return answers_; }
     const Answer *last(DhcpType type) const;
-    Bytes client_id; /* option 61; may be empty */
+    Bytes client_id;           /* option 61; may be empty */
+    std::string host_name;     /* option 12, likewise */
+    std::string port = "lan1"; /* of the bridge; "" while the bridge has not seen it */
+    std::uint32_t relay = 0;   /* through which its messages come */
+    std::uint32_t wanted_lease_time = 0;
+    bool tells_class_once = false; /* in its DISCOVER alone */
+    HardwareAddress hardware;
 
 private:
     friend class SimLan;
@@ -73,7 +86,6 @@ private:
 
     Loop &loop_;
     SimLan &lan_;
-    HardwareAddress hardware_;
     std::string vendor_class_;
     std::string address_;
     std::vector<Answer> answers_;

@@ -1,0 +1,89 @@
+#include "host/dhcp/lease_ends.h"
+
+#include <algorithm>
+
+namespace keel {
+
+namespace {
+
+constexpr std::uint64_t longest_wait_ms =
+    std::uint64_t{24} * 3600 * 1000;                 /* for the end of a lease; then it is looked again */
+constexpr std::uint64_t clock_is_set_s = 1577836800; /* a gateway without a clock of its own starts in 1970 */
+
+/* Somebody else has set when a lease ends: the server always writes both. */
+bool written_by_others(const Event &event) {
+    return event.kind == Event::Kind::Changed && event.values.contains("Expires") && !event.values.contains("Written");
+}
+
+} // namespace
+
+LeaseEnds::LeaseEnds(Loop &loop, Model &model, LeaseTable &leases) : loop_(loop), model_(model), leases_(leases) {
+    for (const std::string &path : leases_.all())
+        take_up(path);
+    expire();
+}
+
+LeaseEnds::~LeaseEnds() {
+    loop_.cancel_timer(expiry_);
+}
+
+void LeaseEnds::changed(const std::string &path, const Event &event) {
+    if (leases_.end_of(path) && !written_by_others(event))
+        return;
+    take_up(path);
+    follow_expiry();
+}
+
+void LeaseEnds::take_up(const std::string &path) {
+    leases_.set_end(path, loop_.now_ms() + remaining_s(path) * 1000);
+}
+
+/* What is left of a lease that somebody else has put here: the store, an earlier run. */
+std::uint64_t LeaseEnds::remaining_s(const std::string &path) const {
+    const auto expires = static_cast<std::uint64_t>(model_.integer(path, "Expires"));
+    const auto written = static_cast<std::uint64_t>(model_.integer(path, "Written"));
+    const std::uint64_t now = loop_.wall_clock_s();
+    if (written == 0)
+        return expires > now ? expires - now : 0;
+    /* A clock that was not set at one of the two times, or was set back since, tells nothing: rather too long than an
+     * address that is given away while its device uses it. */
+    const std::uint64_t since = written >= clock_is_set_s && now > written ? now - written : 0;
+    return expires > written + since ? expires - written - since : 0;
+}
+
+void LeaseEnds::lasts(const std::string &path, std::uint64_t validity_s) {
+    leases_.set_end(path, loop_.now_ms() + validity_s * 1000);
+    const std::uint64_t now = loop_.wall_clock_s();
+    const auto shown = static_cast<std::uint64_t>(model_.integer(path, "Expires"));
+    if (shown <= now + validity_s / 2 || shown > now + validity_s)
+        model_.set(path, {{"Expires", static_cast<std::int64_t>(now + validity_s)},
+                          {"Written", static_cast<std::int64_t>(now)}});
+    follow_expiry();
+}
+
+/* One timer, for the lease that ends first. */
+void LeaseEnds::follow_expiry() {
+    const auto first = leases_.first_end();
+    const std::uint64_t now = loop_.now_ms();
+    const std::uint64_t end_ms = first ? std::clamp(first->first, now, now + longest_wait_ms) + 1000 : 0;
+    if (expiry_ != 0 && end_ms != 0 && expiry_ms_ <= end_ms)
+        return; /* it looks again then */
+    loop_.cancel_timer(expiry_);
+    expiry_ = 0;
+    if (end_ms == 0)
+        return;
+    expiry_ms_ = end_ms;
+    expiry_ = loop_.start_timer(end_ms - now, [this] {
+        expiry_ = 0;
+        expire();
+    });
+}
+
+void LeaseEnds::expire() {
+    const std::uint64_t now = loop_.now_ms();
+    for (auto first = leases_.first_end(); first && first->first <= now; first = leases_.first_end())
+        model_.remove(first->second);
+    follow_expiry();
+}
+
+} // namespace keel

@@ -1,0 +1,47 @@
+/*
+ * When the leases of the data model end.
+ */
+#ifndef HOST_DHCP_LEASE_ENDS_H
+#define HOST_DHCP_LEASE_ENDS_H
+
+#include <cstdint>
+#include <string>
+
+#include "host/base/loop.h"
+#include "host/dhcp/lease_table.h"
+#include "host/model/model.h"
+
+namespace keel {
+
+/* Deletes each lease when its time is up on the loop's clock. Leases that there are at the start are taken up for what
+ * was left of them: "Expires" less "Written", when it was written, less the time since as far as the wall clock tells
+ * it. From then on the wall clock ends no lease and prolongs none. */
+class LeaseEnds {
+public:
+    LeaseEnds(Loop &loop, Model &model, LeaseTable &leases);
+    LeaseEnds(const LeaseEnds &) = delete;
+    LeaseEnds &operator=(const LeaseEnds &) = delete;
+    ~LeaseEnds();
+
+    /* From now on, for a lease that there is. Not every prolongation is written: a device that waits asks every few
+     * seconds. */
+    void lasts(const std::string &path, std::uint64_t validity_s);
+    /* An event of a lease that there is; whoever else writes when it ends has the last word. */
+    void changed(const std::string &path, const Event &event);
+
+private:
+    void take_up(const std::string &path);
+    std::uint64_t remaining_s(const std::string &path) const;
+    void follow_expiry();
+    void expire();
+
+    Loop &loop_;
+    Model &model_;
+    LeaseTable &leases_;
+    Loop::TimerId expiry_ = 0;
+    std::uint64_t expiry_ms_ = 0; /* when it runs */
+};
+
+} // namespace keel
+
+#endif
