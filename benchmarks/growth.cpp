@@ -123,6 +123,7 @@ public:
         : model_(loop_), loaded_((model_.load_text(grown_model(interfaces, hosts, leases), "grown"), true)),
           graph_(model_), store_(loop_, model_, ":memory:"), kernel_(graph_), interface_state_(loop_, graph_),
           operator_(loop_, graph_), lan_(loop_), lan_server_(loop_, model_, lan_) {
+        lan_.plug_in(&lan_server_);
         host_attach(loop_, graph_, runner_);
         weft_client_initialize(rig_getHull(), nullptr);
         roster_initialize(rig_getHull(), rig_getSysbus());
@@ -143,8 +144,31 @@ public:
         settle();
     }
     Model &model() { return model_; }
+    /* DISCOVER to ACK, and RELEASE. */
+    void serve_new_device() {
+        SimDevice device(loop_, lan_, ++devices_, "");
+        device.start();
+        loop_.advance(probe_ms);
+        if (device.address().empty())
+            std::abort();
+        device.leave();
+        settle();
+    }
+    /* DISCOVER to ACK. */
+    void serve_known_device() {
+        if (known_.address().empty()) {
+            known_.start();
+            loop_.advance(probe_ms);
+        }
+        known_.start();
+        settle();
+        if (known_.address().empty())
+            std::abort();
+    }
 
 private:
+    static constexpr std::uint64_t probe_ms = 100; /* and more: a new address is asked for */
+
     SimLoop loop_;
     Model model_;
     bool loaded_;
@@ -155,6 +179,8 @@ private:
     SimOperator operator_;
     SimLan lan_;
     LanDhcpServer lan_server_;
+    SimDevice known_{loop_, lan_, 0, ""};
+    unsigned devices_ = 0;
     NoPrograms runner_;
 };
 
@@ -207,6 +233,8 @@ const Operation of_hosts[] = {
 const std::string lease_path = "DHCPv4.Server.Pool.lan.Rule.1.Lease.011000000000";
 
 const Operation of_leases[] = {
+    {"a new device is served and gone", [](Gateway &g) { g.serve_new_device(); }},
+    {"a known device is served", [](Gateway &g) { g.serve_known_device(); }},
     {"a lease is held or released", [](Gateway &g) { g.set(lease_path, "OnHold", turn()); }},
     {"an object is fetched", [](Gateway &) { hull_client_get_object(rig_getSysbus(), lease_path.c_str()); }},
     {"a leaf is read", [](Gateway &) { hull_client_get(rig_getSysbus(), lease_path.c_str(), "IPAddress"); }},
