@@ -101,7 +101,7 @@ void zep_routed_dhcp_client_bound(Client_lease *lease) {
     if (first || address_changed || mask_changed)
         zep_ipv4_addr_add(routed_state.iptv_intf, lease->ip_address, lease->subnet_mask);
     if (address_changed || mask_changed)
-        zep_ipv4_addr_del(routed_state.iptv_intf, previous_address, previous_mask);
+        routed_drop_address(lease, previous_address, previous_mask);
 
     take_routes(lease, client);
     const bool routes_replaced = zep_routed_dhcp_option121_handle(lease, mask_changed);
@@ -124,7 +124,7 @@ void status_changed(Client_lease *lease, const char *status) {
 
 void refused_by_server(Client_lease *lease) {
     ZEP_INFO(zone, "DHCP Client: name=%s RemoteNacked", lease->name);
-    zep_ipv4_addr_del(routed_state.iptv_intf, lease->ip_address, lease->subnet_mask);
+    routed_drop_address(lease, lease->ip_address, lease->subnet_mask);
     for (Server_lease *device : RecordsOf<Server_lease>(&lease->server_leases))
         routed_unmap_device(device, lease->ip_address);
     zep_client_lease_reinit(lease);

@@ -140,7 +140,7 @@ void zep_routed_client_lease_release(void *data) {
     auto *lease = static_cast<Client_lease *>(data);
     if (!lease || !release_still_due(lease))
         return;
-    zep_ipv4_addr_del(routed_state.iptv_intf, lease->ip_address, lease->subnet_mask);
+    routed_drop_address(lease, lease->ip_address, lease->subnet_mask);
     for (Server_lease *device : RecordsOf<Server_lease>(&lease->server_leases))
         routed_unmap_device(device, lease->ip_address);
     zep_routed_client_lease_remove(lease);

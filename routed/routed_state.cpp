@@ -6,6 +6,14 @@ ServiceMode routed_mode = ServiceMode::Invalid;
 IptvInterfaceMode routed_interface = IptvInterfaceMode::Invalid;
 RoutedState routed_state;
 
+namespace {
+
+bool holds_address(const Client_lease *lease) {
+    return lease->status == LeaseStatus::Connected || lease->status == LeaseStatus::Internal;
+}
+
+} // namespace
+
 void zep_routed_set_ntpwwwserver(const char *ntp, const char *www) {
     if (ntp)
         copy_text(routed_state.ntp_server, ntp);
@@ -31,7 +39,7 @@ int zep_routed_iptv_intf_cleanup(const char *name) {
 
 bool zep_routed_has_connected_lease(void) {
     for (const Client_lease *lease : RecordsOf<Client_lease>(&routed_state.client_leases))
-        if (lease->status == LeaseStatus::Connected || lease->status == LeaseStatus::Internal)
+        if (holds_address(lease))
             return true;
     return false;
 }
@@ -75,6 +83,15 @@ void zep_routed_slease_offer_leased(const char *lease_path) {
     zep_dhcp_server_pool_set(variant_uint32(hull_client_get(rig_getSysbus(), "Keel.Zephyrin.DHCPConfig", "LeaseTime")),
                              true);
     zep_dhcp_server_lease_offer(lease_path);
+}
+
+void routed_drop_address(const Client_lease *lease, const char *address, const char *mask) {
+    const uint8_t prefix = zep_ipv4_mask_to_prefixlen(mask);
+    for (const Client_lease *other : RecordsOf<Client_lease>(&routed_state.client_leases))
+        if (other != lease && holds_address(other) && strcmp(other->ip_address, address) == 0 &&
+            zep_ipv4_mask_to_prefixlen(other->subnet_mask) == prefix)
+            return;
+    zep_ipv4_addr_del(routed_state.iptv_intf, address, mask);
 }
 
 void routed_map_device(Server_lease *device, const char *wan_address) {

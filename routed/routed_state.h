@@ -63,6 +63,10 @@ void zep_routed_slease_offer_all(const Client_lease *lease);
 void zep_routed_slease_offer_unleased(const char *lease_path);
 void zep_routed_slease_offer_leased(const char *lease_path);
 
+/* An address that an identity has no more leaves the IPTV interface, unless the operator has given it to another one,
+ * which holds it with the same prefix length: the interface has it once for both. */
+void routed_drop_address(const Client_lease *lease, const char *address, const char *mask);
+
 /* Map one device's LAN address to the identity's WAN address, or undo it; nat_mapped follows the outcome. */
 void routed_map_device(Server_lease *device, const char *wan_address);
 void routed_unmap_device(Server_lease *device, const char *wan_address);

@@ -93,6 +93,40 @@ TEST_F(Routed, OneIdentitysTroubleIsNotTheOthers) {
     EXPECT_EQ(routes().size(), 2U) << "they stay while one identity has an address";
 }
 
+TEST_F(Routed, AnAddressThatTheOperatorGaveToAnotherIdentityStaysWithIt) {
+    power_on();
+    SimDevice &first = serve(1);
+    SimDevice &other = serve(2);
+    const auto move = [&](const char *client_id, const SimDevice &stb, const char *address) {
+        wan->lease_address(client_id, address);
+        wan->renew("dhcp_zep_" + stb.id());
+        loop->advance(second);
+    };
+    move("01021a2b3c4d5f", other, "10.20.0.10"); /* the operator takes the first one's lease for expired */
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.10/24"});
+    wan->refuse_once("dhcp_zep_" + first.id());
+    move("01021a2b3c4d5e", first, "10.20.0.60");
+    EXPECT_EQ(identity(first.id(), "DHCPCStatus"), "Unconnected");
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.10/24"}) << "after a NAK";
+    loop->advance(5 * second);
+    EXPECT_EQ(addresses(), (std::vector<std::string>{"10.20.0.10/24", "10.20.0.60/24"}));
+
+    move("01021a2b3c4d5e", first, "10.20.0.10");
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.10/24"});
+    move("01021a2b3c4d5e", first, "10.20.0.61");
+    EXPECT_EQ(addresses(), (std::vector<std::string>{"10.20.0.10/24", "10.20.0.61/24"})) << "after a binding";
+
+    move("01021a2b3c4d5e", first, "10.20.0.10");
+    first.leave();
+    loop->advance(48 * hour + minute);
+    EXPECT_EQ(identity(first.id(), "DHCPCStatus"), "(none)");
+    EXPECT_EQ(identity(other.id(), "DHCPCStatus"), "Connected");
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.10/24"}) << "after a release";
+    EXPECT_TRUE(firewall.mapped(other.address(), "10.20.0.10"));
+    move("01021a2b3c4d5f", other, "10.20.0.62");
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.62/24"}) << "nobody holds it any more";
+}
+
 TEST_F(Routed, ARestoredAddressIsUsedWhileTheOperatorIsAway) {
     build();
     SimDevice &stb = device(1);
