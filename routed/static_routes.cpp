@@ -10,14 +10,42 @@ namespace {
 const char zone[] = "routed";
 
 /* A deferred installation cannot be called back. The latest one installs, unless the routes left the interface since.
- */
+ * Whether the host has taken it is not known, so each is counted as one that will come. */
 unsigned installations_deferred = 0;
+uintptr_t latest_installation = 0; /* how many there were */
 bool installation_wanted = false;
 
 void defer_installation(llist_t *list) {
     installation_wanted = true;
-    if (hull_timer_defer(zep_routed_add_routes, list, route_installation_delay_ms))
-        ++installations_deferred;
+    ++installations_deferred;
+    ++latest_installation;
+    hull_timer_defer(zep_routed_add_routes, list, route_installation_delay_ms);
+}
+
+void install(llist_t *list) {
+    installation_wanted = false;
+    int position = 0;
+    for (Route *route : RecordsOf<Route>(list)) {
+        const OwnedText path(zep_ipv4_route_add(routed_state.iptv_intf, route, position++));
+        if (!path.get())
+            continue;
+        ZEP_INFO(zone, "New %s added.", path.get());
+        request_destroy(route->status_request);
+        route->status_request = keel_request_create_getObject("%s", 0, path.get());
+        request_addParameter(route->status_request, "Status", nullptr);
+        request_setData(route->status_request, route);
+        request_setReplyItemHandler(route->status_request, zep_routed_route_status_handler);
+        hull_waitSendRequest(rig_getHull(), rig_getSysbus(), route->status_request);
+    }
+}
+
+/* An installation left its place to a later one. Whatever was on its way then has come by now, or never will: if the
+ * routes are still wanted, and none was deferred since, then the host has lost it. */
+void make_up_for_lost(void *latest) {
+    if (!installation_wanted || reinterpret_cast<uintptr_t>(latest) != latest_installation)
+        return;
+    installations_deferred = 0;
+    install(&routed_state.routes);
 }
 
 bool in_force(const variant_map_t *received) {
@@ -56,23 +84,14 @@ bool zep_routed_dhcp_option121_handle(Client_lease *lease, uint8_t force) {
 }
 
 void zep_routed_add_routes(void *data) {
-    --installations_deferred;
-    if (installations_deferred > 0 || !installation_wanted)
+    if (installations_deferred > 0)
+        --installations_deferred;
+    if (!installation_wanted)
         return;
-    installation_wanted = false;
-    int position = 0;
-    for (Route *route : RecordsOf<Route>(static_cast<llist_t *>(data))) {
-        const OwnedText path(zep_ipv4_route_add(routed_state.iptv_intf, route, position++));
-        if (!path.get())
-            continue;
-        ZEP_INFO(zone, "New %s added.", path.get());
-        request_destroy(route->status_request);
-        route->status_request = keel_request_create_getObject("%s", 0, path.get());
-        request_addParameter(route->status_request, "Status", nullptr);
-        request_setData(route->status_request, route);
-        request_setReplyItemHandler(route->status_request, zep_routed_route_status_handler);
-        hull_waitSendRequest(rig_getHull(), rig_getSysbus(), route->status_request);
-    }
+    if (installations_deferred == 0)
+        install(static_cast<llist_t *>(data));
+    else
+        hull_timer_defer(make_up_for_lost, reinterpret_cast<void *>(latest_installation), route_installation_delay_ms);
 }
 
 bool zep_routed_route_status_handler(request_t *request, reply_item_t *item, sysbus_t *, sysbus_t *, void *data) {
