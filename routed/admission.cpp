@@ -44,10 +44,11 @@ Client_lease *create_identity(const char *name, DeviceType device_type, bool mon
     return lease;
 }
 
-/* Whether an identifier, which the device chose, can name its record whole and stand in a data-model path. */
-bool is_instance_name(const char *id) {
-    return !is_empty(id) && strlen(id) < sizeof(Server_lease::id) && !strchr(id, '.');
-}
+/* A device's identifier as its record holds it: the device chose it, and may have chosen a longer one. */
+struct RecordId {
+    explicit RecordId(const char *id) { copy_text(text, id); }
+    char text[sizeof(Server_lease::id)];
+};
 
 /* A release that has begun already has stopped the WAN client, which must then run again. */
 void cancel_release(Client_lease *lease) {
@@ -99,11 +100,12 @@ void lease_deleted(const char *path) {
     }
     if (routed_interface != IptvInterfaceMode::Dedicated)
         return;
+    const RecordId id(dot + 1);
     for (Client_lease *lease : RecordsOf<Client_lease>(&routed_state.client_leases)) {
         bool found = false;
         bool others_present = false;
         for (Server_lease *device : RecordsOf<Server_lease>(&lease->server_leases)) {
-            if (strcmp(device->id, dot + 1) == 0) {
+            if (strcmp(device->id, id.text) == 0) {
                 device->active = 0;
                 found = true;
             } else if (device->active) {
@@ -147,15 +149,20 @@ int zep_routed_dhcp_server_lease_add(const object_t *object, DeviceType device_t
     const char *ip_address = object_text(object, "IPAddress");
     const char *mac_address = object_text(object, "MACAddress");
     const OwnedText path(object_pathChar(object, 1));
-    if (!is_instance_name(id) || is_empty(ip_address) || is_empty(mac_address)) {
+    if (is_empty(id) || is_empty(ip_address) || is_empty(mac_address)) {
         ZEP_ERROR(zone, "Failed to get lease parameters: ClientID=%s IPAddress=%s MACAddress=%s", id ? id : "(null)",
                   ip_address ? ip_address : "(null)", mac_address ? mac_address : "(null)");
         return 0;
     }
+    if (strchr(id, '.')) {
+        ZEP_ERROR(zone, "ClientID=%s has a dot and cannot name an object. Don't reply to it", id);
+        return 0;
+    }
     if (routed_interface != IptvInterfaceMode::Dedicated)
         return 1;
+    const RecordId record_id(id);
     const bool mono_client = variant_bool(hull_client_get(rig_getSysbus(), "Keel.Zephyrin", "MonoClient"));
-    const char *name = mono_client ? "iptv" : device_type == DeviceType::ITF ? "itf" : id;
+    const char *name = mono_client ? "iptv" : device_type == DeviceType::ITF ? "itf" : record_id.text;
     Client_lease *lease = zep_client_lease_find(&routed_state.client_leases, name);
     if (!lease)
         lease = create_identity(name, device_type, mono_client);
@@ -163,7 +170,7 @@ int zep_routed_dhcp_server_lease_add(const object_t *object, DeviceType device_t
         return 0;
     cancel_release(lease);
 
-    Server_lease *device = zep_server_lease_find(&lease->server_leases, id);
+    Server_lease *device = zep_server_lease_find(&lease->server_leases, record_id.text);
     if (device)
         readmit(lease, device, device_type, ip_address, path.get());
     else if (!admit_new(lease, id, device_type, ip_address, mac_address, path.get(), mono_client))

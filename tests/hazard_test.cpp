@@ -156,17 +156,40 @@ TEST_F(Hazard, NothingThatALanDeviceSendsReachesAShellLineOrBreaksAPath) {
             << command;
 }
 
-TEST_F(Hazard, AnIdentifierThatCannotNameARecordIsNotAdmitted) {
+TEST_F(Hazard, ALongIdentifierHasOneIdentityAndOneWithADotHasNone) {
     power_on();
-    for (const std::string &id : {std::string(40, 'a'), std::string("01.02")})
-        model->add("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease", id,
-                   {{"ClientID", id},
-                    {"IPAddress", std::string("192.168.1.25")},
+    const std::string leases = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease";
+    const std::string id(40, 'a');
+    const std::string kept(35, 'a');
+    const auto report = [&](const std::string &client_id, const char *address) {
+        model->add(leases, client_id,
+                   {{"ClientID", client_id},
+                    {"IPAddress", std::string(address)},
                     {"MACAddress", std::string("02:00:00:00:00:25")},
+                    {"Expires", static_cast<std::int64_t>(loop->wall_clock_s()) + 3600},
                     {"OnHold", true}});
-    loop->run_until_idle();
+        loop->run_until_idle();
+    };
+    for (const char *address : {"192.168.1.25", "192.168.1.26"}) {
+        report(id, address);
+        loop->advance(second);
+        EXPECT_EQ(model->instances("Keel.Zephyrin.ClientLease"), std::vector<std::string>{kept}) << address;
+        EXPECT_EQ(model->instances("Keel.Zephyrin.ClientLease." + kept + ".ServerLease").size(), 1U) << address;
+        EXPECT_TRUE(firewall.mapped(address, "10.20.0.10"));
+        EXPECT_EQ(firewall.count("SNAT"), 1U) << address;
+        EXPECT_FALSE(model->boolean(leases + "." + id, "OnHold", true)) << address;
+        model->remove(leases + "." + id);
+        loop->advance(47 * hour);
+        EXPECT_EQ(identity(kept, "DHCPCStatus"), "Connected") << address;
+    }
+    loop->advance(2 * hour);
+    EXPECT_EQ(identity(kept, "DHCPCStatus"), "(none)") << "the deletion of its lease was not taken for its own";
+
+    report("01.02", "192.168.1.27");
     EXPECT_TRUE(model->instances("Keel.Zephyrin.ClientLease").empty());
-    EXPECT_EQ(traced("Failed to get lease parameters: ClientID="), 2U);
+    EXPECT_TRUE(model->boolean(leases + ".01.02", "OnHold"));
+    EXPECT_EQ(traced("ClientID=01.02 has a dot"), 1U);
+    EXPECT_EQ(traced("Failed to get lease parameters"), 0U) << "nothing is missing";
 }
 
 TEST_F(Hazard, AddressesAndInterfacesFromOutsideAreCheckedBeforeTheShell) {
