@@ -176,6 +176,7 @@ void zep_routed_dedicated_mode_cleanup(void) {
     for (Client_lease *lease : RecordsOf<Client_lease>(&routed_state.client_leases))
         zep_routed_client_lease_remove(lease);
     zep_routed_iptv_intf_cleanup(routed_state.iptv_intf);
+    routed_empty_used_chains();
     routed_cancel_route_installation();
     if (llist_size(&routed_state.routes)) /* loaded while there was no interface to clean */
         zep_ipv4_route_cleanupList(&routed_state.routes);

@@ -8,8 +8,17 @@ RoutedState routed_state;
 
 namespace {
 
+/* Whether mappings were made since the chains were emptied last; one that succeeded in part has left rules, too. */
+bool chains_used = false;
+
 bool holds_address(const Client_lease *lease) {
     return lease->status == LeaseStatus::Connected || lease->status == LeaseStatus::Internal;
+}
+
+void empty_chains() {
+    zep_firewall_static_chain_flush();
+    zep_firewall_static_chain_default();
+    chains_used = false;
 }
 
 } // namespace
@@ -29,12 +38,16 @@ int zep_routed_iptv_intf_cleanup(const char *name) {
     if (routed_interface != IptvInterfaceMode::Dedicated)
         return 1;
     zep_firewall_static_chain_delete(name);
-    zep_firewall_static_chain_flush();
-    zep_firewall_static_chain_default();
+    empty_chains();
     zep_ipv4_route_flush(name);
     zep_ipv4_route_cleanupList(&routed_state.routes);
     zep_ipv4_addr_flush(name);
     return 1;
+}
+
+void routed_empty_used_chains(void) {
+    if (chains_used)
+        empty_chains();
 }
 
 bool zep_routed_has_connected_lease(void) {
@@ -95,6 +108,7 @@ void routed_drop_address(const Client_lease *lease, const char *address, const c
 }
 
 void routed_map_device(Server_lease *device, const char *wan_address) {
+    chains_used = true;
     if (zep_firewall_static_port_mapping_append(device->ip_address, wan_address))
         device->nat_mapped = 1;
 }

@@ -52,6 +52,9 @@ struct ClientInterface {
 void zep_routed_set_ntpwwwserver(const char *ntp, const char *www);
 /* Takes chains, routes and addresses off an interface: 0 for no name, 1 otherwise. */
 int zep_routed_iptv_intf_cleanup(const char *name);
+/* Takes away the rules of devices that were mapped while the IPTV path was on no interface, which no cleanup of an
+ * interface finds. Does nothing when there are none. */
+void routed_empty_used_chains(void);
 /* Whether any identity holds a WAN address in force. */
 bool zep_routed_has_connected_lease(void);
 /* Without one, the routes leave the IPTV interface. */

@@ -152,6 +152,41 @@ TEST_F(Routed, ARestoredAddressIsUsedWhileTheOperatorIsAway) {
     EXPECT_EQ(wan_client(stb.id(), "Enable"), "false") << "a client that was given up moves along, stopped";
 }
 
+TEST_F(Routed, WhatIsMappedWithoutAnInterfaceGoesWithTheMode) {
+    power_on();
+    SimDevice &stb = serve(1);
+    kernel->set_link("eth1.20", false);
+    loop->advance(second);
+    const std::string client = "Weft.Intf.dhcp_zep_" + stb.id();
+    const auto leave_mode = [&] {
+        set("Keel.Zephyrin", {{"Enable", false}});
+        loop->advance(second);
+    };
+    const auto bind = [&](const char *address) {
+        model->set(client, {{"IPAddress", std::string(address)}, {"SubnetMask", std::string("255.255.255.0")}});
+        model->set(client, {{"DHCPStatus", std::string("Bound")}});
+        loop->run_until_idle();
+    };
+    bind("10.20.0.70");
+    EXPECT_TRUE(firewall.mapped(stb.address(), "10.20.0.70"));
+    leave_mode();
+    expect_clean();
+
+    set("Keel.Zephyrin", {{"Enable", true}});
+    loop->advance(second);
+    firewall.failing = "filter -A FORWARD_zep"; /* so that it counts as not mapped */
+    bind("10.20.0.71");
+    EXPECT_EQ(firewall.count("10.20.0.71"), 3U);
+    leave_mode();
+    expect_clean();
+
+    set("Keel.Zephyrin", {{"Enable", true}});
+    loop->advance(second);
+    firewall.commands.clear();
+    leave_mode();
+    EXPECT_TRUE(firewall.commands.empty()) << "no rules, no interface: there is nothing to do";
+}
+
 TEST_F(Routed, ADeviceThatIsGoneIsNotOfferedALeaseAtTheFallBack) {
     power_on();
     SimDevice &stb = serve(1);
