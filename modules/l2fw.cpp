@@ -33,11 +33,25 @@ void flush(const L2fwRule *row) {
     zep_l2fw_system(command);
 }
 
-/* An element's interface name, or null for one that has none or that must not reach a shell line. */
-const char *name_of(variant_list_iterator_t *element) {
+/* An element's interface name, or null for one that has none. */
+const char *text_of(variant_list_iterator_t *element) {
     const string_t *text = variant_da_string(variant_list_iterator_data(element));
-    const char *name = text ? string_buffer(text) : nullptr;
+    return text ? string_buffer(text) : nullptr;
+}
+
+/* Likewise, and null for one that must not reach a shell line. */
+const char *name_of(variant_list_iterator_t *element) {
+    const char *name = text_of(element);
     return is_interface_name(name) ? name : nullptr;
+}
+
+/* Likewise; who is left out of the rules is told, once in each run over the list. */
+const char *name_or_trace(const L2fwRule *row, variant_list_iterator_t *element) {
+    const char *name = name_of(element);
+    const char *text = text_of(element);
+    if (!name && !is_empty(text))
+        ZEP_ERROR(zone, "Invalid intf %s has no rule in %s", text, row->chain);
+    return name;
 }
 
 } // namespace
@@ -79,7 +93,7 @@ void zep_l2fw_dropOutput(const L2fwRule *row, const variant_list_t *list) {
     if (!row || !list)
         return;
     for (auto *it = variant_list_first(list); it; it = variant_list_iterator_next(it)) {
-        const char *name = name_of(it);
+        const char *name = name_or_trace(row, it);
         if (!name)
             continue;
         char command[path_size];
@@ -91,9 +105,9 @@ void zep_l2fw_dropOutput(const L2fwRule *row, const variant_list_t *list) {
 void zep_l2fw_dropBetween(const L2fwRule *row, const variant_list_t *list) {
     if (!row || !list || variant_list_size(list) < 2)
         return;
-    for (auto *from = variant_list_first(list); from; from = variant_list_iterator_next(from))
+    for (auto *from = variant_list_first(list); from; from = variant_list_iterator_next(from)) {
+        const char *input = name_or_trace(row, from);
         for (auto *to = variant_list_first(list); to; to = variant_list_iterator_next(to)) {
-            const char *input = name_of(from);
             const char *output = name_of(to);
             if (!input || !output || strcmp(input, output) == 0)
                 continue;
@@ -102,4 +116,5 @@ void zep_l2fw_dropBetween(const L2fwRule *row, const variant_list_t *list) {
                         input, output);
             zep_l2fw_system(command);
         }
+    }
 }

@@ -113,6 +113,15 @@ TEST_F(Modules, TheChainsHoldTheRulesOfTheInterfacesOfNow) {
     EXPECT_EQ(has("nat POSTROUTING_No_IGMP -d 01:00:5e:00:00:00/ff:ff:ff:00:00:00 -j DROP -o eth1.21"), 1);
     for (const std::string &command : firewall.commands)
         EXPECT_EQ(command.find("reboot"), std::string::npos) << command;
+    const auto skipped = [](const char *chain) {
+        return traced("[x]Invalid intf eth1.22$(reboot) has no rule in " + std::string(chain));
+    };
+    EXPECT_GT(skipped("FORWARD_Isolation"), 0U);
+    EXPECT_GT(skipped("POSTROUTING_Only_IGMP"), 0U);
+    set("Weft.Intf.eth1.22$(reboot)", {{"Flags", std::string("netdev vlan")}});
+    TraceLog::instance().clear();
+    set("Weft.Intf.eth1.22$(reboot)", {{"Flags", std::string("netdev vlan up")}});
+    EXPECT_EQ(skipped("FORWARD_Isolation"), 1U) << "once, not with each of the others";
 
     set("Weft.Intf.eth1.21", {{"Flags", std::string("netdev vlan up zep-dhcp-vlan zep-only-igmp")}});
     EXPECT_EQ(has(no_dhcp), 0);
