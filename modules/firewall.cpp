@@ -3,19 +3,19 @@
 #include "frame/trace.h"
 #include "platform/weft.h"
 
-char cur_intf[cur_intf_size];
-
-namespace {
-
-const char zone[] = "firewall"; /* also the owner of the writes */
-const char script[] = "/usr/bin/zep_firewall.sh";
-
 struct StbItem {
     llist_iterator_t link; /* in stbList */
     char *key;             /* owned */
     char *address;         /* owned */
     bool rulesApplied;     /* the script was started for it */
 };
+
+char cur_intf[cur_intf_size];
+
+namespace {
+
+const char zone[] = "firewall"; /* also the owner of the writes */
+const char script[] = "/usr/bin/zep_firewall.sh";
 
 roster_query_t *stbQuery = nullptr;
 weft_query_t *intfQuery = nullptr;
@@ -182,8 +182,15 @@ void zep_firewall_updateSTBList(roster_query_t *, const char *key, const variant
     const char *address = address_of(device);
     if (action == roster_action_match) {
         ZEP_INFO(zone, "New STB found %s ip = %s", or_null(key), or_null(address));
-        if (address && key)
-            zep_firewall_addSTBList(key, address);
+        StbItem *item = address && key ? zep_firewall_addSTBList(key, address) : nullptr;
+        if (!item)
+            return;
+        if (process_isRunning(auxAddProcess)) {
+            ZEP_INFO(zone, "Script is busy");
+            return;
+        }
+        item->rulesApplied = true;
+        zep_firewall_ConfigureForwardService(address, true);
     } else if (action == roster_action_unmatch) {
         ZEP_INFO(zone, "STB removed");
         StbItem *item = key ? find_item(key) : nullptr;
@@ -194,22 +201,17 @@ void zep_firewall_updateSTBList(roster_query_t *, const char *key, const variant
     }
 }
 
-void zep_firewall_addSTBList(const char *key, const char *address) {
+StbItem *zep_firewall_addSTBList(const char *key, const char *address) {
     auto *item = static_cast<StbItem *>(calloc(1, sizeof(StbItem)));
     if (!item) {
         ZEP_ERROR(zone, "couldn't allocate memory for item");
-        return;
+        return nullptr;
     }
     llist_iterator_initialize(&item->link, item);
     item->key = strdup(key);
     item->address = strdup(address);
     llist_append(&stbList, &item->link);
-    if (process_isRunning(auxAddProcess)) {
-        ZEP_INFO(zone, "Script is busy");
-        return;
-    }
-    item->rulesApplied = true;
-    zep_firewall_ConfigureForwardService(address, true);
+    return item;
 }
 
 bool zep_set_firewall_process_exit_handler(process_t *) {

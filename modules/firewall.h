@@ -10,6 +10,8 @@
 
 enum { cur_intf_size = 256 };
 
+struct StbItem;
+
 /* The data interface for which the main rules were last added; empty when none. */
 ZEP_EXPORT char cur_intf[cur_intf_size];
 
@@ -22,10 +24,11 @@ ZEP_EXPORT void zep_firewall_cleanup(void);
 ZEP_EXPORT void zep_firewall_setPolicy(const char *value);
 /* Starts the script to add or delete the rules of the STB with that address (dotted IPv4). */
 ZEP_EXPORT void zep_firewall_ConfigureForwardService(const char *address, bool add);
-/* Device-map callback: an STB starts (action 0) or stops (action 2) to be on the LAN. */
+/* Device-map callback: an STB starts (action 0) or stops (action 2) to be on the LAN. One that starts waits in the list
+ * while the script is busy. */
 ZEP_EXPORT void zep_firewall_updateSTBList(roster_query_t *query, const char *key, const variant_t *device, int action);
-/* Takes an STB that arrived into the list and starts the script for it, unless the script is busy. */
-ZEP_EXPORT void zep_firewall_addSTBList(const char *key, const char *address);
+/* Takes an STB that arrived into the list, without its rules yet: its item, or null (traced) without memory. */
+ZEP_EXPORT StbItem *zep_firewall_addSTBList(const char *key, const char *address);
 /* A run for an STB has ended: the next one that waits gets its turn. Always true. */
 ZEP_EXPORT bool zep_set_firewall_process_exit_handler(process_t *process);
 

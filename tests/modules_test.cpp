@@ -233,11 +233,18 @@ TEST_F(Modules, StbsGetTheirRulesOneAfterAnother) {
     model->add("Hosts.Host", host(4), {{"Tags", std::string("lan stb")}, {"Active", true}});
     loop->run_until_idle();
     EXPECT_EQ(traced("New STB found 02:00:00:00:00:04 ip = (null)"), 1U);
+    operation<void(const char *, const char *)>("zep_firewall_addSTBList")("listed", "192.168.1.29");
+    EXPECT_EQ(script.runs.size(), 4U) << "it waits for the end of another one's run";
+    arrive(6);
+    loop->run_until_idle();
+    loop->advance(second);
+    EXPECT_EQ(script.runs.size(), 6U);
+    EXPECT_EQ(script.runs.back(), "aux_rules A 192.168.1.29");
     script.missing = true;
     arrive(5);
     loop->run_until_idle();
     EXPECT_EQ(traced("iptables add STB port ko"), 1U);
-    EXPECT_EQ(script.runs.size(), 4U);
+    EXPECT_EQ(script.runs.size(), 6U);
 }
 
 TEST_F(Modules, ADevicesLastAddressBeforeTheListGoesWrongIsItsAddress) {
