@@ -39,6 +39,10 @@ void zep_ipv4_route_copyList(llist_t *list, const variant_t *source) {
 
 void zep_ipv4_route_cleanupList(llist_t *list) {
     ZEP_INFO(zone, "Cleanup Zephyrin_IPRoute list.");
+    ip_route_release(list);
+}
+
+void ip_route_release(llist_t *list) {
     while (llist_iterator_t *link = llist_takeFirst(list)) {
         auto *route = static_cast<Route *>(link->data);
         variant_map_cleanup(&route->params);

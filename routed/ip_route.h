@@ -22,6 +22,8 @@ struct Route {
 ZEP_EXPORT void zep_ipv4_route_copyList(llist_t *list, const variant_t *source);
 /* Releases every record of the list. */
 ZEP_EXPORT void zep_ipv4_route_cleanupList(llist_t *list);
+/* Likewise, without a trace: for records of which no interface ever had the routes. */
+void ip_route_release(llist_t *list);
 /* Creates the instance zep_{n}; its path, newly allocated, or null for an incomplete route (traced). */
 ZEP_EXPORT char *zep_ipv4_route_add(const char *intf, const Route *route, int n);
 /* Deletes the plug-in's route instances. */

@@ -32,8 +32,10 @@ void open_interface_query() {
 }
 
 void give_up_without_routes() {
-    LocalVariant none(variant_type_list);
-    zep_ipv4_route_copyList(&routed_state.routes, none.get());
+    {
+        LocalVariant none(variant_type_list);
+        zep_ipv4_route_copyList(&routed_state.routes, none.get());
+    }
     zep_routed_dedicated_mode_cleanup();
 }
 
@@ -178,8 +180,7 @@ void zep_routed_dedicated_mode_cleanup(void) {
     zep_routed_iptv_intf_cleanup(routed_state.iptv_intf);
     routed_empty_used_chains();
     routed_cancel_route_installation();
-    if (llist_size(&routed_state.routes)) /* loaded while there was no interface to clean */
-        zep_ipv4_route_cleanupList(&routed_state.routes);
+    ip_route_release(&routed_state.routes); /* those loaded while there was no interface to clean */
     routed_state.iptv_intf[0] = '\0';
     zep_routed_set_ntpwwwserver(no_server, no_server);
     routed_interface = IptvInterfaceMode::Invalid;

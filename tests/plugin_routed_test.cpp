@@ -46,6 +46,10 @@ TEST_F(Routed, AnInvalidInterfaceLoadsTheSettingsAndStaysInactive) {
                              [](const std::string &command) { return command.find("iptables") != std::string::npos; }));
     EXPECT_TRUE(routes().empty());
     EXPECT_EQ(model->instances("Keel.Zephyrin.ClasslessStaticRoute").size(), 1U);
+    TraceLog::instance().clear();
+    model->notify("Keel.Zephyrin", 101, {});
+    loop->run_until_idle();
+    EXPECT_EQ(traced("Cleanup Zephyrin_IPRoute list."), 0U) << "there was no interface to clean";
 }
 
 TEST_F(Routed, AnIdentityStaysAsLongAsOneOfItsDevicesIsThere) {
