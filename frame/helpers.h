@@ -125,6 +125,11 @@ inline bool is_interface_name(const char *name) {
            name[strspn(name, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:@")] == '\0';
 }
 
+/* A list that is there from the load on: empty, whatever an empty one looks like on the host. */
+struct LoadedList : llist_t {
+    LoadedList() : llist_t() { llist_initialize(this); }
+};
+
 /* The records of a list, in order. The next one is taken before the current one is handed out, so that it may go. */
 template <typename Record> class RecordsOf {
 public:

@@ -22,7 +22,7 @@ weft_query_t *intfQuery = nullptr;
 process_t *mainProcess = nullptr;
 process_t *auxAddProcess = nullptr; /* runs once at a time; the others wait for its exit */
 process_t *auxDelProcess = nullptr;
-llist_t stbList; /* in order of arrival */
+LoadedList stbList; /* in order of arrival */
 
 ModuleContext context = {"firewall",
                          nullptr,

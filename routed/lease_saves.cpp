@@ -12,7 +12,7 @@ struct Save {
     llist_iterator_t link;
 };
 
-llist_t saves_in_flight;
+LoadedList saves_in_flight;
 
 } // namespace
 

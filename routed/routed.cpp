@@ -41,7 +41,7 @@ void give_up_without_routes() {
 
 /* Records that an earlier, unfinished init left would be lost when the list starts anew. */
 bool start_list(llist_t *list) {
-    return list->size > 0 || llist_initialize(list);
+    return llist_size(list) > 0 || llist_initialize(list);
 }
 
 bool load_stored_routes() {

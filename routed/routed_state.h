@@ -27,8 +27,8 @@ struct RoutedState {
     char iptv_intf[36]; /* the network device below "iptv"; empty when there is none */
     char ntp_server[server_value_size];
     char www_server[server_value_size];
-    llist_t client_leases; /* owned */
-    llist_t routes;        /* owned; the classless static routes in force */
+    LoadedList client_leases; /* owned */
+    LoadedList routes;        /* owned; the classless static routes in force */
     request_t *rule_requests[dhcp_pools];
     weft_query_t *iptv_query;
 };

@@ -13,6 +13,19 @@ Loop *host_loop_of_test = nullptr;
 bool answers = true; /* what hull_timer_defer says, whatever it does */
 unsigned lost = 0;   /* how many deferred calls of a second are lost from now on */
 
+/* The lists that are initialised. */
+std::set<const llist_t *> &initialised() {
+    static std::set<const llist_t *> all;
+    return all;
+}
+
+unsigned looked_at_raw = 0; /* how often the plug-in's own lists were looked at before that */
+
+bool is_the_plugins(const void *address) {
+    Dl_info where;
+    return dladdr(address, &where) && std::string(where.dli_fname) == PLUGIN_FILE;
+}
+
 } // namespace
 
 class StrangeHost : public SimGateway {
@@ -20,6 +33,8 @@ protected:
     void SetUp() override {
         answers = true;
         lost = 0;
+        initialised().clear();
+        looked_at_raw = 0;
         build();
         host_loop_of_test = loop.get();
         load_plugin();
@@ -46,7 +61,30 @@ extern "C" __attribute__((visibility("default"))) bool hull_timer_defer(void (*o
     return keel::answers;
 }
 
+extern "C" __attribute__((visibility("default"))) bool llist_initialize(llist_t *list) {
+    if (!list)
+        return false;
+    keel::initialised().insert(list);
+    *list = {nullptr, nullptr, 0};
+    return true;
+}
+
+extern "C" __attribute__((visibility("default"))) llist_iterator_t *llist_first(const llist_t *list) {
+    if (list && !keel::initialised().contains(list) && keel::is_the_plugins(list))
+        ++keel::looked_at_raw;
+    return list ? list->head : nullptr;
+}
+
 namespace keel {
+
+TEST_F(StrangeHost, EveryListOfThePluginIsInitialisedBeforeItIsUsed) {
+    serve(1).leave();
+    set("Keel.Zephyrin", {{"Mode", std::string("Simplified")}});
+    loop->advance(second);
+    EXPECT_GE(std::count_if(initialised().begin(), initialised().end(), is_the_plugins), 4);
+    stop_plugin();
+    EXPECT_EQ(looked_at_raw, 0U);
+}
 
 TEST_F(StrangeHost, RoutesAreInstalledWhateverItSaysOfADeferredCall) {
     answers = false;
