@@ -12,7 +12,8 @@ const char zone[] = "routed";
 /* A deferred installation cannot be called back. The latest one installs, unless the routes left the interface since.
  * Whether the host has taken it is not known, so each is counted as one that will come. */
 unsigned installations_deferred = 0;
-uintptr_t latest_installation = 0; /* how many there were */
+unsigned char latest_installation = 0; /* counts them, round and round */
+char installations[256];               /* its place here is handed to the host for one */
 bool installation_wanted = false;
 
 void defer_installation(llist_t *list) {
@@ -42,7 +43,7 @@ void install(llist_t *list) {
 /* An installation left its place to a later one. Whatever was on its way then has come by now, or never will: if the
  * routes are still wanted, and none was deferred since, then the host has lost it. */
 void make_up_for_lost(void *latest) {
-    if (!installation_wanted || reinterpret_cast<uintptr_t>(latest) != latest_installation)
+    if (!installation_wanted || latest != &installations[latest_installation])
         return;
     installations_deferred = 0;
     install(&routed_state.routes);
@@ -91,7 +92,7 @@ void zep_routed_add_routes(void *data) {
     if (installations_deferred == 0)
         install(static_cast<llist_t *>(data));
     else
-        hull_timer_defer(make_up_for_lost, reinterpret_cast<void *>(latest_installation), route_installation_delay_ms);
+        hull_timer_defer(make_up_for_lost, &installations[latest_installation], route_installation_delay_ms);
 }
 
 bool zep_routed_route_status_handler(request_t *request, reply_item_t *item, sysbus_t *, sysbus_t *, void *data) {

@@ -117,7 +117,7 @@ std::string PacketLanPort::port_of(const HardwareAddress &device) {
     const KernelLink *lan = tables_.link(interface_);
     if (!lan || !lan->bridge)
         return interface_;
-    const std::string port = learned_behind(device);
+    std::string port = learned_behind(device);
     if (!port.empty())
         return port;
     tables_.catch_up();
