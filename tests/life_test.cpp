@@ -338,6 +338,29 @@ TEST_F(Life, TheOperatorsServersReachTheStbAfterAPowerCut) {
     EXPECT_EQ(format_hex(ack->options.at(72)), "0a140003");
 }
 
+TEST_F(Life, AnStbOfAnOperatorThatLeasesRubbishFallsBackAndIsServedOnceThatIsMended) {
+    build();
+    wan->lease_address("01021a2b3c4d5e", "224.0.0.5");
+    load_plugin();
+    SimDevice &stb = serve(1);
+    ASSERT_EQ(model->text("Weft.Intf.dhcp_zep_" + stb.id() + ".SentOption.61", "Value"), "01021a2b3c4d5e");
+    EXPECT_EQ(wan_client(stb.id(), "DHCPStatus"), "Selecting");
+    loop->advance(66 * second);
+    EXPECT_EQ(identity(stb.id(), "DHCPCStatus"), "Unleased");
+    ASSERT_NE(stb.last(DhcpType::Ack), nullptr) << "no later than where nobody answers";
+    EXPECT_FALSE(stb.last(DhcpType::Ack)->options.contains(42));
+    EXPECT_TRUE(addresses().empty());
+    EXPECT_EQ(firewall.count("224.0.0.5"), 0U);
+
+    wan->lease_address("01021a2b3c4d5e", "10.20.0.50");
+    wan->options[42] = "0a140002ff";
+    loop->advance(2 * minute + second);
+    EXPECT_EQ(identity(stb.id(), "DHCPCStatus"), "Connected");
+    EXPECT_TRUE(firewall.mapped(stb.address(), "10.20.0.50"));
+    EXPECT_EQ(model->text("Keel.Zephyrin", "NTPServer"), "00000000");
+    EXPECT_EQ(model->text("Keel.Zephyrin", "WWWServer"), "0a140003");
+}
+
 TEST_F(Life, APowerCutBetweenTwoSetsOfRoutesLeavesNobodyWithoutRoutes) {
     power_on();
     const std::string client = "dhcp_zep_" + serve(1).id();

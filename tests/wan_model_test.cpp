@@ -10,6 +10,8 @@
 
 namespace keel {
 
+using namespace std::string_literals;
+
 TEST(WanRetries, GrowToAboutAMinute) {
     std::vector<std::uint64_t> waits;
     for (unsigned tries = 1; tries < 9; ++tries)
@@ -100,6 +102,53 @@ TEST_F(WantedTest, OneDisabledAndEnabledInOneTurnIsRestarted) {
     EXPECT_EQ(after(0), "- +eth1.20 Selecting ");
 }
 
+TEST(WanLeases, AnAddressMustBeOneThatTheGatewayCanUse) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    model.set("DHCPv4.Server.Pool.zep_itf", {{"Router", "192.168.2.129"s}, {"SubnetMask", "255.255.255.128"s}});
+    model.set("DHCPv4.Server.Pool.lan", {{"Router", ""s}});
+    const struct {
+        const char *address;
+        const char *mask;
+        bool usable;
+    } leases[] = {{"10.20.0.51", "255.255.255.0", true},
+                  {"10.20.0.255", "255.255.0.0", true},
+                  {"10.20.0.255", "255.255.255.0", false},
+                  {"10.20.0.0", "255.255.255.0", false},
+                  {"10.20.0.0", "255.255.255.254", true},
+                  {"10.20.0.1", "255.255.255.254", true},
+                  {"10.20.0.3", "255.255.255.252", false},
+                  {"10.20.0.255", "255.255.255.255", true},
+                  {"1.0.0.1", "255.0.0.0", true},
+                  {"0.20.0.1", "255.255.255.0", false},
+                  {"127.0.0.1", "255.0.0.0", false},
+                  {"126.0.0.1", "255.0.0.0", true},
+                  {"128.0.0.1", "255.255.0.0", true},
+                  {"223.255.255.254", "255.255.255.0", true},
+                  {"224.0.0.5", "255.255.255.0", false},
+                  {"240.0.0.1", "255.255.255.0", false},
+                  {"255.255.255.255", "255.0.0.0", false},
+                  {"", "255.255.255.0", false},
+                  {"10.20.0.51", "255.0.255.0", false},
+                  {"10.20.0.51", "0.0.0.0", false},
+                  {"10.20.0.51", "", false},
+                  {"10.20.0.51", "0.0.0.255", false},
+                  {"192.168.1.1", "255.255.255.0", false},
+                  {"192.168.1.200", "255.255.255.255", false},
+                  {"192.168.2.1", "255.255.255.0", true},
+                  {"192.168.2.130", "255.255.255.0", false},
+                  {"192.168.0.200", "255.255.254.0", true}};
+    for (const auto &[address, mask, usable] : leases)
+        EXPECT_EQ(!address_fault(model, {address, mask, {}}), usable) << address << " " << mask;
+
+    WanLease lease{"10.20.0.51",
+                   "255.255.255.0",
+                   {{3, "0a1400"}, {6, "0a140001"}, {42, "0a14000200"}, {72, ""}, {43, "010203"}, {66, "xyz"}}};
+    EXPECT_EQ(drop_faulty_options(lease).size(), 3U);
+    EXPECT_EQ(lease.options, (std::map<int, std::string>{{6, "0a140001"}, {72, ""}, {43, "010203"}}));
+}
+
 /* The real operator's twin shows the same as the real clients do. */
 TEST(WanTwin, ShowsWhatIsSeenAndRestartsWhatWasInterrupted) {
     SimLoop loop;
@@ -141,6 +190,60 @@ TEST(WanTwin, ShowsWhatIsSeenAndRestartsWhatWasInterrupted) {
     model.remove("Weft.Intf.dhcp_iptv");
     loop.advance(1000);
     EXPECT_FALSE(model.find(exchange));
+}
+
+TEST(WanTwin, AnOperatorThatLeasesRubbishIsAskedAgainAndTracedLessAndLessOften) {
+    SimLoop loop;
+    Model model(loop);
+    model.load_file(SOURCE_DIR "/share/gateway.json");
+    InterfaceGraph graph(model);
+    SimOperator wan(loop, graph);
+    TraceLog::instance().clear();
+    const auto traced = [](const std::string &part) {
+        const auto &lines = TraceLog::instance().recent();
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const TraceLine &line) { return line.text.find(part) != std::string::npos; });
+    };
+    const std::string own = "Weft.Intf.dhcp_iptv";
+    const std::string id = model.text(own + ".SentOption.61", "Value");
+    std::vector<std::string> states;
+    model.watch(own,
+                [&](const Event &event) {
+                    if (const auto status = event.values.find("DHCPStatus"); status != event.values.end())
+                        states.push_back(to_text(status->second));
+                },
+                {{"DHCPStatus"}, false});
+    graph.set_flag("eth1.20", "up", true);
+    wan.lease_address(id, "127.0.0.1");
+    model.set(own, {{"Enable", true}});
+    loop.advance(100000); /* tries at 0, 3, 9, 21, 45 and 93 s */
+    EXPECT_EQ(states, (std::vector<std::string>{"Selecting", "Requesting", "Selecting"}))
+        << "what gets no further does not seem to";
+    EXPECT_TRUE(graph.addresses("eth1.20").empty());
+    EXPECT_EQ(model.text(own, "IPAddress"), "");
+    EXPECT_EQ(model.text("DHCPv4.Client.dhcp_iptv", "LastError"), "address 127.0.0.1 is none that a host can have");
+    EXPECT_EQ(model.integer("DHCPv4.Client.dhcp_iptv", "Dropped"), 6);
+    EXPECT_EQ(traced("dhcp_iptv: the operator leased what cannot be: address 127.0.0.1"), 3) << "the 1st, 2nd and 4th";
+
+    wan.lease_address(id, "10.20.0.9");
+    wan.options = {{42, "0a1400"}, {72, "0a140003"}};
+    loop.advance(64000);
+    EXPECT_EQ(states.back(), "Bound");
+    EXPECT_EQ(graph.addresses("eth1.20").size(), 1U);
+    EXPECT_EQ(model.instances(own + ".ReqOption"), std::vector<std::string>{"72"});
+    EXPECT_EQ(traced("option 42 0a1400 is no list of addresses; it is left out (1 times so far)"), 1);
+
+    wan.lease_address(id, "192.168.1.20");
+    wan.renew("dhcp_iptv");
+    loop.advance(1000);
+    EXPECT_EQ(states.back(), "Selecting") << "a lease that a renewal spoilt";
+    EXPECT_TRUE(graph.addresses("eth1.20").empty());
+    wan.lease_address(id, "10.20.0.9");
+    for (const bool on : {false, true})
+        model.set(own, {{"Enable", on}});
+    states.clear();
+    loop.advance(1000);
+    EXPECT_EQ(states, (std::vector<std::string>{"Idle", "Selecting", "Requesting", "Bound"}));
 }
 
 } // namespace keel

@@ -77,8 +77,7 @@ TEST(Udhcpc, WhatItsScriptPrintsIsCheckedAtTheDoor) {
                  {"@leasefail|||||||", Kind::Leasefail, false},
                  {"@bound|10.0.0.1|255.0.0.0|||||", Kind::Bound, false},
                  {"@bound|10.0.0.1|255.0.0.0||refused|||", Kind::Bound, true},
-                 {"@bound|10.0.0.1;id|255.0.0.0|||||", Kind::None, true},
-                 {"@bound|10.0.0.1||||||", Kind::None, true},
+                 {"@bound|10.0.0.1;id|255.0.0.0|||||", Kind::Bound, false},
                  {"@bound|10.0.0.1", Kind::None, true},
                  {"@nak", Kind::None, true},
                  {"@others|||||||", Kind::None, true},
@@ -94,6 +93,8 @@ TEST(Udhcpc, WhatItsScriptPrintsIsCheckedAtTheDoor) {
         EXPECT_EQ(report.dropped, dropped) << line;
     }
     EXPECT_EQ(UdhcpcReader().take("@nak|||||||10.0.0.2").server, "10.0.0.2");
+    EXPECT_EQ(UdhcpcReader().take("@bound|10.0.0.1;id|255.0.0.0|||||").lease.address, "");
+    EXPECT_EQ(UdhcpcReader().take("@bound|10.0.0.1|refused|||||").lease.mask, "");
 
     UdhcpcReader reader;
     reader.take("@option|72|0a140003");
@@ -134,13 +135,14 @@ TEST(Udhcpc, AValueWithLinesOfItsOwnForgesNothing) {
             if (report.kind != Kind::Bound)
                 continue;
             ++leases;
-            EXPECT_EQ(report.lease.address, "10.0.0.9") << name;
+            EXPECT_EQ(report.lease.address, std::string(name) == "ip" ? "" : "10.0.0.9") << name;
+            EXPECT_EQ(report.lease.mask, std::string(name) == "subnet" ? "" : "255.0.0.0") << name;
             EXPECT_FALSE(report.lease.options.contains(72)) << name;
         }
         const bool whole = std::string(name) != "ip" && std::string(name) != "subnet";
-        EXPECT_EQ(leases, whole ? 1U : 0U) << name << ": " << said;
+        EXPECT_EQ(leases, 1U) << name << ": " << said;
         const bool printed = said.find("refused") != std::string::npos;
-        EXPECT_EQ(dropped, printed ? 1U : 0U) << name << ": " << said;
+        EXPECT_EQ(dropped, printed && whole ? 1U : 0U) << name << ": " << said;
     }
     EXPECT_EQ(shell("'" SOURCE_DIR "/share/udhcpc-report.sh' 'bound|6.6.6.6|255.0.0.0|||||\n@bound'"), "");
 }
@@ -234,8 +236,8 @@ protected:
         asked.emplace_back(message.type, loop.now_ms());
         if (silent)
             return;
-        const std::uint32_t address = 0x0a140032U + (message.client_id.empty() ? 0U : message.client_id.back());
-        DhcpReply reply{DhcpType::Offer, address, server_address, options};
+        const std::uint32_t own = 0x0a140032U + (message.client_id.empty() ? 0U : message.client_id.back());
+        DhcpReply reply{DhcpType::Offer, leased ? leased : own, server_address, options};
         if (message.type == DhcpType::Request)
             reply.type = refusing ? DhcpType::Nak : DhcpType::Ack;
         if (reply.type == DhcpType::Nak)
@@ -291,6 +293,7 @@ protected:
     std::map<std::string, States> states;
     std::vector<std::pair<DhcpType, std::uint64_t>> asked;
     std::map<std::uint8_t, Bytes> options{{1, {255, 255, 255, 0}}, {51, {0, 0, 14, 16}}};
+    std::uint32_t leased = 0; /* to everybody; 0: to each an address of its own */
     bool silent = false;
     bool refusing = false;
 };
@@ -405,6 +408,25 @@ TEST_F(WanTest, OneThatNobodyAnswersTriesLessAndLessOften) {
     ASSERT_GE(pauses.size(), 2U);
     EXPECT_NEAR(pauses[0], 1000, 1300);
     EXPECT_NEAR(pauses[1], 4000, 1300);
+}
+
+TEST_F(WanTest, ALeaseThatCannotBeUsedIsNotAndAnotherOneIsAskedFor) {
+    leased = 0x7f000005; /* 127.0.0.5 */
+    options[42] = {10, 20, 0, 2};
+    options[72] = {10, 20, 0};
+    WanClients clients(loop, *graph, "udhcpc", script);
+    add_client("dhcp_own", "dhcp", "0001");
+    ASSERT_TRUE(soon([&] { return exchange("dhcp_own", "LastError").starts_with("address 127.0.0.5"); }));
+    EXPECT_EQ(state("dhcp_own"), "Selecting");
+    EXPECT_FALSE(model.find("Weft.Intf.dhcp_own.IPv4Addr.dhcp"));
+    ASSERT_TRUE(soon([&] { return traced("dhcp_own: the operator leased what cannot be: address 127.0.0.5") == 2; }))
+        << "three seconds later";
+    EXPECT_EQ(states["dhcp_own"], (States{"Selecting", "Requesting", "Selecting"}));
+    leased = 0;
+    ASSERT_TRUE(soon([&] { return state("dhcp_own") == "Bound"; }, 12));
+    EXPECT_EQ(model.text("Weft.Intf.dhcp_own.IPv4Addr.dhcp", "Address"), "10.20.0.51");
+    EXPECT_EQ(model.text("Weft.Intf.dhcp_own.ReqOption.42", "Value"), "0a140002");
+    EXPECT_FALSE(model.find("Weft.Intf.dhcp_own.ReqOption.72"));
 }
 
 TEST_F(WanTest, OneDisabledAndEnabledInOneTurnIsRestarted) {

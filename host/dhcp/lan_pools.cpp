@@ -64,8 +64,8 @@ void LanPools::read() {
     pools_.clear();
     if (!model_.boolean(lan_server_path, "Enable"))
         return;
-    for (const std::string &name : model_.instances(pools_path))
-        if (model_.boolean(join_path(pools_path, name), "Enable"))
+    for (const std::string &name : model_.instances(lan_pools_path))
+        if (model_.boolean(join_path(lan_pools_path, name), "Enable"))
             pools_.push_back(read_pool(name));
     for (LanPool &pool : pools_)
         for (LanRule &rule : pool.rules)
@@ -75,7 +75,7 @@ void LanPools::read() {
 LanPool LanPools::read_pool(const std::string &name) const {
     LanPool pool;
     pool.name = name;
-    pool.path = join_path(pools_path, name);
+    pool.path = join_path(lan_pools_path, name);
     pool.on_hold = model_.boolean(pool.path, "LeasesOnHold");
     pool.shortest_s = number_in(model_, pool.path, "MinLeaseTime");
     pool.usual_s = number_in(model_, pool.path, "LeaseTime");

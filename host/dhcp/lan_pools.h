@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "host/base/text_forms.h"
+#include "host/gateway/settings.h"
 #include "host/model/model.h"
 
 namespace keel {
 
 constexpr const char *lan_server_path = "DHCPv4.Server";
-constexpr const char *pools_path = "DHCPv4.Server.Pool";
 
 struct LanPool;
 

@@ -73,7 +73,7 @@ std::string lease_path(const LanRule &rule, const std::string &id) {
 LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port)
     : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), addresses_(loop, pools_, leases_),
       ends_(loop, model, leases_), waiting_(loop, model), reports_(loop) {
-    watch_ = model_.watch(pools_path, [this](const Event &event) { on_event(event); });
+    watch_ = model_.watch(lan_pools_path, [this](const Event &event) { on_event(event); });
 }
 
 LanDhcpServer::~LanDhcpServer() {
@@ -438,7 +438,7 @@ void LanDhcpServer::on_event(const Event &event) {
 }
 
 void LanDhcpServer::release_pool(const std::string &pool) {
-    const std::string rules = join_path(pools_path, pool) + ".Rule";
+    const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
     for (const std::string &number : model_.instances(rules)) {
         const std::string leases = join_path(rules, number) + ".Lease";
         for (const std::string &id : model_.instances(leases))

@@ -28,8 +28,8 @@ bool is_of_lease(const Event &event) {
 }
 
 LeaseTable::LeaseTable(Model &model) : model_(model) {
-    for (const std::string &pool : model_.instances(pools_path)) {
-        const std::string rules = join_path(pools_path, pool) + ".Rule";
+    for (const std::string &pool : model_.instances(lan_pools_path)) {
+        const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
         for (const std::string &rule : model_.instances(rules))
             if (const Node *leases = model_.find(join_path(rules, rule) + ".Lease"))
                 for (const Node &lease : leases->children)
@@ -139,7 +139,7 @@ std::optional<std::pair<std::uint64_t, std::string>> LeaseTable::first_end() con
 }
 
 std::string LeaseTable::path_of(const Lease &lease) {
-    return std::string(pools_path) + "." + lease.place.pool + ".Rule." + lease.place.rule + ".Lease." + lease.id;
+    return std::string(lan_pools_path) + "." + lease.place.pool + ".Rule." + lease.place.rule + ".Lease." + lease.id;
 }
 
 } // namespace keel

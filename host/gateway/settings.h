@@ -13,6 +13,8 @@
 namespace keel {
 
 constexpr const char *service_path = "Keel.Zephyrin";
+/* All pools of the LAN DHCP server. */
+constexpr const char *lan_pools_path = "DHCPv4.Server.Pool";
 /* The pools of the LAN DHCP server whose leases the routed mode holds. */
 constexpr const char *iptv_pools[] = {"DHCPv4.Server.Pool.zep_itf", "DHCPv4.Server.Pool.zep_stb"};
 /* Whether the service is enabled in the mode Routed over the Dedicated interface. */

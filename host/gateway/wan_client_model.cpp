@@ -74,25 +74,44 @@ void WanClientModel::nak(const std::string &name, const std::string &server) {
     status(name, "Selecting");
 }
 
-void WanClientModel::bound(const std::string &name, const std::string &address, const std::string &mask,
-                           const std::map<int, std::string> &options) {
+bool WanClientModel::bound(const std::string &name, WanLease lease) {
     if (!exists(name))
-        return;
+        return true;
+    if (const auto fault = address_fault(model_, lease)) {
+        complain(name, *fault, "the lease is not used, another one is asked for");
+        failed(name, fault->text);
+        status(name, "Selecting");
+        return false;
+    }
+    for (const LeaseFault &fault : drop_faulty_options(lease))
+        complain(name, fault, "it is left out");
     const std::string received = interface_path(name) + ".ReqOption";
     for (const std::string &instance : model_.instances(received))
-        if (!options.contains(std::atoi(instance.c_str())))
+        if (!lease.options.contains(std::atoi(instance.c_str())))
             model_.remove(received + "." + instance);
-    for (const auto &[number, value] : options) {
+    for (const auto &[number, value] : lease.options) {
         const std::string key = std::to_string(number);
         if (model_.find(received + "." + key))
             report(model_.set(received + "." + key, {{"Value", value}}));
         else
             report(model_.add(received, key, {{"Value", value}}));
     }
-    report(model_.set(interface_path(name),
-                      {{"IPAddress", address}, {"SubnetMask", mask}, {"LastConnectionError", std::string("None")}}));
-    put_in_force(model_, name, address, mask);
+    report(model_.set(
+        interface_path(name),
+        {{"IPAddress", lease.address}, {"SubnetMask", lease.mask}, {"LastConnectionError", std::string("None")}}));
+    put_in_force(model_, name, lease.address, lease.mask);
     status(name, "Bound");
+    return true;
+}
+
+void WanClientModel::complain(const std::string &name, const LeaseFault &fault, const char *consequence) {
+    dropped(name);
+    std::erase_if(faults_, [&](const auto &client) { return !exists(client.first); });
+    const std::uint64_t count = ++faults_[name][fault.of];
+    if ((count & (count - 1)) == 0)
+        trace(Level::Warning, "wan",
+              "%s: the operator leased what cannot be: %s; %s (%llu times so far); its DHCP server must be mended",
+              name.c_str(), fault.text.c_str(), consequence, static_cast<unsigned long long>(count));
 }
 
 void WanClientModel::note(const std::string &name, const Values &values) {

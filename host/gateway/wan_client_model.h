@@ -11,6 +11,7 @@
 #include <string>
 
 #include "host/gateway/graph.h"
+#include "host/gateway/wan_lease.h"
 
 namespace keel {
 
@@ -30,9 +31,16 @@ public:
     /* "RemoteNack", told anew also when the last error was one, then "Selecting": it has no lease any more. The server
      * is dotted, "" when it did not tell. */
     void nak(const std::string &name, const std::string &server);
-    /* Address, mask and received options, then "Bound": whoever sees the state finds the values in place. */
-    void bound(const std::string &name, const std::string &address, const std::string &mask,
-               const std::map<int, std::string> &options);
+    /* Address, mask and received options, then "Bound": whoever sees the state finds the values in place. Options that
+     * are none of their kind are left out.
+     *
+     * False for a lease whose address the gateway cannot use: nothing of it is put in force, and the client is shown as
+     * "Selecting", for it has no lease that is any good. Whoever runs it must have it try again, and show it as
+     * "Selecting" until a lease is taken: a client that gets no further is given up after a time, which begins anew
+     * with every other state.
+     *
+     * Each fault is traced, one that comes again and again at its 1st, 2nd, 4th, 8th ... time. */
+    bool bound(const std::string &name, WanLease lease);
 
     /* What is seen of its exchange, kept for whoever looks; nothing where the data model has no "DHCPv4.Client". */
     void sent(const std::string &name);
@@ -45,11 +53,13 @@ public:
 
 private:
     bool exists(const std::string &name) const;
+    void complain(const std::string &name, const LeaseFault &fault, const char *consequence);
     void note(const std::string &name, const Values &values);
     void count(const std::string &name, const char *parameter, Values values);
 
     Loop &loop_;
     Model &model_;
+    std::map<std::string, std::map<std::string, std::uint64_t>> faults_; /* client -> what is at fault -> how often */
 };
 
 /* The interfaces that are to run a client: flag "dhcp", "Enable" true, and a network device below that is up. One that

@@ -94,8 +94,7 @@ UdhcpcReport UdhcpcReader::take_event(const std::vector<std::string> &fields) {
     UdhcpcReport report;
     const auto event = events.find(fields[0]);
     const std::map<int, std::string> options = std::exchange(options_, {});
-    if (event == events.end() || fields.size() != event_fields ||
-        (event->second == UdhcpcReport::Kind::Bound && (!parse_ipv4(fields[1]) || !parse_ipv4(fields[2])))) {
+    if (event == events.end() || fields.size() != event_fields) {
         report.dropped = true;
         return report;
     }
@@ -104,7 +103,8 @@ UdhcpcReport UdhcpcReader::take_event(const std::vector<std::string> &fields) {
         report.server = fields[7];
     if (report.kind != UdhcpcReport::Kind::Bound)
         return report;
-    report.lease = {fields[1], fields[2], options};
+    const auto address_text = [](const std::string &field) { return parse_ipv4(field) ? field : ""; };
+    report.lease = {address_text(fields[1]), address_text(fields[2]), options};
     const std::pair<int, std::optional<std::string>> named[] = {{42, addresses_to_hex(fields[3])},
                                                                 {121, routes_to_hex(fields[4])},
                                                                 {3, addresses_to_hex(fields[5])},

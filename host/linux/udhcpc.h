@@ -9,13 +9,9 @@
 #include <string>
 #include <vector>
 
-namespace keel {
+#include "host/gateway/wan_lease.h"
 
-struct WanLease {
-    std::string address;                /* dotted */
-    std::string mask;                   /* dotted */
-    std::map<int, std::string> options; /* hexadecimal texts */
-};
+namespace keel {
 
 struct UdhcpcReport {
     enum class Kind {
@@ -32,7 +28,8 @@ struct UdhcpcReport {
 };
 
 /* Gathers the lines of one client. What a DHCP server sent is checked here: addresses are dotted IPv4, options are
- * hexadecimal; what is not is left out, and a lease without a valid address and mask is no lease. */
+ * hexadecimal; what is not is left out. Whether it is of any use to have such a lease is another question
+ * (host/gateway/wan_lease.h). */
 class UdhcpcReader {
 public:
     UdhcpcReport take(const std::string &line);

@@ -153,7 +153,7 @@ void WanClients::seen(const std::string &device, const WanMessage &message) {
         show_.status(name, "Selecting");
         break;
     case WanMessage::Kind::Select:
-        show_.status(name, "Requesting");
+        show_.status(name, client->useless_lease ? "Selecting" : "Requesting");
         break;
     case WanMessage::Kind::Renew:
         show_.status(name, "Renewing");
@@ -183,9 +183,15 @@ void WanClients::take(const std::string &name, const std::string &line) {
 void WanClients::take(const std::string &name, Client &client, const UdhcpcReport &report) {
     switch (report.kind) {
     case UdhcpcReport::Kind::Bound:
-        client.tries = client.failures = 0;
+        client.failures = 0;
         loop_.cancel_timer(std::exchange(client.next, 0));
-        show_.bound(name, report.lease.address, report.lease.mask, report.lease.options);
+        client.useless_lease = !show_.bound(name, report.lease);
+        if (client.useless_lease) {
+            client.process.reset(); /* it would sit on that lease until the end of it */
+            try_later(name, client, 0);
+        } else {
+            client.tries = 0;
+        }
         break;
     case UdhcpcReport::Kind::Nak:
         show_.nak(name, report.server);
@@ -196,19 +202,23 @@ void WanClients::take(const std::string &name, Client &client, const UdhcpcRepor
             show_.status(name, "Selecting"); /* what it had is lost, and it goes on looking */
         has_started(name);
         break;
-    case UdhcpcReport::Kind::Leasefail: {
+    case UdhcpcReport::Kind::Leasefail:
         client.failures = 0;
         show_.failed(name, "no answer");
-        const std::uint64_t wait = wan_retry_ms(++client.tries) - spread_ms + random_() % (2 * spread_ms + 1);
-        const std::uint64_t left = wait - std::min(wait, std::uint64_t{udhcpc_answer_s} * 1000);
-        loop_.cancel_timer(client.next);
-        client.next = loop_.start_timer(left, [this, name] { try_again(name); });
-        show_.next_try_in(name, left);
+        try_later(name, client, std::uint64_t{udhcpc_answer_s} * 1000);
         break;
-    }
     default:
         break;
     }
+}
+
+/* The wait counts from the beginning of the try that was in vain. */
+void WanClients::try_later(const std::string &name, Client &client, std::uint64_t since_ms) {
+    const std::uint64_t wait = wan_retry_ms(++client.tries) - spread_ms + random_() % (2 * spread_ms + 1);
+    const std::uint64_t left = wait - std::min(wait, since_ms);
+    loop_.cancel_timer(client.next);
+    client.next = loop_.start_timer(left, [this, name] { try_again(name); });
+    show_.next_try_in(name, left);
 }
 
 void WanClients::try_again(const std::string &name) {

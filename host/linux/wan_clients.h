@@ -44,6 +44,7 @@ private:
         UdhcpcReader reader;
         Bytes client_id;                  /* what it sends as option 61 */
         std::optional<std::uint32_t> xid; /* of what it sent last */
+        bool useless_lease = false;       /* what it was leased last cannot be used */
         bool started = false;             /* the process has run its script */
         unsigned tries = 0;               /* to find a server, in vain */
         unsigned failures = 0;            /* of the program, one after the other */
@@ -60,6 +61,7 @@ private:
     void seen(const std::string &device, const WanMessage &message);
     void take(const std::string &name, const std::string &line);
     void take(const std::string &name, Client &client, const UdhcpcReport &report);
+    void try_later(const std::string &name, Client &client, std::uint64_t since_ms);
     void try_again(const std::string &name);
     void program_failed(const std::string &name, const std::string &what);
     void forget_unused_devices();

@@ -60,7 +60,7 @@ void SimOperator::refuse(const std::string &name) {
 }
 
 void SimOperator::request(const std::string &name) {
-    show_.status(name, "Requesting");
+    show_.status(name, clients_[name].useless_lease ? "Selecting" : "Requesting");
     show_.sent(name);
     if (std::exchange(refused_[name], false))
         refuse(name);
@@ -78,9 +78,14 @@ std::string SimOperator::address_for(const std::string &client_id) {
 void SimOperator::bind(const std::string &name) {
     const std::string client_id = model_.text(interface_path(name) + ".SentOption.61", "Value");
     show_.answered(name, server_id);
-    show_.bound(name, address_for(client_id), mask, options);
-    clients_[name].bound_at_ms = loop_.now_ms();
-    clients_[name].tries = 0;
+    Client &client = clients_[name];
+    client.useless_lease = !show_.bound(name, {address_for(client_id), mask, options});
+    if (client.useless_lease) {
+        select_later(name, wan_retry_ms(++client.tries));
+        return;
+    }
+    client.bound_at_ms = loop_.now_ms();
+    client.tries = 0;
     after(name, lease_s * 500, &SimOperator::try_renewal);
 }
 

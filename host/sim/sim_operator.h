@@ -39,7 +39,8 @@ private:
     struct Client {
         Loop::TimerId timer = 0;
         std::uint64_t bound_at_ms = 0;
-        unsigned tries = 0; /* to find a server, in vain */
+        unsigned tries = 0;         /* to find a server, or a lease that can be used, in vain */
+        bool useless_lease = false; /* what it was leased last cannot be used */
     };
 
     void after(const std::string &name, std::uint64_t milliseconds, void (SimOperator::*step)(const std::string &));
