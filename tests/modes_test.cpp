@@ -155,6 +155,36 @@ TEST_F(Modes, AfterEveryChangeTheNewModeIsInForceAlone) {
         }
 }
 
+TEST_F(Modes, TheLanServersTimesAreThoseOfTheModelFileAgain) {
+    const std::string pool = "DHCPv4.Server.Pool.zep_stb";
+    const auto time = [&](const char *name) { return model->integer(pool, name); };
+    power_on();
+    wan->online = false;
+    SimDevice &stb = device(1);
+    stb.start();
+    loop->advance(70 * second);
+    ASSERT_EQ(stb.last(DhcpType::Ack)->lease_time(), 300U) << "a stop-gap";
+    EXPECT_EQ(time("MaxLeaseTime"), 300);
+    change(modes[0]);
+    EXPECT_EQ(time("MinLeaseTime"), 120);
+    EXPECT_EQ(time("LeaseTime"), 86400);
+    EXPECT_EQ(time("MaxLeaseTime"), 86400);
+    set(pool, {{"LeaseTime", std::int64_t{7200}}});
+    loop->advance(150 * second);
+    EXPECT_EQ(stb.last(DhcpType::Ack)->lease_time(), 7200U);
+    set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}});
+    loop->advance(70 * second);
+    wan->online = true;
+    loop->advance(5 * minute);
+    EXPECT_EQ(identity(stb.id(), "DHCPCStatus"), "Connected");
+    EXPECT_EQ(time("MinLeaseTime"), 86400) << "the service's own";
+    /* A write of the plug-in's in the very turn in which the mode is left is no wish of a person's. */
+    model->set(pool, {{"LeaseTime", std::int64_t{300}}, {"MaxLeaseTime", std::int64_t{300}}, {"LeasesOnHold", true}});
+    change(modes[0]);
+    EXPECT_EQ(time("LeaseTime"), 7200) << "what a person has set stays";
+    EXPECT_EQ(time("MaxLeaseTime"), 86400);
+}
+
 TEST_F(Modes, ThereAndBackIsAsBefore) {
     bridged_gateway();
     for (int round = 0; round < 3; ++round)

@@ -7,6 +7,8 @@ namespace keel {
 namespace {
 
 constexpr const char *keel_path = "Keel";
+constexpr const char *lease_time_values[] = {"MinLeaseTime", "LeaseTime", "MaxLeaseTime"};
+const std::vector<std::string> pool_values = {"LeasesOnHold", "MinLeaseTime", "LeaseTime", "MaxLeaseTime"};
 constexpr std::uint32_t mode_left = 101;
 constexpr std::uint32_t settings_in_force = 102;
 
@@ -30,12 +32,14 @@ Settings::Settings(Model &model)
             service_[name] = *value;
     if (service_.size() != 4)
         throw ModelError("the data model has no complete object Keel.Zephyrin");
-    follow_holds();
+    for (const char *pool : iptv_pools)
+        usual_times_[pool] = lease_times(pool);
+    follow_pools();
     start_ = model_.latest_event();
     watch_ = model_.watch(keel_path, [this](const Event &event) { on_event(event); });
     for (const char *pool : iptv_pools)
-        pool_watches_.push_back(
-            model_.watch(pool, [this, pool](const Event &) { hold_was_written(pool); }, {{"LeasesOnHold"}, false}));
+        pool_watches_.push_back(model_.watch(pool, [this, pool](const Event &event) { pool_was_written(pool, event); },
+                                             {pool_values, false}));
 }
 
 Settings::~Settings() {
@@ -82,7 +86,7 @@ void Settings::service_changed(const Event &event) {
     const bool moved = changed("Mode") || changed("Interface");
     if (!changed("Enable") && !moved && !changed("WanMode"))
         return;
-    follow_holds();
+    follow_pools();
     if (was_enabled && (!enabled || moved))
         model_.notify(service_path, mode_left, {});
     if (enabled)
@@ -91,16 +95,41 @@ void Settings::service_changed(const Event &event) {
             {{"Mode", service_["Mode"]}, {"Interface", service_["Interface"]}, {"WanMode", service_["WanMode"]}});
 }
 
-void Settings::follow_holds() {
+void Settings::follow_pools() {
     for (const char *pool : iptv_pools)
-        if (model_.find(pool))
-            write(model_, pool, {{"LeasesOnHold", is_routed(model_)}});
+        if (!is_routed(model_))
+            leave_pool(pool);
+        else if (model_.find(pool))
+            write(model_, pool, {{"LeasesOnHold", true}});
 }
 
-/* What the plug-in does about a binding may come after the mode was left, and before it is told so. */
-void Settings::hold_was_written(const char *pool) {
-    if (!is_routed(model_) && model_.find(pool))
-        write(model_, pool, {{"LeasesOnHold", false}});
+void Settings::leave_pool(const char *pool) {
+    if (!model_.find(pool))
+        return;
+    Values values = usual_times_[pool];
+    values["LeasesOnHold"] = false;
+    write(model_, pool, values);
+}
+
+/* What the plug-in does about a binding may come after the mode was left, and before it is told so; it always writes
+ * the hold as well. Without it they are somebody's own lease times. */
+void Settings::pool_was_written(const char *pool, const Event &event) {
+    const bool was_routed = std::get<bool>(service_["Enable"]) && to_text(service_["Mode"]) == "Routed" &&
+                            to_text(service_["Interface"]) == "Dedicated";
+    if (was_routed || is_routed(model_) || event.path() != pool)
+        return;
+    if (event.values.contains("LeasesOnHold"))
+        leave_pool(pool);
+    else
+        usual_times_[pool] = lease_times(pool);
+}
+
+Values Settings::lease_times(const char *pool) const {
+    Values values;
+    for (const char *name : lease_time_values)
+        if (const auto value = model_.get(pool, name))
+            values[name] = *value;
+    return values;
 }
 
 } // namespace keel

@@ -5,7 +5,9 @@
 #define HOST_GATEWAY_SETTINGS_H
 
 #include <cstdint>
+#include <map>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "host/model/model.h"
@@ -24,7 +26,8 @@ bool is_routed(const Model &model);
  *
  * Keeps "IPTVMode" of "Keel" and "Interface" of "Keel.Zephyrin" one setting, tells the plug-in's sub-modules of changes
  * by notifications 101 (the mode is left) and 102 (the settings are in force), and has the IPTV pools of the LAN DHCP
- * server hold their leases in the routed mode, and in no other, whoever writes that they shall. */
+ * server hold their leases in the routed mode, and in no other, whoever writes that they shall. The lease times that
+ * the pools had before the routed mode set them are in force again when it is left. */
 class Settings {
 public:
     explicit Settings(Model &model);
@@ -44,8 +47,10 @@ private:
     void follow_name(Name &written, Name &other, const Event &event);
     void on_event(const Event &event);
     void service_changed(const Event &event);
-    void follow_holds();
-    void hold_was_written(const char *pool);
+    void follow_pools();
+    void leave_pool(const char *pool);
+    void pool_was_written(const char *pool, const Event &event);
+    Values lease_times(const char *pool) const;
 
     Model &model_;
     Model::WatchId watch_;
@@ -53,7 +58,8 @@ private:
     std::uint64_t start_ = 0; /* the latest event at construction */
     Name mode_;
     Name interface_;
-    Values service_; /* the settings as of the event being looked at */
+    Values service_;                            /* the settings as of the event being looked at */
+    std::map<std::string, Values> usual_times_; /* of each pool while the mode is another one */
 };
 
 } // namespace keel
