@@ -45,6 +45,10 @@ class Simplified(Run):
         devices = {f"-s {self.lab.address(device)}/32 -j ACCEPT": device.name for device in self.lab.devices}
         return [devices.get(rule, rule) for rule in self.lab.rules("filter", "FORWARD_ZEP_Services")]
 
+    def waited(self):
+        """How many STBs have waited for the script up to now."""
+        return self.lab.network.log("gateway.log").count("set rules in handler for")
+
     def main_rules(self):
         return self.lab.rules("filter", "FORWARD_ZEP"), self.lab.rules("nat", "POSTROUTING_ZEP")
 
@@ -57,12 +61,20 @@ class Simplified(Run):
     def prove_stbs(self):
         self.view.step("STBs come and go")
         lab, names = self.lab, [device.name for device in self.iptv_devices]
+        stbs = [device for device in self.iptv_devices if device.pool == "zep_stb"]
+        tags = [lab.keel.get(f"Hosts.Host.{lab.mac(device)}", "Tags") for device in stbs]
+        self.prove(tags == ["lan stb"] * len(stbs), "who got its lease from the STBs' pool is tagged as one", tags)
+        self.await_and_prove(sorted(stb.name for stb in stbs), lambda: sorted(self.admitted()), "and gets a rule")
+        for stb in stbs:
+            lab.keel.set(f"Hosts.Host.{lab.mac(stb)}", Tags="lan")
+        self.await_and_prove([], self.admitted, "a tag that is taken away by hand takes the rule along")
         lab.keel.set("Keel.Zephyrin", Enable="false")
         lab.tag_stb(*self.iptv_devices)
         self.prove(self.admitted() == [], "no STB is let out while the service is off", self.admitted())
+        before = self.waited()
         lab.keel.set("Keel.Zephyrin", Enable="true")
         self.await_and_prove(sorted(names), lambda: sorted(self.admitted()), "three STBs at once get a rule each")
-        waited = lab.network.log("gateway.log").count("set rules in handler for")
+        waited = self.waited() - before
         self.prove(waited == len(names) - 1, "one after another: two waited until the script was free", waited)
         lab.set_link(self.stb.port, "down")
         self.await_and_prove(sorted(names[1:]), lambda: sorted(self.admitted()),

@@ -245,4 +245,53 @@ TEST_F(KernelTest, ANewDeviceIsAdmittedHoweverManyThereWere) {
     EXPECT_TRUE(soon([&] { return model.boolean(host("04:01"), "Active"); })) << "it is there all the same";
 }
 
+/* A device of which the kernel knows no address yet, since it has only asked for one. */
+TEST_F(KernelTest, WhatTheLanServerKnowsOfADeviceIsInHosts) {
+    bridge();
+    KernelTables tables(loop);
+    std::optional<Presence> presence;
+    presence.emplace(loop, *graph, tables);
+    shell("ip link set eth1.20 master br-lan");
+    const std::string host = "Hosts.Host.02:00:00:00:00:07";
+    const std::string leases = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease";
+    std::vector<std::string> matches; /* what whoever looks for active STBs would have seen */
+    model.watch(host, [&](const Event &event) {
+        if (event.kind != Event::Kind::Deleted && model.boolean(host, "Active") &&
+            has_word(model.text(host, "Tags"), "stb"))
+            matches.push_back(model.text(host, "IPAddress"));
+    });
+    EXPECT_EQ(shell("bridge fdb add 02:00:00:00:00:07 dev eth1.20 master dynamic"), "");
+    ASSERT_TRUE(soon([&] { return model.boolean(host, "Active"); }));
+    const Values lease = {{"ClientID", "01020000000007"s}, {"MACAddress", "02:00:00:00:00:07"s},
+                          {"IPAddress", "192.168.1.20"s},  {"HostName", "bedroom"s},
+                          {"VendorClass", "zep-stb-4k"s},  {"OnHold", true}};
+    EXPECT_FALSE(model.add(leases, "01020000000007", lease));
+    loop.settle(20);
+    EXPECT_EQ(model.text(host, "Tags"), "lan") << "it has no lease yet";
+    model.set(leases + ".01020000000007", {{"OnHold", false}});
+    ASSERT_TRUE(soon([&] { return model.text(host, "Tags") == "lan stb"; }));
+    EXPECT_EQ(model.text(host, "IPAddress"), "192.168.1.20");
+    EXPECT_EQ(model.text(host, "HostName"), "bedroom");
+    EXPECT_EQ(model.text(host, "VendorClass"), "zep-stb-4k");
+
+    presence.reset(); /* the host starts again, with its leases */
+    model.remove(host);
+    presence.emplace(loop, *graph, tables);
+    ASSERT_TRUE(soon([&] { return model.text(host, "Tags") == "lan stb"; }));
+    ASSERT_FALSE(matches.empty());
+    for (const std::string &address : matches)
+        EXPECT_EQ(address, "192.168.1.20");
+
+    /* It comes as a PC now. */
+    model.remove(leases + ".01020000000007");
+    EXPECT_FALSE(model.add("DHCPv4.Server.Pool.lan.Rule.1.Lease", "01020000000007",
+                           {{"MACAddress", "02:00:00:00:00:07"s}, {"IPAddress", "192.168.1.100"s}}));
+    ASSERT_TRUE(soon([&] { return model.text(host, "Tags") == "lan"; }));
+    EXPECT_EQ(model.text(host, "IPAddress"), "192.168.1.100");
+    model.set(host, {{"Tags", "lan stb"s}});
+    model.set("DHCPv4.Server.Pool.lan.Rule.1.Lease.01020000000007", {{"HostName", "attic"s}});
+    ASSERT_TRUE(soon([&] { return model.text(host, "HostName") == "attic"; }));
+    EXPECT_EQ(model.text(host, "Tags"), "lan stb") << "somebody has said so";
+}
+
 } // namespace keel

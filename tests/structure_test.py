@@ -20,7 +20,7 @@ ROOMS = {
     "host/gateway": ["host/base", "host/model"],
     "host/platform": ["platform", "host/base", "host/model", "host/gateway"],
     "host/control": ["host/base", "host/model"],
-    "host/dhcp": ["host/base", "host/model"],
+    "host/dhcp": ["host/base", "host/model", "host/gateway"],
     "host/linux": ["host/base", "host/model", "host/gateway", "host/dhcp"],
     "host/sim": ["host/base", "host/model", "host/gateway", "host/dhcp"],
     "keelctl": ["host/base"],

@@ -22,11 +22,6 @@ template <typename Map, typename Key, typename Lease> void take_out(Map &map, co
 
 } // namespace
 
-bool is_of_lease(const Event &event) {
-    return event.steps.size() == 8 && event.steps[6] == "Lease" && event.steps[4] == "Rule" &&
-           event.steps[2] == "Pool" && event.steps[1] == "Server" && event.steps[0] == "DHCPv4";
-}
-
 LeaseTable::LeaseTable(Model &model) : model_(model) {
     for (const std::string &pool : model_.instances(lan_pools_path)) {
         const std::string rules = join_path(lan_pools_path, pool) + ".Rule";

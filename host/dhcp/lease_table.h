@@ -14,7 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/dhcp/lan_pools.h"
+#include "host/gateway/lease_facts.h"
+#include "host/gateway/settings.h"
 #include "host/model/model.h"
 
 namespace keel {
@@ -76,9 +77,6 @@ private:
     std::map<std::uint64_t, std::uint32_t> unused_;
     std::uint64_t last_freed_ = 0;
 };
-
-/* Whether an event is one of a lease instance. */
-bool is_of_lease(const Event &event);
 
 } // namespace keel
 

@@ -1,6 +1,7 @@
 #include "host/linux/presence.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "host/gateway/graph.h"
 
@@ -10,6 +11,7 @@ namespace {
 
 constexpr std::uint64_t ask_every_ms = 30000;
 constexpr const char *hosts_path = "Hosts.Host";
+constexpr const char *stb_tag = "stb";
 
 std::string host_path(const std::string &mac) {
     return std::string(hosts_path) + "." + mac;
@@ -18,7 +20,8 @@ std::string host_path(const std::string &mac) {
 } // namespace
 
 Presence::Presence(Loop &loop, InterfaceGraph &graph, KernelTables &tables)
-    : loop_(loop), graph_(graph), model_(graph.model()), tables_(tables) {
+    : loop_(loop), graph_(graph), model_(graph.model()), tables_(tables),
+      leases_(model_, [this](const std::string &mac) { on_lease(mac); }) {
     interface_watch_ =
         model_.watch(interfaces_path, [this](const Event &event) { on_interface(event); }, {{"Flags"}, false});
     host_watch_ = model_.watch(hosts_path, [this](const Event &event) { on_host(event); });
@@ -89,14 +92,21 @@ void Presence::on_host(const Event &event) {
         update(mac);
         admit_waiting();
     } else if (event.kind == Event::Kind::Changed) {
-        static const std::set<std::string> ours = {"Active", "IPAddress", "Port"};
+        static const std::set<std::string> ours = {"Active", "IPAddress", "Port", "HostName", "VendorClass"};
         const bool others = std::any_of(event.values.begin(), event.values.end(),
                                         [](const auto &value) { return !ours.contains(value.first); });
+        if (const auto device = devices_.find(mac); device != devices_.end() && event.values.contains("Tags"))
+            device->second.by_hand = true;
         if (others) {
             release(mac); /* somebody cares for it */
             admit_waiting();
         }
     }
+}
+
+void Presence::on_lease(const std::string &mac) {
+    if (model_.find(host_path(mac)))
+        update(mac);
 }
 
 /* --------------------------------------------------------------------------------------------------- devices */
@@ -120,16 +130,43 @@ void Presence::update(const std::string &mac, const std::string &reached) {
     }
     if (!sight.address.empty())
         values["IPAddress"] = sight.address;
-    if (known) {
-        model_.set(path, values);
-    } else {
+    if (!known) {
         values["MACAddress"] = mac;
         if (model_.add(hosts_path, mac, values))
             return;
         device.mine = true;
         ++mine_;
     }
+    values.merge(lease_values(mac, device, sight.address));
+    const std::uint64_t before = model_.latest_event();
+    model_.set(path, values);
+    if (model_.latest_event() != before)
+        own_events_.insert(model_.latest_event());
     keep_absent(mac, device, device.mine && !sight.active);
+}
+
+/* What its lease says of a device. */
+Values Presence::lease_values(const std::string &mac, Device &device, const std::string &address) const {
+    Values values;
+    const auto lease = leases_.of(mac);
+    if (!lease)
+        return values;
+    if (address.empty() && !lease->address.empty())
+        values["IPAddress"] = lease->address;
+    if (!lease->host_name.empty())
+        values["HostName"] = lease->host_name;
+    if (!lease->vendor_class.empty())
+        values["VendorClass"] = lease->vendor_class;
+    if (device.by_hand)
+        return values;
+    const std::string tags = model_.text(host_path(mac), "Tags");
+    if (lease->stb && !has_word(tags, stb_tag)) {
+        values["Tags"] = with_word(tags, stb_tag);
+        device.tagged = true;
+    } else if (!lease->stb && std::exchange(device.tagged, false)) {
+        values["Tags"] = without_word(tags, stb_tag);
+    }
+    return values;
 }
 
 /* What the kernel knows of a device. With several addresses the one at which it was reached last counts, for as long

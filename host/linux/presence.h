@@ -12,6 +12,7 @@
 
 #include "host/base/loop.h"
 #include "host/gateway/graph.h"
+#include "host/gateway/lease_facts.h"
 #include "host/linux/kernel_tables.h"
 #include "host/model/model.h"
 
@@ -20,7 +21,8 @@ namespace keel {
 /* Keeps a "Hosts.Host" instance, named by the MAC address, for every device seen on the LAN bridge (the interface with
  * the flag "bridge"). "Active" while the bridge knows the device behind a port with carrier, or the neighbour table
  * holds it as not gone. Devices are asked now and then, so that one that vanished behind a switch is noticed within
- * minutes.
+ * minutes. Address, host name and class are those that the LAN DHCP server knows, the address while the kernel knows
+ * none that is valid; a device of the STBs' pool has the tag "stb", from the same write on that tells its address.
  *
  * Of instances that it added itself and nobody else has written to there are at most max_hosts, so that who makes up
  * MAC addresses does not fill the memory: the one that is absent longest goes for a new one. While all are there, a new
@@ -39,6 +41,8 @@ private:
     struct Device {
         int port = 0;             /* the port it was last seen behind; 0 while it was behind none */
         bool mine = false;        /* its instance is ours alone */
+        bool tagged = false;      /* the tag "stb" is ours */
+        bool by_hand = false;     /* somebody else has set its tags: they stay so */
         std::uint64_t absent = 0; /* its place in absent_; 0 for none */
     };
     struct Sight {
@@ -51,8 +55,10 @@ private:
     void on_changes(const KernelChanges &changes);
     void on_interface(const Event &event);
     void on_host(const Event &event);
+    void on_lease(const std::string &mac);
     void update(const std::string &mac, const std::string &reached = "");
     Sight see(const std::string &mac, const std::string &reached);
+    Values lease_values(const std::string &mac, Device &device, const std::string &address) const;
     bool make_room();
     void admit_waiting();
     void keep_absent(const std::string &mac, Device &device, bool absent);
@@ -66,6 +72,7 @@ private:
     InterfaceGraph &graph_;
     Model &model_;
     KernelTables &tables_;
+    LeaseFacts leases_;
     Model::WatchId interface_watch_;
     Model::WatchId host_watch_;
     KernelTables::SubscriptionId subscription_;
