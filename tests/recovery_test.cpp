@@ -119,6 +119,13 @@ TEST_F(RecoveryTest, TheLanIsServedAgainOnceTheBridgeIsBack) {
     ASSERT_TRUE(peer);
     EXPECT_EQ(port.port_of(*peer), "eth1.20");
     EXPECT_EQ(port.port_of({2, 1, 1, 1, 1, 1}), "");
+    EXPECT_EQ(count(shell("ss -uln sport = :67"), "%br-lan:67"), 1U) << "or the kernel would refuse renewals";
+    int other = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_port = htons(67);
+    EXPECT_NE(bind(other, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    close(other);
     for (int round = 0; round < 2; ++round) {
         TraceLog::instance().clear();
         shell("ip link set br-lan down");

@@ -28,7 +28,7 @@ bool a_host_can_have(std::uint32_t address) {
 /* The pool whose network an address is of, "" for none. */
 std::string lan_pool_of(const Model &model, std::uint32_t address) {
     for (const std::string &name : model.instances(lan_pools_path)) {
-        const std::string pool = join_path(lan_pools_path, name);
+        std::string pool = join_path(lan_pools_path, name);
         const std::uint32_t gateway = ipv4_or_none(model.text(pool, "Router"));
         const std::uint32_t mask = ipv4_or_none(model.text(pool, "SubnetMask"));
         if (gateway != 0 && (address == gateway || (mask != 0 && (address & mask) == (gateway & mask))))

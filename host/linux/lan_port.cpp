@@ -3,8 +3,6 @@
 #include <linux/if_ether.h>
 #include <net/if_arp.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -63,14 +61,21 @@ PacketLanPort::PacketLanPort(UvLoop &loop, KernelTables &tables, std::string int
               if (const auto owner = parse_arp_answer(data, size))
                   on_owner(owner->address, owner->hardware);
           },
-          [](int) { /* it is lost and found together with the other, which tells */ }) {}
+          [](int) { /* it is lost and found together with the other, which tells */ }) {
+    if (socket_.is_open())
+        take_port();
+}
 
-void PacketLanPort::state_changed(int error) const {
+void PacketLanPort::state_changed(int error) {
     if (error)
         trace(Level::Error, "lan", "cannot serve DHCP on %s: %s; it is tried again", interface_.c_str(),
               std::strerror(error));
     else
         trace(Level::Info, "lan", "DHCP is served on %s again", interface_.c_str());
+    if (error)
+        port_.close();
+    else
+        take_port(); /* it may be another device of that name */
 }
 
 void PacketLanPort::send(const Bytes &message, const DhcpDestination &destination) {
@@ -89,21 +94,19 @@ void PacketLanPort::send(const Bytes &message, const DhcpDestination &destinatio
 
 /* A relay has an address, so the kernel finds the way. */
 void PacketLanPort::send_to_relay(const Bytes &message, const DhcpDestination &destination) const {
-    const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    sockaddr_in from{};
-    from.sin_family = AF_INET;
-    from.sin_port = htons(server_port);
-    from.sin_addr.s_addr = htonl(destination.source);
-    sockaddr_in to = from;
-    to.sin_addr.s_addr = htonl(destination.address);
-    if (sender < 0 || setsockopt(sender, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
-        bind(sender, reinterpret_cast<sockaddr *>(&from), sizeof from) < 0 ||
-        sendto(sender, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
+    if (const int error = port_.send(message, destination.source, destination.address))
         trace(Level::Warning, "lan", "%s: a DHCP reply to the relay %s could not be sent: %s", interface_.c_str(),
-              format_ipv4(destination.address).c_str(), std::strerror(errno));
-    if (sender >= 0)
-        close(sender);
+              format_ipv4(destination.address).c_str(), std::strerror(error));
+}
+
+/* Of a device that is not there the packet socket tells. */
+void PacketLanPort::take_port() {
+    const int error = port_.open(interface_, server_port);
+    if (error && error != ENODEV)
+        trace(Level::Warning, "lan",
+              "%s: UDP port %u cannot be had: %s; with another DHCP server on this machine devices get two answers "
+              "(ss -ulpn tells who has it)",
+              interface_.c_str(), server_port, std::strerror(error));
 }
 
 void PacketLanPort::probe(std::uint32_t address) {

@@ -11,6 +11,7 @@
 #include "host/dhcp/lan_server.h"
 #include "host/linux/kernel_tables.h"
 #include "host/linux/packet_socket.h"
+#include "host/linux/udp_port.h"
 
 namespace keel {
 
@@ -33,13 +34,15 @@ public:
     std::string port_of(const HardwareAddress &device) override;
 
 private:
-    void state_changed(int error) const;
+    void state_changed(int error);
+    void take_port();
     std::string learned_behind(const HardwareAddress &device) const;
     void send_to_relay(const Bytes &message, const DhcpDestination &destination) const;
 
     std::string interface_;
     Receiver receiver_;
     KernelTables &tables_;
+    UdpPort port_; /* so that the kernel refuses nobody what the packet socket takes */
     PacketSocket socket_;
     PacketSocket arp_;
 };
