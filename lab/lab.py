@@ -125,7 +125,7 @@ class Lab:
     def start_operator(self, lease_seconds=3600):
         # The operator knows the identifiers of its customers' clients: they are counted from the gateway's WAN MAC address.
         # A server that does not know them may offer one address to all that ask in the same moment from one MAC address.
-        base = int(self._link_address("gateway", IPTV).replace(":", ""), 16)
+        base = int(self.link_address("gateway", IPTV).replace(":", ""), 16)
         identifiers = [f"01{base + number:012x}" for number in range(CLIENTS)]
         known = [f"--dhcp-host=id:{bytes.fromhex(text).hex(':')},10.20.0.{51 + number}"
                  for number, text in enumerate(identifiers)]
@@ -192,9 +192,9 @@ class Lab:
 
     def mac(self, device):
         """The device's MAC address, upper case."""
-        return self._link_address(device.name, "eth0").upper()
+        return self.link_address(device.name, "eth0").upper()
 
-    def _link_address(self, namespace, interface):
+    def link_address(self, namespace, interface):
         words = self.network.run(namespace, "ip", "-o", "link", "show", "dev", interface).split()
         return words[words.index("link/ether") + 1]
 
