@@ -228,6 +228,7 @@ bool LanDhcpServer::may_be_reported(const Request &request) {
     if (port.empty()) {
         wait_without_lease(request, "its MAC address was not seen behind a port of the LAN", port);
         count("not seen behind a port");
+        reports_.refuse_unseen(format_mac(message.hardware.data()));
     } else if (!reports_.takes(port, request.id)) {
         wait_without_lease(request, "too many new devices came behind its port", port);
         count("too many new devices behind a port");

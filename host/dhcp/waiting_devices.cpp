@@ -100,9 +100,17 @@ void WaitingDevices::forget_silent() {
         forgetting_ = loop_.start_timer(silent_ms, [this] { forget_silent(); });
 }
 
+bool ReportLimit::is_past(std::uint64_t time_ms) const {
+    return time_ms + minute_ms <= loop_.now_ms();
+}
+
+bool ReportLimit::begins(std::optional<std::uint64_t> &refused_ms) const {
+    const bool first = !refused_ms || is_past(*refused_ms);
+    refused_ms = loop_.now_ms();
+    return first;
+}
+
 bool ReportLimit::takes(const std::string &port, const std::string &id) {
-    const std::uint64_t now = loop_.now_ms();
-    const auto is_past = [now](std::uint64_t time_ms) { return time_ms + minute_ms <= now; };
     for (auto &[name, at] : ports_)
         std::erase_if(at.reported_ms, [&](const auto &one) { return is_past(one.second); });
     std::erase_if(ports_, [&](const auto &one) {
@@ -111,15 +119,21 @@ bool ReportLimit::takes(const std::string &port, const std::string &id) {
     });
     Port &at = ports_[port];
     if (at.reported_ms.contains(id) || at.reported_ms.size() < reports_a_minute) {
-        at.reported_ms[id] = now;
+        at.reported_ms[id] = loop_.now_ms();
         return true;
     }
-    if (!at.refused_ms || is_past(*at.refused_ms))
+    if (begins(at.refused_ms))
         trace(Level::Warning, "lan",
               "more than %zu new devices in a minute behind %s: the others wait; look what is plugged in there",
               reports_a_minute, port.c_str());
-    at.refused_ms = now;
     return false;
+}
+
+void ReportLimit::refuse_unseen(const std::string &mac) {
+    if (begins(unseen_ms_))
+        trace(Level::Warning, "lan",
+              "%s asks for a lease, but was not seen behind a port of the LAN: it waits, and so do others like it",
+              mac.c_str());
 }
 
 } // namespace keel

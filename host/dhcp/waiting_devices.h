@@ -63,6 +63,8 @@ public:
     /* Whether the device may be reported now; counts it if so, the same one once. The first refusal of a flood is
      * traced. */
     bool takes(const std::string &port, const std::string &id);
+    /* A device that is behind no port asks. The first one of a flood is traced. */
+    void refuse_unseen(const std::string &mac);
 
 private:
     struct Port {
@@ -70,8 +72,13 @@ private:
         std::optional<std::uint64_t> refused_ms;          /* the latest */
     };
 
+    bool is_past(std::uint64_t time_ms) const;
+    /* Notes a refusal; whether it is the first one of a flood. */
+    bool begins(std::optional<std::uint64_t> &refused_ms) const;
+
     Loop &loop_;
     std::map<std::string, Port> ports_;
+    std::optional<std::uint64_t> unseen_ms_;
 };
 
 } // namespace keel
