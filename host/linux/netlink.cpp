@@ -59,6 +59,7 @@ public:
     int number(int attribute, int fallback = 0) const {
         return bytes(attribute, 4) ? static_cast<int>(nla_get_u32(all_[attribute])) : fallback;
     }
+    int short_number(int attribute) const { return bytes(attribute, 2) ? nla_get_u16(all_[attribute]) : 0; }
     std::string dotted(int attribute) const {
         const std::uint8_t *address = bytes(attribute, 4);
         return address ? format_ipv4(network_number(address)) : "";
@@ -138,9 +139,8 @@ std::optional<KernelMessage> read_neighbour(const nlmsghdr *header) {
         const int bridge = attributes.number(NDA_MASTER);
         if (mac.empty() || bridge == 0)
             return std::nullopt;
-        const std::uint8_t *vlan = attributes.bytes(NDA_VLAN, 2);
         return KernelMessage{deleted || fixed->ndm_state & NUD_PERMANENT, false, false, /* permanent: its own address */
-                             KernelForwarding{bridge, fixed->ndm_ifindex, mac, vlan ? vlan[0] | vlan[1] << 8 : 0}};
+                             KernelForwarding{bridge, fixed->ndm_ifindex, mac, attributes.short_number(NDA_VLAN)}};
     }
     if (fixed->ndm_family != AF_INET || fixed->ndm_flags & NTF_PROXY || !attributes.bytes(NDA_DST, 4))
         return std::nullopt;
