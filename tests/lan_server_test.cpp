@@ -187,6 +187,41 @@ TEST_F(LanServerTest, ANewDeviceGetsTheAddressThatWasUnusedLongest) {
     EXPECT_EQ(last.address(), first) << "all have been used since";
 }
 
+TEST_F(LanServerTest, AHeldLeaseThatEndsUsesUpNoAddress) {
+    stb.start();
+    loop.advance(probe_ms);
+    stb.leave();
+    loop.advance(10);
+    hold(true);
+    SimDevice refused(loop, lan, 2, "zep-stb");
+    for (int round = 0; round < 30; ++round) { /* it asks for a while, and pauses for long */
+        refused.start();
+        loop.advance(10000);
+        EXPECT_EQ(model.text(lease(refused), "IPAddress"), "192.168.1.21") << round;
+        refused.stop();
+        loop.advance(300000);
+        EXPECT_FALSE(model.find(lease(refused)));
+    }
+}
+
+TEST_F(LanServerTest, LeasesFromBeforeTheHoldsAreHeldAndStayTheirDevices) {
+    stb.start();
+    loop.advance(probe_ms);
+    const std::string address = stb.address();
+    hold(true);
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "whoever watches the pool decides";
+    loop.advance(std::uint64_t{43200} * 1000 + 5000); /* its renewal is not answered */
+    EXPECT_EQ(waits_because(stb), "on hold since it was reported");
+    stb.stop();
+    loop.advance(std::uint64_t{3600} * 1000);
+    EXPECT_EQ(model.text(lease(stb), "IPAddress"), address) << "the device has it until its end";
+    restart();
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold"));
+    set(lease(stb), {{"OnHold", false}});
+    restart();
+    EXPECT_FALSE(model.boolean(lease(stb), "OnHold")) << "it was decided on";
+}
+
 TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
     loop.set_wall_clock(3600); /* no clock of its own: it is 1970 */
     stb.start();

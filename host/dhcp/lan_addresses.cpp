@@ -18,6 +18,14 @@ std::uint32_t LanAddresses::choose(const LanRule &rule, std::initializer_list<st
             return address;
     if (rule.low == 0)
         return 0;
+    const auto fits = [&](std::uint32_t address) {
+        return address >= rule.low && address <= rule.high && is_free(address);
+    };
+    const auto &unused = leases_.unused();
+    const auto used_before = unused.lower_bound({1, 0});
+    for (auto at = unused.begin(); at != used_before; ++at)
+        if (fits(at->second))
+            return at->second;
     std::uint32_t &first = never_used_.try_emplace({rule.low, rule.high}, rule.low).first->second;
     for (std::uint32_t address = first; address >= rule.low && address <= rule.high; ++address) {
         const bool used = leases_.is_leased(address) || leases_.freed(address) != 0;
@@ -26,9 +34,9 @@ std::uint32_t LanAddresses::choose(const LanRule &rule, std::initializer_list<st
         else if (!used && is_free(address))
             return address;
     }
-    for (const auto &[freed, address] : leases_.unused())
-        if (address >= rule.low && address <= rule.high && is_free(address))
-            return address;
+    for (auto at = used_before; at != unused.end(); ++at)
+        if (fits(at->second))
+            return at->second;
     return 0;
 }
 

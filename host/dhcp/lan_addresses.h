@@ -37,7 +37,7 @@ private:
     Loop &loop_;
     LanPools &pools_;
     const LeaseTable &leases_;
-    std::map<Range, std::uint32_t> never_used_;          /* none below it was never used */
+    std::map<Range, std::uint32_t> never_used_;          /* none below it that was not, or is listed as unused */
     std::map<std::uint32_t, std::uint64_t> aside_until_; /* address -> ms */
 };
 

@@ -72,7 +72,7 @@ std::string lease_path(const LanRule &rule, const std::string &id) {
 
 LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port)
     : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), addresses_(loop, pools_, leases_),
-      ends_(loop, model, leases_), waiting_(loop, model), reports_(loop) {
+      ends_(loop, model, leases_), waiting_(loop, model), reports_(loop), start_(model.latest_event()) {
     watch_ = model_.watch(lan_pools_path, [this](const Event &event) { on_event(event); });
 }
 
@@ -344,23 +344,29 @@ void LanDhcpServer::park(const Request &request) {
     const std::uint64_t now = loop_.now_ms();
     if (device.reported_ms == 0)
         device.reported_ms = now;
-    if (!model_.boolean(request.lease, "OnHold")) {
-        ends_.lasts(request.lease, offer_valid_s);
+    outlast_offer(request.lease);
+    if (!model_.boolean(request.lease, "OnHold"))
         return;
-    }
     const bool long_held = now - device.reported_ms >= report_again_ms;
     if (long_held) { /* whoever refused it may think otherwise by now */
         const std::uint32_t address = ipv4_or_none(model_.text(request.lease, "IPAddress"));
+        const std::uint64_t end = leases_.end_of(request.lease).value_or(now);
         device.reported_ms = now;
         model_.remove(request.lease);
         if (!report_lease(request, address))
             return;
+        ends_.lasts(request.lease, (end - now) / 1000);
     }
     if (long_held || !device.told)
         waiting_.because(
             request.id, long_held ? "still on hold two minutes after it was reported" : "on hold since it was reported",
             port_.port_of(request.message.hardware));
-    ends_.lasts(request.lease, offer_valid_s);
+}
+
+/* A lease lasts at least as long as its device may take to ask again; one that the device has lasts longer. */
+void LanDhcpServer::outlast_offer(const std::string &lease) {
+    if (leases_.end_of(lease).value_or(0) < loop_.now_ms() + offer_valid_s * 1000)
+        ends_.lasts(lease, offer_valid_s);
 }
 
 /* As things stand now; the lease stays where it is, whatever the rules say of the device by now. */
@@ -389,10 +395,12 @@ void LanDhcpServer::answer_lease(const Request &request, DhcpType type) {
     reply.options[option_lease_time] = network_bytes(time);
     reply.options[option_renewal] = network_bytes(time / 2);
     reply.options[option_rebinding] = network_bytes(time / 8 * 7);
-    if (type == DhcpType::Ack)
+    if (type == DhcpType::Ack) {
+        leases_.set_acknowledged(request.lease);
         ends_.lasts(request.lease, time);
-    else if (leases_.end_of(request.lease).value_or(0) < loop_.now_ms() + offer_valid_s * 1000)
-        ends_.lasts(request.lease, offer_valid_s);
+    } else {
+        outlast_offer(request.lease);
+    }
     answer(request.message, *request.rule.pool, std::move(reply));
 }
 
@@ -433,17 +441,19 @@ void LanDhcpServer::on_event(const Event &event) {
         if (waits && !device->probe && event.values.contains("OnHold") && !model_.boolean(path, "OnHold", true))
             answer_waiting(event.steps.back());
     } else if (event.steps.size() == 4 && event.kind == Event::Kind::Changed && event.values.contains("LeasesOnHold") &&
-               !model_.boolean(path, "LeasesOnHold")) {
-        release_pool(event.steps[3]);
+               event.number > start_) {
+        hold_pool(event.steps[3], model_.boolean(path, "LeasesOnHold"));
     }
 }
 
-void LanDhcpServer::release_pool(const std::string &pool) {
+/* Leases from before the holds are held, too, so that whoever watches the pool decides on each of them; the devices
+ * have them all the same. At the start they stay as they were: they have been decided on. */
+void LanDhcpServer::hold_pool(const std::string &pool, bool on) {
     const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
     for (const std::string &number : model_.instances(rules)) {
         const std::string leases = join_path(rules, number) + ".Lease";
         for (const std::string &id : model_.instances(leases))
-            model_.set(join_path(leases, id), {{"OnHold", false}});
+            model_.set(join_path(leases, id), {{"OnHold", on}});
     }
 }
 

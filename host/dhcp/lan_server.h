@@ -92,12 +92,13 @@ private:
     void probed(const std::string &id);
     void park_or_answer(const Request &request, DhcpType type);
     void park(const Request &request);
+    void outlast_offer(const std::string &lease);
     void answer_waiting(const std::string &id);
     void answer_lease(const Request &request, DhcpType type);
     void answer(const DhcpMessage &message, const LanPool &pool, DhcpReply reply);
 
     void on_event(const Event &event);
-    void release_pool(const std::string &pool);
+    void hold_pool(const std::string &pool, bool on);
     void count(const std::string &reason) { ++dropped_[reason]; }
     void drop(const std::string &reason);
 
@@ -110,6 +111,7 @@ private:
     LeaseEnds ends_;
     WaitingDevices waiting_;
     ReportLimit reports_;
+    std::uint64_t start_; /* the latest event at construction */
     Model::WatchId watch_;
     std::map<std::string, std::uint64_t> dropped_;
 };

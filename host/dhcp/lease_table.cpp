@@ -27,8 +27,10 @@ LeaseTable::LeaseTable(Model &model) : model_(model) {
         const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
         for (const std::string &rule : model_.instances(rules))
             if (const Node *leases = model_.find(join_path(rules, rule) + ".Lease"))
-                for (const Node &lease : leases->children)
+                for (const Node &lease : leases->children) {
                     add(lease.steps(), lease.values());
+                    leases_.at(lease.path()).acknowledged = !model_.boolean(lease.path(), "OnHold");
+                }
     }
     model_.observe(this, [this](const Event &event) { observe(event); });
 }
@@ -56,6 +58,7 @@ void LeaseTable::add(const std::vector<std::string> &steps, const Values &values
     Lease &lease = leases_[path];
     lease.place = {steps[3], steps[5]};
     lease.id = steps[7];
+    lease.number = ++last_number_;
     by_id_.emplace(lease.id, &lease);
     set_address(lease, address_in(values));
 }
@@ -66,20 +69,21 @@ void LeaseTable::remove(const std::string &path) {
     set_address(lease, 0);
     take_out(by_id_, lease.id, &lease);
     if (lease.end_ms)
-        by_end_.erase({*lease.end_ms, &lease});
+        by_end_.erase({*lease.end_ms, lease.number});
     leases_.erase(found);
 }
 
 void LeaseTable::set_address(Lease &lease, std::uint32_t address) {
     take_out(by_address_, lease.address, &lease);
     if (lease.address != 0 && !is_leased(lease.address)) {
-        freed_[lease.address] = ++last_freed_;
-        unused_[last_freed_] = lease.address;
+        if (lease.acknowledged)
+            freed_[lease.address] = ++last_freed_;
+        unused_.emplace(freed(lease.address), lease.address);
     }
     lease.address = address;
     if (address == 0)
         return;
-    unused_.erase(freed(address));
+    unused_.erase({freed(address), address});
     by_address_.emplace(address, &lease);
 }
 
@@ -116,9 +120,9 @@ std::vector<std::string> LeaseTable::all() const {
 void LeaseTable::set_end(const std::string &path, std::uint64_t end_ms) {
     Lease &lease = leases_.at(path);
     if (lease.end_ms)
-        by_end_.erase({*lease.end_ms, &lease});
+        by_end_.erase({*lease.end_ms, lease.number});
     lease.end_ms = end_ms;
-    by_end_.emplace(end_ms, &lease);
+    by_end_[{end_ms, lease.number}] = &lease;
 }
 
 std::optional<std::uint64_t> LeaseTable::end_of(const std::string &path) const {
@@ -129,8 +133,8 @@ std::optional<std::uint64_t> LeaseTable::end_of(const std::string &path) const {
 std::optional<std::pair<std::uint64_t, std::string>> LeaseTable::first_end() const {
     if (by_end_.empty())
         return std::nullopt;
-    const auto &[end_ms, lease] = *by_end_.begin();
-    return std::pair(end_ms, path_of(*lease));
+    const auto &[end, lease] = *by_end_.begin();
+    return std::pair(end.first, path_of(*lease));
 }
 
 std::string LeaseTable::path_of(const Lease &lease) {

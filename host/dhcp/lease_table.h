@@ -41,13 +41,17 @@ public:
     std::string lease_with(std::uint32_t address) const;
     /* The order in which addresses were given back: a later one has a higher number. 0 for one that never was. */
     std::uint64_t freed(std::uint32_t address) const;
-    /* Those addresses that were given back, in that order, and no lease has now. */
-    const std::map<std::uint64_t, std::uint32_t> &unused() const { return unused_; }
+    /* Those addresses that were given back, in that order, and no lease has now. First, with the number 0, those that
+     * no device ever had, since the lease was not acknowledged. */
+    const std::set<std::pair<std::uint64_t, std::uint32_t>> &unused() const { return unused_; }
     /* The leases of that name, in every pool: their paths and places. */
     std::vector<std::pair<std::string, LeasePlace>> leases_of(const std::string &id) const;
     /* All paths. */
     std::vector<std::string> all() const;
 
+    /* Of a lease that there is: a device has its address from now on. One that is not on hold when it is taken up from
+     * the model counts as acknowledged. */
+    void set_acknowledged(const std::string &path) { leases_.at(path).acknowledged = true; }
     /* Of a lease that there is; ms of the loop's clock. */
     void set_end(const std::string &path, std::uint64_t end_ms);
     std::optional<std::uint64_t> end_of(const std::string &path) const;
@@ -59,6 +63,8 @@ private:
         LeasePlace place;
         std::string id;
         std::uint32_t address = 0;
+        bool acknowledged = false;
+        std::uint64_t number = 0; /* of those that end at the same time the one that was added first goes first */
         std::optional<std::uint64_t> end_ms;
     };
 
@@ -72,10 +78,11 @@ private:
     std::unordered_map<std::string, Lease> leases_; /* by path; the others point into it */
     std::unordered_multimap<std::uint32_t, const Lease *> by_address_;
     std::unordered_multimap<std::string_view, const Lease *> by_id_;
-    std::set<std::pair<std::uint64_t, const Lease *>> by_end_;
+    std::map<std::pair<std::uint64_t, std::uint64_t>, const Lease *> by_end_; /* its end and its number */
     std::unordered_map<std::uint32_t, std::uint64_t> freed_;
-    std::map<std::uint64_t, std::uint32_t> unused_;
+    std::set<std::pair<std::uint64_t, std::uint32_t>> unused_;
     std::uint64_t last_freed_ = 0;
+    std::uint64_t last_number_ = 0;
 };
 
 } // namespace keel
