@@ -433,6 +433,26 @@ TEST_F(LanServerTest, AnIdentifierGoesOverToAnotherDeviceOnlyWhenItsOwnIsGone) {
     EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "it is admitted as any new device";
 }
 
+TEST_F(LanServerTest, AnIdentifierOfADeviceThatIsThereGetsNobodyElseALeaseInAnyPool) {
+    stb.start();
+    loop.advance(probe_ms);
+    const std::string address = stb.address();
+    std::vector<std::unique_ptr<SimDevice>> many; /* of another pool, and made up one after the other */
+    for (unsigned number = 100; number < 140; ++number) {
+        many.push_back(std::make_unique<SimDevice>(loop, lan, number, "zep-itf"));
+        many.back()->client_id = {1, 0x02, 0xab, 0, 0, 0, 1};
+        many.back()->start();
+        loop.advance(probe_ms);
+        EXPECT_EQ(many.back()->address(), "");
+    }
+    EXPECT_EQ(model.text(lease(stb), "IPAddress"), address);
+    EXPECT_EQ(server->dropped().size(), 1U) << "what strangers make up is no reason of its own";
+    stb.stop();
+    loop.advance(4000);
+    EXPECT_FALSE(model.find(lease(stb)));
+    EXPECT_TRUE(model.find(lease(*many.front(), "zep_itf"))) << "it is on the LAN alone now";
+}
+
 TEST_F(LanServerTest, RelaysOfAPoolsSubnetAreServed) {
     stb.relay = 0xc0a80107; /* 192.168.1.7 */
     stb.port = "";

@@ -80,10 +80,11 @@ LanDhcpServer::~LanDhcpServer() {
     model_.unwatch(watch_);
 }
 
-void LanDhcpServer::drop(const std::string &reason) {
+/* Whatever strangers can make up goes into the latest, not into the reason: these are few and kept. */
+void LanDhcpServer::drop(const std::string &reason, const std::string &latest) {
     const std::uint64_t count = ++dropped_[reason];
     if ((count & (count - 1)) == 0) /* the 1st, 2nd, 4th, 8th ... */
-        trace(Level::Warning, "lan", "dropped DHCP messages (%s): %llu", reason.c_str(),
+        trace(Level::Warning, "lan", "dropped DHCP messages (%s%s): %llu", reason.c_str(), latest.c_str(),
               static_cast<unsigned long long>(count));
 }
 
@@ -152,10 +153,9 @@ bool LanDhcpServer::is_of(const std::string &lease, const DhcpMessage &message) 
 }
 
 void LanDhcpServer::discover(const Request &request) {
-    const bool known = model_.find(request.lease) != nullptr;
-    if (known && is_of(request.lease, request.message))
+    if (model_.find(request.lease) && is_of(request.lease, request.message))
         park_or_answer(request, DhcpType::Offer);
-    else if (!known || take_over(request))
+    else
         begin_lease(request);
 }
 
@@ -199,9 +199,9 @@ void LanDhcpServer::inform(const Request &request) {
 /* ----------------------------------------------------------------------------------------------- new leases */
 
 void LanDhcpServer::begin_lease(const Request &request) {
-    if (request.rule.pool->on_hold && !may_be_reported(request))
+    if (identifier_is_in_use(request) || (request.rule.pool->on_hold && !may_be_reported(request)))
         return;
-    drop_lease_elsewhere(request);
+    drop_leases_before(request);
     const std::uint32_t address =
         addresses_.choose(request.rule, {request.message.requested_address, request.message.client_address});
     if (address == 0) {
@@ -243,27 +243,30 @@ void LanDhcpServer::wait_without_lease(const Request &request, const std::string
         waiting_.because(request.id, reason, port);
 }
 
-/* A device that turns up as another kind leaves its lease of before. */
-void LanDhcpServer::drop_lease_elsewhere(const Request &request) {
-    for (const auto &[path, place] : leases_.leases_of(request.id))
-        if (path != request.lease)
-            model_.remove(path);
+/* An identifier that comes from another MAC address, in whatever pool: the device has got another network card, or
+ * there are two with the same identifier. The one that has the lease keeps it while it is on the LAN. */
+bool LanDhcpServer::identifier_is_in_use(const Request &request) {
+    for (const auto &[path, place] : leases_.leases_of(request.id)) {
+        const std::string owner = model_.text(path, "MACAddress");
+        const auto hardware = parse_mac(owner);
+        if (!hardware || *hardware == request.message.hardware || port_.port_of(*hardware).empty())
+            continue;
+        drop("two devices on the LAN have the same client identifier",
+             "; at last " + format_mac(request.message.hardware.data()) + " that of " + owner);
+        return true;
+    }
+    return false;
 }
 
-/* An identifier that comes from another MAC address: the device has got another network card, or there are two with the
- * same identifier. The lease goes over when the one that has it is not on the LAN any more. */
-bool LanDhcpServer::take_over(const Request &request) {
-    const std::string owner = model_.text(request.lease, "MACAddress");
-    const std::string sender = format_mac(request.message.hardware.data());
-    const auto hardware = parse_mac(owner);
-    if (hardware && !port_.port_of(*hardware).empty()) {
-        drop(sender + " has the same client identifier as " + owner + ", which is on the LAN");
-        return false;
+/* A device that turns up as another kind, or with another network card, leaves its lease of before. */
+void LanDhcpServer::drop_leases_before(const Request &request) {
+    for (const auto &[path, place] : leases_.leases_of(request.id)) {
+        if (!is_of(path, request.message))
+            trace(Level::Info, "lan", "%s takes over the lease %s of %s, which is not on the LAN",
+                  format_mac(request.message.hardware.data()).c_str(), request.id.c_str(),
+                  model_.text(path, "MACAddress").c_str());
+        model_.remove(path);
     }
-    trace(Level::Info, "lan", "%s takes over the lease %s of %s, which is not on the LAN", sender.c_str(),
-          request.id.c_str(), owner.c_str());
-    model_.remove(request.lease);
-    return true;
 }
 
 bool LanDhcpServer::report_lease(const Request &request, std::uint32_t address) {

@@ -85,8 +85,8 @@ private:
     void begin_lease(const Request &request);
     bool may_be_reported(const Request &request);
     bool report_lease(const Request &request, std::uint32_t address);
-    void drop_lease_elsewhere(const Request &request);
-    bool take_over(const Request &request);
+    bool identifier_is_in_use(const Request &request);
+    void drop_leases_before(const Request &request);
     void wait_without_lease(const Request &request, const std::string &reason, const std::string &port);
     void probe(const std::string &id, std::uint32_t address);
     void probed(const std::string &id);
@@ -100,7 +100,7 @@ private:
     void on_event(const Event &event);
     void hold_pool(const std::string &pool, bool on);
     void count(const std::string &reason) { ++dropped_[reason]; }
-    void drop(const std::string &reason);
+    void drop(const std::string &reason, const std::string &latest = "");
 
     Loop &loop_;
     Model &model_;
