@@ -22,6 +22,7 @@ TEST(TextForms, Ipv4) {
         EXPECT_FALSE(parse_ipv4(text)) << text;
         EXPECT_EQ(ipv4_or_none(text), 0U) << text;
     }
+    EXPECT_FALSE(parse_ipv4(std::string("192.168.1.20\0", 13))) << "as long as it is, not as far as C reads it";
     EXPECT_EQ(network_bytes(0x01020304), (Bytes{1, 2, 3, 4}));
     EXPECT_EQ(network_number(Bytes{0xff, 2, 3, 4}.data()), 0xff020304);
 }

@@ -85,6 +85,8 @@ TEST(Udhcpc, WhatItsScriptPrintsIsCheckedAtTheDoor) {
                  {"@option|73|xyz", Kind::None, true},
                  {"@option|74|123", Kind::None, true},
                  {"@option|999|00", Kind::None, true},
+                 {"@option|4294967368|00", Kind::None, true}, /* 72 in 32 bits */
+                 {"@option|72x|00", Kind::None, true},
                  {"@option|75", Kind::None, true},
                  {"@", Kind::None, true}};
     for (const auto &[line, kind, dropped] : lines) {

@@ -73,7 +73,9 @@ std::string format_ipv4(std::uint32_t address) {
 
 std::optional<std::uint32_t> parse_ipv4(const std::string &dotted) {
     in_addr address{};
-    return inet_pton(AF_INET, dotted.c_str(), &address) == 1 ? std::optional(ntohl(address.s_addr)) : std::nullopt;
+    if (dotted.find('\0') != std::string::npos || inet_pton(AF_INET, dotted.c_str(), &address) != 1)
+        return std::nullopt;
+    return ntohl(address.s_addr);
 }
 
 std::uint32_t ipv4_or_none(const std::string &dotted) {

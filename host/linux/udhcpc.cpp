@@ -1,12 +1,12 @@
 #include "host/linux/udhcpc.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <utility>
 
 #include "host/base/text_forms.h"
+#include "host/model/value.h"
 
 namespace keel {
 
@@ -26,6 +26,12 @@ std::vector<std::string> split(const std::string &text, char separator) {
             parts.back() += c;
     }
     return parts;
+}
+
+/* A whole number of up to 255 as it is usually written; -1 for anything else. */
+int number_in(const std::string &text) {
+    const auto value = parse_value(Type::UInt8, text);
+    return value && to_text(*value) == text ? static_cast<int>(std::get<std::int64_t>(*value)) : -1;
 }
 
 /* "10.0.0.1 10.0.0.2" as option data; nothing when it is none. */
@@ -52,7 +58,7 @@ std::optional<std::string> routes_to_hex(const std::string &text) {
         words >> router;
         const auto network = parse_ipv4(destination.substr(0, slash));
         const auto gateway = parse_ipv4(router);
-        const int width = slash == std::string::npos ? -1 : std::atoi(destination.c_str() + slash + 1);
+        const int width = slash == std::string::npos ? -1 : number_in(destination.substr(slash + 1));
         if (!network || !gateway || width < 0 || width > 32)
             return std::nullopt;
         const Bytes to = network_bytes(*network);
@@ -78,7 +84,7 @@ UdhcpcReport UdhcpcReader::take(const std::string &line) {
 }
 
 bool UdhcpcReader::take_option(const std::vector<std::string> &fields) {
-    const int number = fields.size() == 3 ? std::atoi(fields[1].c_str()) : 0;
+    const int number = fields.size() == 3 ? number_in(fields[1]) : -1;
     if (number <= 0 || number >= 255 || fields[2].empty() || fields[2].size() > max_option || !parse_hex(fields[2]))
         return false;
     options_[number] = fields[2];

@@ -73,7 +73,8 @@ std::optional<Value> parse_value(Type type, std::string_view text) {
     char *end = nullptr;
     errno = 0;
     const long long parsed = std::strtoll(number.c_str(), &end, 10);
-    if (number.empty() || *end != '\0' || errno != 0 || std::isspace(static_cast<unsigned char>(number[0])))
+    if (number.empty() || end != number.c_str() + number.size() || errno != 0 ||
+        std::isspace(static_cast<unsigned char>(number[0])))
         return std::nullopt;
     const Value value(static_cast<std::int64_t>(parsed));
     return misfit(type, value).empty() ? std::optional<Value>(value) : std::nullopt;
