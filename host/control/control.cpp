@@ -9,98 +9,18 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 
-#include <nlohmann/json.hpp>
-
-#include "host/base/trace.h"
+#include "host/control/conversation.h"
 
 namespace keel {
-
-using Json = nlohmann::ordered_json;
 
 namespace {
 
 constexpr std::size_t max_line = 65536;
 constexpr std::size_t max_clients = 32;
 constexpr std::size_t max_backlog = std::size_t{4} * 1024 * 1024; /* bytes that a slow reader may leave unread */
-
-Json value_json(const Value &value) {
-    return std::visit([](const auto &held) { return Json(held); }, value);
-}
-
-Json values_json(const Values &values) {
-    Json json = Json::object();
-    for (const auto &[name, value] : values)
-        json[name] = value_json(value);
-    return json;
-}
-
-Json tree_json(const Node &node) {
-    Json parameters = Json::object();
-    for (const Parameter &parameter : node.parameters)
-        if (parameter.present)
-            parameters[parameter.name()] = value_json(parameter.value);
-    Json children = Json::array();
-    for (const Node &child : node.children)
-        children.push_back(tree_json(child));
-    return {{"name", node.name}, {"parameters", parameters}, {"children", children}};
-}
-
-std::string line_of(const Json &json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
-
-std::string refusal_line(const std::string &path, const std::string &reason) {
-    return line_of({{"ok", false}, {"path", path}, {"error", reason}});
-}
-
-std::string text_member(const Json &message, const char *name) {
-    const auto found = message.find(name);
-    if (found == message.end() || !found->is_string())
-        throw std::invalid_argument(std::string("\"") + name + "\" must be a text");
-    return found->get<std::string>();
-}
-
-/* The values of a message for the parameters of a node: texts are read as the parameter wants. */
-Values read_values(const Json &message, const std::vector<ParameterShape> &parameters) {
-    Values values;
-    const auto found = message.find("values");
-    if (found == message.end())
-        return values;
-    if (!found->is_object())
-        throw std::invalid_argument("\"values\" must be an object");
-    for (const auto &[name, json] : found->items()) {
-        const auto parameter = std::find_if(parameters.begin(), parameters.end(),
-                                            [&, wanted = name](const ParameterShape &p) { return p.name == wanted; });
-        if (parameter == parameters.end())
-            throw std::invalid_argument("no parameter \"" + name + "\"");
-        const std::string text = json.is_string() ? json.get<std::string>() : json.dump();
-        const auto value = json.is_primitive() && !json.is_null() ? parse_value(parameter->type, text) : std::nullopt;
-        if (!value)
-            throw std::invalid_argument("\"" + name + "\" wants a value of type " + type_name(parameter->type) +
-                                        ", not " + json.dump(-1, ' ', false, Json::error_handler_t::replace));
-        values[name] = *value;
-    }
-    return values;
-}
-
-Json event_json(const Event &event) {
-    static const char *const kinds[] = {"added", "deleted", "changed", "notification"};
-    Json json{{"event", kinds[static_cast<int>(event.kind)]}, {"path", event.path()}};
-    if (event.kind == Event::Kind::Custom)
-        json["type"] = event.custom_type;
-    json["values"] = values_json(event.values);
-    return json;
-}
-
-Json trace_json(const TraceLine &line) {
-    return {{"trace", line.number},
-            {"time_ms", line.wall_clock_ms},
-            {"level", static_cast<std::uint32_t>(line.level)},
-            {"zone", line.zone},
-            {"text", line.text}};
-}
 
 void make_folder(const std::filesystem::path &folder) {
     if (folder.empty() || std::filesystem::exists(folder))
@@ -135,8 +55,7 @@ struct Control::Client {
     Control *owner = nullptr;
     std::string input;
     char buffer[4096];
-    Model::WatchId watch = 0;
-    std::uint64_t follower = 0;
+    std::optional<Conversation> conversation;
     bool closing = false;
 
     struct Write {
@@ -210,6 +129,7 @@ Control::~Control() {
 void Control::accept() {
     auto *client = new Client;
     client->owner = this;
+    client->conversation.emplace(model_, make_safe_, [client](const std::string &line) { client->send(line); });
     uv_pipe_init(loop_.handle(), &client->handle, 0);
     client->handle.data = client;
     clients_.insert(client);
@@ -235,10 +155,10 @@ void Control::accept() {
                  end = reader->input.find('\n')) {
                 const std::string line = reader->input.substr(0, end);
                 reader->input.erase(0, end + 1);
-                reader->owner->take(*reader, line);
+                reader->conversation->take(line);
             }
             if (reader->input.size() > max_line && !reader->closing) {
-                reader->send(refusal_line("", "the line is longer than 65536 bytes"));
+                reader->conversation->refuse("the line is longer than 65536 bytes");
                 reader->owner->drop(*reader);
             }
         });
@@ -249,71 +169,9 @@ void Control::drop(Client &client) {
         return;
     client.closing = true;
     clients_.erase(&client);
-    if (client.watch)
-        model_.unwatch(client.watch);
-    if (client.follower)
-        TraceLog::instance().unfollow(client.follower);
+    client.conversation->end();
     uv_close(reinterpret_cast<uv_handle_t *>(&client.handle),
              [](uv_handle_t *handle) { delete static_cast<Client *>(handle->data); });
-}
-
-void Control::take(Client &client, const std::string &line) {
-    std::string path;
-    try {
-        const Json message = Json::parse(line);
-        if (!message.is_object())
-            throw std::invalid_argument("a message must be a JSON object");
-        const std::string op = text_member(message, "op");
-        if (op == "trace") {
-            const std::size_t wanted = message.value("lines", 100U);
-            const auto &lines = TraceLog::instance().recent();
-            for (std::size_t i = lines.size() - std::min(wanted, lines.size()); i < lines.size(); ++i)
-                client.send(line_of(trace_json(lines[i])));
-            client.send(line_of({{"ok", true}}));
-            if (message.value("follow", false) && !client.follower)
-                client.follower = TraceLog::instance().follow(
-                    [&client](const TraceLine &one) { client.send(line_of(trace_json(one))); });
-            return;
-        }
-        path = text_member(message, "path");
-        const Node *node = model_.find(path);
-        if (op == "watch") {
-            if (client.watch)
-                model_.unwatch(client.watch);
-            client.watch =
-                model_.watch(path, [&client](const Event &event) { client.send(line_of(event_json(event))); });
-            client.send(line_of({{"ok", true}}));
-            return;
-        }
-        if (!node) {
-            client.send(refusal_line(path, "no such object"));
-            return;
-        }
-        Json answer{{"ok", true}};
-        Outcome refusal;
-        if (op == "get") {
-            answer["tree"] = tree_json(*node);
-        } else if (op == "set") {
-            refusal = model_.set(path, read_values(message, node->shape->parameters));
-        } else if (op == "add") {
-            std::string name;
-            const auto key = message.contains("key") ? std::optional(text_member(message, "key")) : std::nullopt;
-            refusal = model_.add(path, key, read_values(message, model_.instance_parameters(path)), &name);
-            answer["name"] = name;
-        } else if (op == "del") {
-            refusal = model_.remove(path);
-        } else {
-            throw std::invalid_argument("no operation \"" + op + "\"");
-        }
-        if (op != "get" && !refusal)
-            if (const std::string error = make_safe_(); !error.empty())
-                refusal = Refusal{path, "done, but not stored, and lost at a restart until it is: " + error};
-        client.send(refusal ? refusal_line(refusal->path, refusal->reason) : line_of(answer));
-    } catch (const Json::exception &) {
-        client.send(refusal_line(path, "not understood: malformed JSON or a member of the wrong type"));
-    } catch (const std::invalid_argument &error) {
-        client.send(refusal_line(path, error.what()));
-    }
 }
 
 } // namespace keel

@@ -1,15 +1,6 @@
 /*
  * The control socket: keelctl's way in.
- *
- * A client sends JSON objects, one a line, and gets JSON objects back, one a line:
- *   {"op": "get", "path": "Keel"}                        -> {"ok": true, "tree": {...}}
- *   {"op": "set", "path": "...", "values": {"A": "1"}}   -> {"ok": true}
- *   {"op": "add", "path": "...", "key": "x", "values": {...}}   -> {"ok": true, "name": "x"}  (key optional)
- *   {"op": "del", "path": "..."}                         -> {"ok": true}
- *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
- *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
- * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
- * parameter's type wants. A tree is {"name", "parameters": {...}, "children": [...]}.
+ * conversation.h tells what is said there.
  */
 #ifndef HOST_CONTROL_CONTROL_H
 #define HOST_CONTROL_CONTROL_H
@@ -41,7 +32,6 @@ private:
     struct Listener;
 
     void accept();
-    void take(Client &client, const std::string &line);
     void drop(Client &client);
 
     UvLoop &loop_;

@@ -1,0 +1,182 @@
+#include "host/control/conversation.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "host/base/trace.h"
+
+namespace keel {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+Json value_json(const Value &value) {
+    return std::visit([](const auto &held) { return Json(held); }, value);
+}
+
+Json values_json(const Values &values) {
+    Json json = Json::object();
+    for (const auto &[name, value] : values)
+        json[name] = value_json(value);
+    return json;
+}
+
+Json tree_json(const Node &node) {
+    Json parameters = Json::object();
+    for (const Parameter &parameter : node.parameters)
+        if (parameter.present)
+            parameters[parameter.name()] = value_json(parameter.value);
+    Json children = Json::array();
+    for (const Node &child : node.children)
+        children.push_back(tree_json(child));
+    return {{"name", node.name}, {"parameters", parameters}, {"children", children}};
+}
+
+std::string line_of(const Json &json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string refusal_line(const std::string &path, const std::string &reason) {
+    return line_of({{"ok", false}, {"path", path}, {"error", reason}});
+}
+
+std::string text_member(const Json &message, const char *name) {
+    const auto found = message.find(name);
+    if (found == message.end() || !found->is_string())
+        throw std::invalid_argument(std::string("\"") + name + "\" must be a text");
+    return found->get<std::string>();
+}
+
+/* The values of a message for the parameters of a node: texts are read as the parameter wants. */
+Values read_values(const Json &message, const std::vector<ParameterShape> &parameters) {
+    Values values;
+    const auto found = message.find("values");
+    if (found == message.end())
+        return values;
+    if (!found->is_object())
+        throw std::invalid_argument("\"values\" must be an object");
+    for (const auto &[name, json] : found->items()) {
+        const auto parameter = std::find_if(parameters.begin(), parameters.end(),
+                                            [&, wanted = name](const ParameterShape &p) { return p.name == wanted; });
+        if (parameter == parameters.end())
+            throw std::invalid_argument("no parameter \"" + name + "\"");
+        const std::string text = json.is_string() ? json.get<std::string>() : json.dump();
+        const auto value = json.is_primitive() && !json.is_null() ? parse_value(parameter->type, text) : std::nullopt;
+        if (!value)
+            throw std::invalid_argument("\"" + name + "\" wants a value of type " + type_name(parameter->type) +
+                                        ", not " + json.dump(-1, ' ', false, Json::error_handler_t::replace));
+        values[name] = *value;
+    }
+    return values;
+}
+
+Json event_json(const Event &event) {
+    static const char *const kinds[] = {"added", "deleted", "changed", "notification"};
+    Json json{{"event", kinds[static_cast<int>(event.kind)]}, {"path", event.path()}};
+    if (event.kind == Event::Kind::Custom)
+        json["type"] = event.custom_type;
+    json["values"] = values_json(event.values);
+    return json;
+}
+
+Json trace_json(const TraceLine &line) {
+    return {{"trace", line.number},
+            {"time_ms", line.wall_clock_ms},
+            {"level", static_cast<std::uint32_t>(line.level)},
+            {"zone", line.zone},
+            {"text", line.text}};
+}
+
+} // namespace
+
+Conversation::Conversation(Model &model, const std::function<std::string()> &make_safe,
+                           std::function<void(const std::string &line)> send)
+    : model_(model), make_safe_(make_safe), send_(std::move(send)) {}
+
+Conversation::~Conversation() {
+    end();
+}
+
+void Conversation::end() {
+    ended_ = true;
+    model_.unwatch(std::exchange(watch_, 0));
+    TraceLog::instance().unfollow(std::exchange(follower_, 0));
+}
+
+void Conversation::send(const std::string &line) {
+    if (!ended_)
+        send_(line);
+}
+
+void Conversation::refuse(const std::string &reason) {
+    send(refusal_line("", reason));
+}
+
+void Conversation::tell_traces(std::size_t lines, bool follow) {
+    const auto &recent = TraceLog::instance().recent();
+    for (std::size_t i = recent.size() - std::min(lines, recent.size()); i < recent.size(); ++i)
+        send(line_of(trace_json(recent[i])));
+    send(line_of({{"ok", true}}));
+    if (follow && !follower_)
+        follower_ = TraceLog::instance().follow([this](const TraceLine &one) { send(line_of(trace_json(one))); });
+}
+
+void Conversation::watch(const std::string &path) {
+    model_.unwatch(watch_);
+    watch_ = model_.watch(path, [this](const Event &event) { send(line_of(event_json(event))); });
+    send(line_of({{"ok", true}}));
+}
+
+void Conversation::take(const std::string &line) {
+    std::string path;
+    try {
+        const Json message = Json::parse(line);
+        if (!message.is_object())
+            throw std::invalid_argument("a message must be a JSON object");
+        const std::string op = text_member(message, "op");
+        if (op == "trace") {
+            tell_traces(message.value("lines", 100U), message.value("follow", false));
+            return;
+        }
+        path = text_member(message, "path");
+        const Node *node = model_.find(path);
+        if (op == "watch") {
+            watch(path);
+            return;
+        }
+        if (!node) {
+            send(refusal_line(path, "no such object"));
+            return;
+        }
+        Json answer{{"ok", true}};
+        Outcome refusal;
+        if (op == "get") {
+            answer["tree"] = tree_json(*node);
+        } else if (op == "set") {
+            refusal = model_.set(path, read_values(message, node->shape->parameters));
+        } else if (op == "add") {
+            std::string name;
+            const auto key = message.contains("key") ? std::optional(text_member(message, "key")) : std::nullopt;
+            refusal = model_.add(path, key, read_values(message, model_.instance_parameters(path)), &name);
+            answer["name"] = name;
+        } else if (op == "del") {
+            refusal = model_.remove(path);
+        } else {
+            throw std::invalid_argument("no operation \"" + op + "\"");
+        }
+        if (op != "get" && !refusal)
+            if (const std::string error = make_safe_(); !error.empty())
+                refusal = Refusal{path, "done, but not stored, and lost at a restart until it is: " + error};
+        send(refusal ? refusal_line(refusal->path, refusal->reason) : line_of(answer));
+    } catch (const Json::exception &) {
+        send(refusal_line(path, "not understood: malformed JSON or a member of the wrong type"));
+    } catch (const std::invalid_argument &error) {
+        send(refusal_line(path, error.what()));
+    }
+}
+
+} // namespace keel

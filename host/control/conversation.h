@@ -1,0 +1,58 @@
+/*
+ * What one client of the control socket says, and what it is answered.
+ *
+ * A client sends JSON objects, one a line, and gets JSON objects back, one a line:
+ *   {"op": "get", "path": "Keel"}                        -> {"ok": true, "tree": {...}}
+ *   {"op": "set", "path": "...", "values": {"A": "1"}}   -> {"ok": true}
+ *   {"op": "add", "path": "...", "key": "x", "values": {...}}   -> {"ok": true, "name": "x"}  (key optional)
+ *   {"op": "del", "path": "..."}                         -> {"ok": true}
+ *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
+ *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
+ * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
+ * parameter's type wants. A tree is {"name", "parameters": {...}, "children": [...]}.
+ */
+#ifndef HOST_CONTROL_CONVERSATION_H
+#define HOST_CONTROL_CONVERSATION_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "host/model/model.h"
+
+namespace keel {
+
+class Conversation {
+public:
+    /* send takes each line for the client, its end included, also on later turns; it may end the conversation.
+     * make_safe is called after each write and before its answer; when it says why the write is not safe, the answer
+     * does so, too. The model must outlive it. */
+    Conversation(Model &model, const std::function<std::string()> &make_safe,
+                 std::function<void(const std::string &line)> send);
+    Conversation(const Conversation &) = delete;
+    Conversation &operator=(const Conversation &) = delete;
+    ~Conversation();
+
+    /* One line of the client's, without its end. Whatever it is, it is answered. */
+    void take(const std::string &line);
+    /* Refuses a line that came in another way. */
+    void refuse(const std::string &reason);
+    /* The client is gone: nothing is sent any more. */
+    void end();
+
+private:
+    void send(const std::string &line);
+    void tell_traces(std::size_t lines, bool follow);
+    void watch(const std::string &path);
+
+    Model &model_;
+    const std::function<std::string()> &make_safe_;
+    std::function<void(const std::string &line)> send_;
+    Model::WatchId watch_ = 0;
+    std::uint64_t follower_ = 0;
+    bool ended_ = false;
+};
+
+} // namespace keel
+
+#endif
