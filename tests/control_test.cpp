@@ -178,6 +178,13 @@ TEST_F(ControlTest, WhateverIsSentGetsAClearErrorAndTheHostGoesOn) {
         EXPECT_TRUE(answer.starts_with("{\"ok\":false")) << bytes << answer;
         EXPECT_NE(answer.find("\"error\":\""), std::string::npos);
     }
+    const std::string deep = std::string(30000, '[') + std::string(30000, ']');
+    EXPECT_NE(say(R"({"op": "set", "path": "Keel", "values": {"IPTVMode": )" + deep + "}}\n").find("not array"),
+              std::string::npos);
+    EXPECT_NE(say(R"({"op": "trace", "lines": 1e300})"
+                  "\n")
+                  .find("a whole number"),
+              std::string::npos);
     EXPECT_NE(say(std::string(70000, 'x')).find("longer than 65536"), std::string::npos);
 
     std::vector<int> many(40);

@@ -51,6 +51,15 @@ std::string text_member(const Json &message, const char *name) {
     return found->get<std::string>();
 }
 
+std::size_t number_member(const Json &message, const char *name, std::size_t fallback) {
+    const auto found = message.find(name);
+    if (found == message.end())
+        return fallback;
+    if (!found->is_number_unsigned())
+        throw std::invalid_argument(std::string("\"") + name + "\" must be a whole number");
+    return found->get<std::size_t>();
+}
+
 /* The values of a message for the parameters of a node: texts are read as the parameter wants. */
 Values read_values(const Json &message, const std::vector<ParameterShape> &parameters) {
     Values values;
@@ -64,11 +73,13 @@ Values read_values(const Json &message, const std::vector<ParameterShape> &param
                                             [&, wanted = name](const ParameterShape &p) { return p.name == wanted; });
         if (parameter == parameters.end())
             throw std::invalid_argument("no parameter \"" + name + "\"");
-        const std::string text = json.is_string() ? json.get<std::string>() : json.dump();
-        const auto value = json.is_primitive() && !json.is_null() ? parse_value(parameter->type, text) : std::nullopt;
+        /* Lists and objects are not written out: they may be nested more deeply than the stack holds. */
+        const bool simple = json.is_primitive() && !json.is_null();
+        const std::string text = json.is_string() ? json.get<std::string>() : simple ? json.dump() : json.type_name();
+        const auto value = simple ? parse_value(parameter->type, text) : std::nullopt;
         if (!value)
             throw std::invalid_argument("\"" + name + "\" wants a value of type " + type_name(parameter->type) +
-                                        ", not " + json.dump(-1, ' ', false, Json::error_handler_t::replace));
+                                        ", not " + (json.is_string() ? "\"" + text + "\"" : text));
         values[name] = *value;
     }
     return values;
@@ -116,12 +127,13 @@ void Conversation::refuse(const std::string &reason) {
     send(refusal_line("", reason));
 }
 
+/* A client that does not read may be gone behind any of the lines. */
 void Conversation::tell_traces(std::size_t lines, bool follow) {
     const auto &recent = TraceLog::instance().recent();
     for (std::size_t i = recent.size() - std::min(lines, recent.size()); i < recent.size(); ++i)
         send(line_of(trace_json(recent[i])));
     send(line_of({{"ok", true}}));
-    if (follow && !follower_)
+    if (follow && !follower_ && !ended_)
         follower_ = TraceLog::instance().follow([this](const TraceLine &one) { send(line_of(trace_json(one))); });
 }
 
@@ -139,7 +151,7 @@ void Conversation::take(const std::string &line) {
             throw std::invalid_argument("a message must be a JSON object");
         const std::string op = text_member(message, "op");
         if (op == "trace") {
-            tell_traces(message.value("lines", 100U), message.value("follow", false));
+            tell_traces(number_member(message, "lines", 100), message.value("follow", false));
             return;
         }
         path = text_member(message, "path");
