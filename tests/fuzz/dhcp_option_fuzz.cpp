@@ -12,8 +12,9 @@ constexpr std::uint16_t classless_routes = 121;
 
 std::uint32_t address_in(const variant_map_t *route, const char *name) {
     const char *text = variant_da_char(variant_map_iterator_data(variant_map_find(route, name)));
-    fuzz::require(text && parse_ipv4(text).has_value(), std::string(name) + " is an address");
-    return *parse_ipv4(text);
+    const auto address = parse_ipv4(text ? text : "");
+    fuzz::require(address.has_value(), std::string(name) + " is an address");
+    return address.value_or(0);
 }
 
 /* The routes as bytes again, with the bits of the host that some servers leave in them cleared. */
@@ -59,7 +60,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (!parse_dhcp_option(option, text, &value, &error))
         fuzz::require(routes && !error.empty(), "only routes are refused, with a reason");
     else if (!routes)
-        fuzz::require(variant_da_char(&value) == std::string(text.c_str()), "any other option is its text");
+        fuzz::require(variant_da_char(&value) == text.substr(0, text.find('\0')), "any other option is its text");
     else
         fuzz::require(bytes_of(value) == cleared(parse_hex(text).value()), "the routes are those that were sent");
     variant_cleanup(&value);

@@ -48,14 +48,14 @@ std::string Input::text() {
 
 std::string Input::until(char separator) {
     const auto *found = std::find(at_, end_, static_cast<std::uint8_t>(separator));
-    const std::string taken(at_, found);
+    std::string taken(at_, found);
     at_ = found == end_ ? end_ : found + 1;
     return taken;
 }
 
 Bytes Input::rest(std::size_t longest) {
     const auto length = std::min(longest, static_cast<std::size_t>(end_ - at_));
-    const Bytes taken(at_, at_ + length);
+    Bytes taken(at_, at_ + length);
     at_ += length;
     return taken;
 }
