@@ -10,6 +10,7 @@
 
 #include "host/dhcp/frame.h"
 #include "host/dhcp/lan_server.h"
+#include "host/gateway/settings.h"
 #include "host/sim/sim_loop.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -56,7 +57,7 @@ bool is_printable(const std::string &text) {
 /* Node by node: a way by paths would cost more than the server does. */
 std::vector<const Node *> all_leases(const Model &model) {
     std::vector<const Node *> leases;
-    for (const Node &pool : model.find(pools_path)->children)
+    for (const Node &pool : model.find(lan_pools_path)->children)
         for (const Node &rule : pool.child("Rule")->children)
             for (const Node &lease : rule.child("Lease")->children)
                 leases.push_back(&lease);
@@ -133,7 +134,7 @@ void Lan::take_step() {
         break;
     }
     case 6:
-        model_.set(join_path(pools_path, pool_names[input_.below(std::size(pool_names))]),
+        model_.set(join_path(lan_pools_path, pool_names[input_.below(std::size(pool_names))]),
                    {{"LeasesOnHold", input_.flag()}});
         break;
     case 7:
@@ -218,7 +219,7 @@ Bytes Lan::formed_message() {
 }
 
 void Lan::write_pool() {
-    const std::string pool = join_path(pools_path, pool_names[input_.below(std::size(pool_names))]);
+    const std::string pool = join_path(lan_pools_path, pool_names[input_.below(std::size(pool_names))]);
     switch (input_.below(5)) {
     case 0:
         model_.set(pool,
