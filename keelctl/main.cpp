@@ -17,6 +17,10 @@ using namespace keelctl;
 
 namespace {
 
+enum ExitStatus { refused = 1, unreachable = 2 };
+
+constexpr auto replace_bad_bytes = Json::error_handler_t::replace;
+
 struct Options {
     std::string socket = "/run/keel/keel.sock";
     bool script = false;
@@ -31,7 +35,7 @@ std::string value_text(const Json &value) {
 }
 
 void print_json(const Json &json) {
-    std::printf("%s\n", json.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+    std::printf("%s\n", json.dump(-1, ' ', false, replace_bad_bytes).c_str());
     std::fflush(stdout);
 }
 
@@ -62,8 +66,27 @@ void status(Client &client, const Options &options) {
         std::printf("%s", print_status(gathered, isatty(STDOUT_FILENO)).c_str());
 }
 
-void get(Client &client, const Options &options) {
-    const Json tree = client.ask({{"op", "get"}, {"path", options.path}})["tree"];
+/* The object of a path. What "get" prints is a name that it takes: when there is no such object, the last step is a
+ * parameter of the one above, and goes to *words. */
+Json object_at(Client &client, std::string *path, std::vector<std::string> *words) {
+    try {
+        return client.ask({{"op", "get"}, {"path", *path}})["tree"];
+    } catch (const Refused &) {
+        const auto dot = path->rfind('.');
+        const std::string parent = path->substr(0, dot == std::string::npos ? 0 : dot);
+        const std::string name = path->substr(parent.empty() ? 0 : parent.size() + 1);
+        const Json tree = client.tree(parent);
+        if (!words->empty() || !tree["parameters"].contains(name))
+            throw;
+        *path = parent;
+        *words = {name};
+        return tree;
+    }
+}
+
+void get(Client &client, const Options &told) {
+    Options options = told;
+    const Json tree = object_at(client, &options.path, &options.words);
     if (options.words.empty()) {
         if (options.script)
             print_json(tree);
@@ -165,14 +188,26 @@ const Command commands[] = {
     {"trace", "print the recent traces", nullptr, trace},
 };
 
+/* What went wrong, on stderr; for scripts as a JSON line, too. */
+int fail(const Options &options, int status, const std::string &reason) {
+    const std::string told = options.script
+                                 ? Json{{"error", reason}, {"status", status}}.dump(-1, ' ', false, replace_bad_bytes)
+                                 : "keelctl: " + reason;
+    std::fprintf(stderr, "%s\n", told.c_str());
+    return status;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     Options options;
     CLI::App app{"Without a command: the IPTV service at a glance.", "keelctl"};
+    app.set_version_flag("--version", "keelctl 1.0");
     app.add_option("--socket", options.socket, "the host's socket")->capture_default_str();
-    app.add_flag("-S", options.script, "print JSON lines, for scripts");
+    app.add_flag("-S", options.script, "print JSON lines, for scripts, errors on stderr among them");
+    app.footer("Exit status: 0 done, 1 refused or not understood, 2 the host cannot be reached.");
     app.require_subcommand(0, 1);
+    app.fallthrough(); /* its options are taken after a command, too */
     void (*run)(Client &, const Options &) = status;
     for (const Command &command : commands) {
         CLI::App *sub = app.add_subcommand(command.name, command.help);
@@ -186,16 +221,20 @@ int main(int argc, char **argv) {
         if (*command.words)
             sub->add_option("words", options.words, command.words);
     }
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0) /* --help, --version */
+            return app.exit(error);
+        return fail(options, refused, error.what() + std::string("; keelctl --help tells more"));
+    }
     try {
         Client client(options.socket);
         run(client, options);
         return 0;
     } catch (const Unreachable &failure) {
-        std::fprintf(stderr, "keelctl: %s\n", failure.what());
-        return 2;
+        return fail(options, unreachable, failure.what());
     } catch (const std::exception &failure) {
-        std::fprintf(stderr, "keelctl: %s\n", failure.what());
-        return 1;
+        return fail(options, refused, failure.what());
     }
 }

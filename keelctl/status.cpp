@@ -220,7 +220,7 @@ Json gather_status(Client &client) {
     for (const Json &identity : children(service, {"ClientLease"})) {
         const Json wan = interfaces["dhcp_zep_" + text(identity, "Name")];
         Json one{{"name", text(identity, "Name")},
-                 {"slot", text(identity, "ClientIDOffset")},
+                 {"slot", identity["parameters"].value("ClientIDOffset", Json())},
                  {"client_id", text(descend(wan, {"SentOption", "61"}), "Value")},
                  {"wan_client", text(wan, "DHCPStatus")},
                  {"status", text(identity, "DHCPCStatus")},
@@ -265,7 +265,7 @@ std::string print_status(const Json &status, bool colours) {
         const std::string state = identity["status"];
         const char *colour = state == "Connected" ? "32" : state == "Unconnected" ? "33" : "31";
         out << "\n"
-            << shade(identity["name"], "1") << "  slot " << identity["slot"].get<std::string>() << ", client "
+            << shade(identity["name"], "1") << "  slot " << identity["slot"].dump() << ", client "
             << or_none(identity["client_id"]) << "\n";
         out << "  WAN      " << shade(state, colour) << ", client " << identity["wan_client"].get<std::string>()
             << ", address " << or_none(identity["wan_address"]) << "\n";

@@ -68,6 +68,8 @@ TEST_F(ModelTest, AMistakeInTheFileIsToldWithItsPlace) {
         {R"({"objects": {"A": {"parameters": {"P": ["uint8", 256]}}}})", "A.P: is out of range for uint8"},
         {R"({"objects": {"A": {"parameters": {"P": ["bool", "yes"]}}}})", "A.P: wants true or false"},
         {R"({"objects": {"A": {"parameters": {"P": 1}}}})", "A.P: must be [type, default]"},
+        {R"({"objects": {"A": {"parameters": {"P": ["bool", true, ["true"]]}}}})", "A.P: only a text has a list"},
+        {R"({"objects": {"A": {"parameters": {"P": ["text", "c", ["a", "b"]]}}}})", "A.P: its default is none"},
         {R"({"objects": {"A.B": {}}})", "bad name \"A.B\""},
         {R"({"objects": {"A": {"instances": {"1": {}}}}})", "A: \"instances\" without \"instance\""},
         {R"({"objects": {"A": {"instance": {}, "instances": {"1": {"values": {"X": 1}}}}}})",

@@ -44,6 +44,13 @@ std::string refusal_line(const std::string &path, const std::string &reason) {
     return line_of({{"ok", false}, {"path", path}, {"error", reason}});
 }
 
+std::string joined(const std::vector<std::string> &words) {
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
 std::string text_member(const Json &message, const char *name) {
     const auto found = message.find(name);
     if (found == message.end() || !found->is_string())
@@ -77,9 +84,13 @@ Values read_values(const Json &message, const std::vector<ParameterShape> &param
         const bool simple = json.is_primitive() && !json.is_null();
         const std::string text = json.is_string() ? json.get<std::string>() : simple ? json.dump() : json.type_name();
         const auto value = simple ? parse_value(parameter->type, text) : std::nullopt;
+        const std::string shown = json.is_string() ? "\"" + text + "\"" : text;
         if (!value)
             throw std::invalid_argument("\"" + name + "\" wants a value of type " + type_name(parameter->type) +
-                                        ", not " + (json.is_string() ? "\"" + text + "\"" : text));
+                                        ", not " + shown);
+        const auto &known = parameter->known;
+        if (!known.empty() && std::find(known.begin(), known.end(), to_text(*value)) == known.end())
+            throw std::invalid_argument(name + ": " + joined(known) + "; not " + shown);
         values[name] = *value;
     }
     return values;

@@ -153,15 +153,32 @@ private:
         for (const auto &[name, definition] : json.items()) {
             const std::string at = join_path(path, name);
             expect_name(name, path);
-            expect(definition.is_array() && definition.size() == 2 && definition[0].is_string(), at,
-                   "must be [type, default]");
+            expect(definition.is_array() && (definition.size() == 2 || definition.size() == 3) &&
+                       definition[0].is_string(),
+                   at, "must be [type, default] or [type, default, [values]]");
             const auto type = types.find(definition[0].get<std::string>());
             expect(type != types.end(), at, "unknown type \"" + definition[0].get<std::string>() + "\"");
             if (definition[1].is_null())
                 shape.parameters.push_back({name, type->second, empty_value(type->second), false});
             else
                 shape.parameters.push_back({name, type->second, read_value(type->second, definition[1], at), true});
+            if (definition.size() == 3)
+                shape.parameters.back().known = read_known(type->second, definition, at);
         }
+    }
+
+    std::vector<std::string> read_known(Type type, const Json &definition, const std::string &path) const {
+        expect(type == Type::Text && definition[2].is_array() && !definition[2].empty(), path,
+               "only a text has a list of values, which must not be empty");
+        std::vector<std::string> known;
+        for (const Json &one : definition[2]) {
+            expect(one.is_string(), path, "each of its values must be a text");
+            known.push_back(one.get<std::string>());
+        }
+        expect(definition[1].is_null() ||
+                   std::find(known.begin(), known.end(), definition[1].get<std::string>()) != known.end(),
+               path, "its default is none of its values");
+        return known;
     }
 
     Value read_value(Type type, const Json &json, const std::string &path) const {

@@ -25,7 +25,8 @@ struct ParameterShape {
     std::string name;
     Type type = Type::Text;
     Value initial;
-    bool present = true; /* false: without a default, and so not there until it is written */
+    bool present = true;                 /* false: without a default, and so not there until it is written */
+    std::vector<std::string> known = {}; /* the only texts that a person may write; empty: any */
 };
 
 /* What an object looks like; made from the model file, and then never changed. */
