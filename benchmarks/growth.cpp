@@ -292,7 +292,7 @@ void print_status() {
         UvLoop loop;
         Model model(loop);
         model.load_text(grown_model(size, size, size), "grown");
-        Control control(loop, model, socket, [] { return std::string(); });
+        Control control(loop, model, socket, {[] { return std::string(); }, {}});
         std::vector<double> all;
         for (int round = 0; round < 31; ++round) {
             const double start = cpu_us();

@@ -69,6 +69,13 @@ Json Client::ask(const Json &message) {
     return *answer;
 }
 
+void Client::look() {
+    try {
+        ask({{"op", "look"}});
+    } catch (const Refused &) { /* then the model says less */
+    }
+}
+
 Json Client::tree(const std::string &path) {
     try {
         return ask({{"op", "get"}, {"path", path}})["tree"];

@@ -38,6 +38,8 @@ public:
     void send(const Json &message);
     /* The next line; nothing when the host has closed the connection. */
     std::optional<Json> next();
+    /* Has the host look at what it does not follow by itself (the groups joined), and write it into the model. */
+    void look();
     /* The tree at a path, empty when there is none. */
     Json tree(const std::string &path);
 

@@ -10,14 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "host/base/text_forms.h"
 #include "keelctl/client.h"
+#include "keelctl/diagnosis.h"
 #include "keelctl/status.h"
 
 using namespace keelctl;
 
 namespace {
 
-enum ExitStatus { refused = 1, unreachable = 2 };
+enum ExitStatus { done = 0, refused = 1, unreachable = 2, broken = 3 };
 
 constexpr auto replace_bad_bytes = Json::error_handler_t::replace;
 
@@ -58,12 +60,50 @@ void print_tree(const Json &tree, const std::string &path) {
         print_tree(one, path + "." + one["name"].get<std::string>());
 }
 
-void status(Client &client, const Options &options) {
+int status(Client &client, const Options &options) {
     const Json gathered = gather_status(client);
     if (options.script)
         print_json(gathered);
     else
         std::printf("%s", print_status(gathered, isatty(STDOUT_FILENO)).c_str());
+    return done;
+}
+
+/* Of the named devices, or of all STBs on the LAN that are not served. */
+int why(Client &client, const Options &options) {
+    client.look();
+    Gateway gateway(client, Gateway::Devices::All);
+    std::vector<const Device *> asked;
+    Device stranger;
+    if (options.path.empty()) {
+        for (const Device &device : gateway.devices)
+            if (device.is_there() && (gateway.is_stb(device) || gateway.looks_like_stb(device)))
+                asked.push_back(&device);
+    } else {
+        asked = gateway.named(options.path);
+        if (asked.empty() && keel::parse_mac(options.path)) {
+            stranger.mac = options.path;
+            asked.push_back(&stranger);
+        }
+        if (asked.empty())
+            throw Refused("no device is known by \"" + options.path +
+                          "\"; it may be named by its host name, MAC address, IPv4 address or identifier");
+    }
+    std::size_t dark = 0;
+    for (const Device *device : asked) {
+        const Diagnosis diagnosis = diagnose(gateway, *device);
+        dark += !diagnosis.served();
+        if (options.path.empty() && diagnosis.served())
+            continue;
+        if (options.script)
+            print_json(diagnosis_json(*device, diagnosis));
+        else
+            std::printf("%s", print_diagnosis(gateway, *device, diagnosis).c_str());
+    }
+    if (dark == 0 && options.path.empty() && !options.script)
+        std::printf("%s\n", asked.empty() ? "no STB is on the LAN: nothing that looks like one has asked for an address"
+                                          : "all STBs on the LAN are served");
+    return dark == 0 ? done : broken;
 }
 
 /* The object of a path. What "get" prints is a name that it takes: when there is no such object, the last step is a
@@ -84,7 +124,7 @@ Json object_at(Client &client, std::string *path, std::vector<std::string> *word
     }
 }
 
-void get(Client &client, const Options &told) {
+int get(Client &client, const Options &told) {
     Options options = told;
     const Json tree = object_at(client, &options.path, &options.words);
     if (options.words.empty()) {
@@ -92,7 +132,7 @@ void get(Client &client, const Options &told) {
             print_json(tree);
         else
             print_tree(tree, options.path);
-        return;
+        return done;
     }
     for (const std::string &name : options.words) {
         if (!tree["parameters"].contains(name))
@@ -102,13 +142,15 @@ void get(Client &client, const Options &told) {
         else
             std::printf("%s\n", value_text(tree["parameters"][name]).c_str());
     }
+    return done;
 }
 
-void set(Client &client, const Options &options) {
+int set(Client &client, const Options &options) {
     client.ask({{"op", "set"}, {"path", options.path}, {"values", values_of(options.words)}});
+    return done;
 }
 
-void add(Client &client, const Options &options) {
+int add(Client &client, const Options &options) {
     std::vector<std::string> words = options.words;
     Json message{{"op", "add"}, {"path", options.path}};
     if (!words.empty() && words.front().find('=') == std::string::npos) {
@@ -121,13 +163,15 @@ void add(Client &client, const Options &options) {
         print_json({{"name", name}});
     else
         std::printf("%s.%s\n", options.path.c_str(), name.c_str());
+    return done;
 }
 
-void del(Client &client, const Options &options) {
+int del(Client &client, const Options &options) {
     client.ask({{"op", "del"}, {"path", options.path}});
+    return done;
 }
 
-void watch(Client &client, const Options &options) {
+int watch(Client &client, const Options &options) {
     client.ask({{"op", "watch"}, {"path", options.path}});
     while (const auto event = client.next()) {
         if (options.script) {
@@ -143,12 +187,12 @@ void watch(Client &client, const Options &options) {
     throw Unreachable(options.socket + ": the host has gone");
 }
 
-void trace(Client &client, const Options &options) {
+int trace(Client &client, const Options &options) {
     client.send({{"op", "trace"}, {"lines", options.lines}, {"follow", options.follow}});
     while (const auto line = client.next()) {
         if (line->contains("ok")) {
             if (!options.follow)
-                return;
+                return done;
             continue;
         }
         if (options.script) {
@@ -176,10 +220,11 @@ struct Command {
     const char *name;
     const char *help;
     const char *words;
-    void (*run)(Client &client, const Options &options);
+    int (*run)(Client &client, const Options &options);
 };
 
 const Command commands[] = {
+    {"why", "tell what keeps an STB from its service, or each that is not served", nullptr, why},
     {"get", "print an object and what is below it, or single parameters of it", "PARAMETER", get},
     {"set", "write parameters of an object; several at once are one change", "NAME=VALUE", set},
     {"add", "add an instance, named by the key or by the model", "[KEY] NAME=VALUE", add},
@@ -205,13 +250,18 @@ int main(int argc, char **argv) {
     app.set_version_flag("--version", "keelctl 1.0");
     app.add_option("--socket", options.socket, "the host's socket")->capture_default_str();
     app.add_flag("-S", options.script, "print JSON lines, for scripts, errors on stderr among them");
-    app.footer("Exit status: 0 done, 1 refused or not understood, 2 the host cannot be reached.");
+    app.footer("Exit status: 0 done, 1 refused or not understood, 2 the host cannot be reached, 3 an STB is not served "
+               "(why).");
     app.require_subcommand(0, 1);
     app.fallthrough(); /* its options are taken after a command, too */
-    void (*run)(Client &, const Options &) = status;
+    int (*run)(Client &, const Options &) = status;
     for (const Command &command : commands) {
         CLI::App *sub = app.add_subcommand(command.name, command.help);
         sub->callback([&run, &command] { run = command.run; });
+        if (command.run == why) {
+            sub->add_option("stb", options.path, "its host name, MAC address, IPv4 address or identifier");
+            continue;
+        }
         if (!command.words) {
             sub->add_flag("-f,--follow", options.follow, "go on with those to come");
             sub->add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
@@ -230,8 +280,7 @@ int main(int argc, char **argv) {
     }
     try {
         Client client(options.socket);
-        run(client, options);
-        return 0;
+        return run(client, options);
     } catch (const Unreachable &failure) {
         return fail(options, unreachable, failure.what());
     } catch (const std::exception &failure) {

@@ -1,101 +1,21 @@
 #include "keelctl/status.h"
 
+#include <algorithm>
 #include <map>
-#include <set>
 #include <sstream>
-#include <vector>
 
 #include "host/base/text_forms.h"
+#include "keelctl/diagnosis.h"
 
 namespace keelctl {
 
 namespace {
-
-Json child(const Json &tree, const std::string &name) {
-    for (const Json &one : tree["children"])
-        if (one["name"] == name)
-            return one;
-    return {{"name", name}, {"parameters", Json::object()}, {"children", Json::array()}};
-}
-
-Json descend(Json tree, std::initializer_list<const char *> names) {
-    for (const char *name : names)
-        tree = child(tree, name);
-    return tree;
-}
-
-/* By value: a loop over it keeps it alive. */
-Json children(const Json &tree, std::initializer_list<const char *> names) {
-    return descend(tree, names)["children"];
-}
-
-std::string text(const Json &tree, const char *parameter) {
-    const Json &value = tree["parameters"].value(parameter, Json());
-    return value.is_string() ? value.get<std::string>() : value.is_null() ? "" : value.dump();
-}
-
-bool flag(const Json &tree, const char *parameter) {
-    const Json &value = tree["parameters"].value(parameter, Json());
-    return value.is_boolean() && value.get<bool>();
-}
-
-bool has_word(const std::string &words, const std::string &word) {
-    std::istringstream stream(words);
-    for (std::string one; stream >> one;)
-        if (one == word)
-            return true;
-    return false;
-}
 
 /* "0a140002" as "10.20.0.2"; "" for none. */
 std::string server_address(const std::string &hex) {
     const auto bytes = keel::parse_hex(hex);
     const std::uint32_t address = bytes && bytes->size() == 4 ? keel::network_number(bytes->data()) : 0;
     return address == 0 ? "" : keel::format_ipv4(address);
-}
-
-/* An instance, empty when there is none. */
-Json instance(Client &client, const std::string &parent, const std::string &name) {
-    return name.empty() ? child({{"children", Json::array()}}, name) : client.tree(parent + "." + name);
-}
-
-/* The interfaces that are looked at, asked for one by one: a gateway may have many that have nothing to do with IPTV.
- */
-class Interfaces {
-public:
-    explicit Interfaces(Client &client) : client_(client) {}
-
-    const Json &operator[](const std::string &name) {
-        const auto found = known_.find(name);
-        return found != known_.end() ? found->second : known_[name] = instance(client_, "Weft.Intf", name);
-    }
-
-private:
-    Client &client_;
-    std::map<std::string, Json> known_;
-};
-
-/* "iptv" and all below it, breadth first as the plug-in looks for them. */
-std::vector<std::string> iptv_stack(Interfaces &interfaces) {
-    std::vector<std::string> stack{"iptv"};
-    std::set<std::string> seen;
-    for (std::size_t i = 0; i < stack.size(); ++i) {
-        std::istringstream links(text(interfaces[stack[i]], "LowerLayers"));
-        for (std::string lower; links >> lower;)
-            if (seen.insert(lower).second)
-                stack.push_back(lower);
-    }
-    return stack;
-}
-
-/* The network device that carries IPTV. */
-std::string iptv_device(Interfaces &interfaces) {
-    for (const std::string &name : iptv_stack(interfaces)) {
-        const std::string flags = text(interfaces[name], "Flags");
-        if (has_word(flags, "netdev") && has_word(flags, "up"))
-            return name;
-    }
-    return "";
 }
 
 /* ------------------------------------------------------------------------------------------------ sub-modules */
@@ -110,7 +30,7 @@ std::string routed_state(const Json &service) {
 /* The stack without the routed mode's own clients. */
 std::string wan_mode_state(const Json &steward, Interfaces &interfaces) {
     std::string stack;
-    for (const std::string &name : iptv_stack(interfaces)) {
+    for (const std::string &name : interfaces.stack("iptv")) {
         const Json &one = interfaces[name];
         if (has_word(text(one, "Flags"), "zep-dhcp"))
             continue;
@@ -124,7 +44,7 @@ std::string wan_mode_state(const Json &steward, Interfaces &interfaces) {
 
 std::string isolation_state(Interfaces &interfaces) {
     std::string devices;
-    for (const std::string &name : iptv_stack(interfaces)) {
+    for (const std::string &name : interfaces.stack("iptv")) {
         const std::string flags = text(interfaces[name], "Flags");
         const bool isolated = (has_word(flags, "vlan") || has_word(flags, "atm")) && has_word(flags, "netdev") &&
                               has_word(flags, "up") && !has_word(flags, "zep-lan-iptv");
@@ -177,15 +97,6 @@ Json device_json(const Json &stored, const std::map<std::string, Json> &leases, 
     return device;
 }
 
-std::string pad(std::string field, std::size_t width) {
-    field.resize(std::max(width, field.size()), ' ');
-    return field;
-}
-
-std::string or_none(const std::string &value) {
-    return value.empty() || value == "0.0.0.0" ? "none" : value;
-}
-
 } // namespace
 
 Json gather_status(Client &client) {
@@ -193,9 +104,15 @@ Json gather_status(Client &client) {
     const Json service = child(keel, "Zephyrin");
     Interfaces interfaces(client);
     auto leases = iptv_leases(client);
-    const std::string device = iptv_device(interfaces);
+    const std::string device = interfaces.device_below("iptv", true);
+
+    Gateway gateway(client, Gateway::Devices::Iptv);
+    Json stbs = Json::array();
+    const std::string head = headline(gateway, &stbs);
 
     Json status{
+        {"headline", head},
+        {"stbs", stbs},
         {"store_error", text(client.tree("KeelHost"), "StoreError")},
         {"enabled", flag(service, "Enable")},
         {"mode", text(service, "Mode")},
@@ -250,6 +167,9 @@ std::string print_status(const Json &status, bool colours) {
     out << shade("IPTV", "1") << "  " << (status["enabled"] == true ? "enabled" : "disabled") << ", "
         << status["mode"].get<std::string>() << " over the " << status["interface"].get<std::string>()
         << " interface\n";
+    const auto &stbs = status["stbs"];
+    const bool dark = std::any_of(stbs.begin(), stbs.end(), [](const Json &stb) { return stb["served"] != true; });
+    out << "  " << shade(status["headline"], dark ? "31" : "32") << "\n";
     if (!status["store_error"].get<std::string>().empty())
         out << "  " << shade("store", "31")
             << "    nothing is stored, the service runs from memory: " << status["store_error"].get<std::string>()

@@ -76,7 +76,7 @@ public:
     Host(UvLoop &loop, const Options &options)
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
           store_(loop_, model_, options.store), cleaned_((drop_leftovers(model_), true)), settings_(model_),
-          control_(loop_, model_, options.socket, [this] { return store_.flush(); }), tables_(loop_),
+          control_(loop_, model_, options.socket, {[this] { return store_.flush(); }, {}}), tables_(loop_),
           kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
           firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -50,7 +51,7 @@ protected:
             UvLoop loop;
             Model model(loop);
             model.load_file(SOURCE_DIR "/share/gateway.json");
-            Control control(loop, model, path, [] { return std::string(); });
+            Control control(loop, model, path, {[] { return std::string(); }, {}});
             trace(Level::Warning, "test", "a trace line");
             uv_signal_t end;
             uv_signal_init(loop.handle(), &end);
@@ -150,6 +151,8 @@ TEST_F(ControlTest, TheStateIsTheDefaultView) {
           "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0109 MACAddress=02:00:00:00:00:09"})
         EXPECT_NE(type(line).find("[0]"), std::string::npos) << line;
     EXPECT_EQ(type(""), "IPTV  enabled, Routed over the Dedicated interface\n"
+                        "  0 of 2 STBs served: 02:00:00:00:00:01 has no address in force, 02:00:00:00:00:09 has no "
+                        "identity yet\n"
                         "  device   eth1.20\n"
                         "  servers  NTP 10.20.0.2, WWW none\n"
                         "  routed   1 identity\n"
@@ -167,6 +170,163 @@ TEST_F(ControlTest, TheStateIsTheDefaultView) {
                         "Leases without an identity\n"
                         "  zep_stb  192.168.1.21     02:00:00:00:00:09  held: not served\n[0]");
     EXPECT_NE(type("-S").find("\"wan_address\":\"10.20.0.7\""), std::string::npos);
+}
+
+/* An STB that holds nothing more than a lease of the given class on hold, and the operator's side of it. */
+constexpr const char *bedroom[] = {
+    "add Hosts.Host 02:00:00:00:00:01 MACAddress=02:00:00:00:00:01 Active=true Port=lan1",
+    "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0101 ClientID=0101 IPAddress=192.168.1.20 OnHold=true",
+    "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0101 HostName=bedroom VendorClass=zep-stb "
+    "MACAddress=02:00:00:00:00:01",
+    "set Weft.Intf.eth1.20 'Flags=netdev up'",
+    "add Keel.Zephyrin.ClientLease 0101 Name=0101 ClientIDOffset=0 DHCPCStatus=Unconnected",
+    "add Keel.Zephyrin.ClientLease.0101.ServerLease 0101 Id=0101 DeviceType=STB IPAddress=192.168.1.20",
+    "add Weft.Intf dhcp_zep_0101 DHCPStatus=Selecting",
+    "set Weft.Intf.dhcp_zep_0101.SentOption.61 Value=01aabb",
+    "add DHCPv4.Client dhcp_zep_0101"};
+
+TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
+    const auto ago = [](int seconds) { return std::to_string(std::time(nullptr) - seconds); };
+    const auto in = [](int seconds) { return std::to_string(std::time(nullptr) + seconds); };
+    for (const char *line : bedroom)
+        ASSERT_TRUE(type(line).ends_with("[0]")) << line;
+
+    /* What is written, and what "why" says then. */
+    const std::string client = "set DHCPv4.Client.dhcp_zep_0101 ";
+    const std::string identity = "set Keel.Zephyrin.ClientLease.0101 ";
+    const std::string lease = "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0101 ";
+    const struct {
+        std::vector<std::string> written;
+        std::vector<std::string> said;
+    } steps[] = {
+        {{client + "Unanswered=7 LastError='no answer' UnansweredSince=" + ago(300) + " NextTry=" + in(94),
+          identity + "DHCPCStatus=Unleased", lease + "OnHold=false"},
+         {"bedroom  02:00:00:00:00:01  192.168.1.20  waits for the operator\n",
+          "broken lease     no answer to DISCOVER "
+          "on eth1.20 since ",
+          " (7 sent); the STB has a stop-gap lease of 300 s; next try in 9", "5 min ago\n"}},
+        {{client +
+          "Unanswered=0 Server=10.20.0.1 LastError='refused by 10.20.0.1' Refusals=12 RefusedSince=" + ago(185)},
+         {"10.20.0.1 refused (NAK) identifier 01aabb, 12 times in 3 min", "is refused by the operator"}},
+        {{client + "Refusals=0 LastError='udhcpc cannot be started: no such file'"},
+         {"broken client    udhcpc cannot be started: no such file"}},
+        {{"set Weft.Intf.eth1.20 Flags=netdev", client + "Since=" + ago(90)},
+         {"broken client    eth1.20 has no carrier", "90 s ago"}},
+        {{"set Weft.Intf.eth1.20 'Flags=netdev up'", client + "LastError=",
+          "set Weft.Intf.dhcp_zep_0101 DHCPStatus=Bound", identity + "DHCPCStatus=Connected IPAddress=10.20.0.51"},
+         {"10.20.0.51 is not on eth1.20"}},
+        {{"add Weft.Intf.eth1.20.IPv4Addr 1 Address=10.20.0.51 PrefixLen=24 Status=Enabled",
+          "add Firewall.Missing 1 Table=nat Chain=POSTROUTING_zep Address=192.168.1.20 "
+          "'What=the SNAT rule for 192.168.1.20' NextTry=" +
+              in(59) + " Since=" + ago(3)},
+         {"broken rules     the SNAT rule for 192.168.1.20 is not in POSTROUTING_zep; keelhost puts it back in 5"}},
+        {{"del Firewall.Missing.1", "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=192.0.2.1 "
+                                    "Status=error"},
+         {"broken routes    10.60.0.0/24 via 192.0.2.1: the next hop is not on 10.20.0.0/24; the operator's option 121 "
+          "is wrong"}},
+        {{"set Weft.Intf.eth1.20.IPv4Route.zep_0 Gateway=10.20.0.1 Status=Enabled",
+          "set TIDE.Intf.iptv ClientEnable=true MRTIIFEnable=true WANEnable=true Status=Error",
+          "add TIDE.Group 1 Address=239.1.2.3 Port=lan1 State=NotAsked"},
+         {"broken multicast joined 239.1.2.3 on port lan1; the daemon does not run: it ends, or cannot be started"}},
+        {{"set TIDE.Intf.iptv Status=Running Process=77"},
+         {"joined 239.1.2.3 on port lan1; the daemon does not forward", "process 77 hangs"}},
+        {{"set TIDE.Group.1 State=NoStream"}, {"has asked the operator for it, and nothing comes"}},
+        {{"set Keel.Zephyrin Enable=false"}, {"broken service   the IPTV service is disabled"}},
+    };
+    for (const auto &[written, said] : steps) {
+        for (const std::string &line : written)
+            ASSERT_TRUE(type(line).ends_with("[0]")) << line << type(line);
+        const std::string told = type("why bedroom");
+        for (const std::string &words : said)
+            EXPECT_NE(told.find(words), std::string::npos) << words << "\n" << told;
+        EXPECT_TRUE(told.ends_with("[3]")) << told;
+        EXPECT_EQ(type("why"), told) << "the only one that is not served";
+    }
+    EXPECT_TRUE(type("set Keel.Zephyrin Enable=true").ends_with("[0]"));
+    EXPECT_TRUE(type("set TIDE.Group.1 State=Forwarded").ends_with("[0]"));
+    EXPECT_NE(type("why 02:00:00:00:00:01").find("is served\n  ok     service"), std::string::npos);
+    EXPECT_EQ(type("why"), "all STBs on the LAN are served\n[0]");
+    EXPECT_NE(type("").find("\n  1 of 1 STB served\n"), std::string::npos);
+    EXPECT_TRUE(type("set Hosts.Host.02:00:00:00:00:01 Active=false").ends_with("[0]"));
+    EXPECT_NE(type("why 192.168.1.20").find("broken lan       it was seen behind lan1, and is not there any more"),
+              std::string::npos);
+    EXPECT_NE(type("why 02:00:00:00:00:77").find("it was never seen on the LAN"), std::string::npos);
+    EXPECT_NE(type("why attic").find("no device is known by \"attic\""), std::string::npos);
+}
+
+TEST_F(ControlTest, WhyTellsWhoTakesTheSlotsAndWhoHasAStrangeClass) {
+    const std::string leases = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease";
+    const std::string in_the_past = std::to_string(std::time(nullptr) - 17 * 3600);
+    for (const char number : std::string("12345")) {
+        const std::string id = std::string("010") + number;
+        const std::string mac = std::string("02:00:00:00:00:0") + number;
+        for (const std::string &line :
+             {"add " + leases + " " + id + " ClientID=" + id + " IPAddress=192.168.1.2" + number + " HostName=stb" +
+                  number,
+              "set " + leases + "." + id + " VendorClass=zep-stb MACAddress=" + mac + " Expires=" + in_the_past,
+              "add Hosts.Host " + mac + " MACAddress=" + mac + " Active=" + (number == '3' ? "false" : "true"),
+              "add Keel.Zephyrin.ClientLease " + id + " Name=" + id +
+                  " DHCPCStatus=Connected ClientIDOffset=" + static_cast<char>(number - 1),
+              "add Keel.Zephyrin.ClientLease." + id + ".ServerLease " + id + " DeviceType=STB Id=" + id})
+            if (number != '5' || !line.starts_with("add Keel")) {
+                ASSERT_TRUE(type(line).ends_with("[0]")) << line;
+            }
+    }
+    const std::string told = type("why stb5");
+    EXPECT_NE(
+        told.find("4 of 4 identities are in use by stb1, stb2, stb3, stb4; the one longest absent, stb3, goes in 3"),
+        std::string::npos)
+        << told;
+    const std::string json = type("-S why stb5");
+    EXPECT_NE(json.find("\"cause\":\"slots_taken\",\"since\":0,\"evidence\":{\"identities\":4,"), std::string::npos)
+        << json;
+
+    for (const std::string &line :
+         {std::string("set Keel.Zephyrin MonoClient=true"),
+          std::string("add Keel.Zephyrin.ClientLease iptv Name=iptv ClientIDOffset=-1"),
+          std::string("add Keel.Zephyrin.ClientLease.iptv.ServerLease 0101 DeviceType=STB Id=0101"),
+          std::string("del Keel.Zephyrin.ClientLease.0101")})
+        ASSERT_TRUE(type(line).ends_with("[0]")) << line;
+    EXPECT_NE(type("why stb5").find("MonoClient is on and stb1 is served"), std::string::npos) << type("why stb5");
+
+    for (const char *line : {"add DHCPv4.Server.Pool.lan.Rule.1.Lease 0106 ClientID=0106 IPAddress=192.168.1.100",
+                             "set DHCPv4.Server.Pool.lan.Rule.1.Lease.0106 VendorClass=zepstb-v2 "
+                             "MACAddress=02:00:00:00:00:06 HostName=kitchen",
+                             "add Hosts.Host 02:00:00:00:00:06 MACAddress=02:00:00:00:00:06 Active=true"})
+        ASSERT_TRUE(type(line).ends_with("[0]")) << line;
+    for (const char *words : {"why kitchen", "why"})
+        EXPECT_NE(type(words).find("it asked with class \"zepstb-v2\"; rules know \"zep-stb\", \"zep-itf\"; it got a "
+                                   "PC's address, 192.168.1.100"),
+                  std::string::npos)
+            << words << type(words);
+}
+
+TEST_F(ControlTest, WhyTellsWhatTheSimplifiedModesLack) {
+    const std::string stb = "set Hosts.Host.02:00:00:00:00:01 ";
+    for (const char *line : bedroom)
+        ASSERT_TRUE(type(line).ends_with("[0]")) << line;
+    const struct {
+        std::string written;
+        std::string said;
+    } steps[] = {
+        {"set Keel.Zephyrin Mode=Simplified", "broken tag       Hosts.Host.02:00:00:00:00:01 is not tagged \"stb\""},
+        {stb + "'Tags=lan stb'", "broken address   it was seen with no IPv4 address"},
+        {stb + "IPAddress=192.168.1.20", "broken data      no device below \"data\" is up with an address: eth1.10 has "
+                                         "no carrier"},
+        {"set Weft.Intf.eth1.10 'Flags=netdev vlan up'", "eth1.10 has no IPv4 address"},
+    };
+    for (const auto &[written, said] : steps) {
+        ASSERT_TRUE(type(written).ends_with("[0]")) << written;
+        EXPECT_NE(type("why bedroom").find(said), std::string::npos) << type("why bedroom");
+    }
+    for (const char *line : {"set Weft.Intf.eth1.10 'Flags=netdev vlan up ipv4'",
+                             "add Firewall.Missing 1 Chain=FORWARD_ZEP_Services Address=192.168.1.20 What=rule",
+                             "set KeelHost.Script LastError='status 2: aux_rules A 192.168.1.20'"})
+        ASSERT_TRUE(type(line).ends_with("[0]")) << line;
+    EXPECT_NE(type("why bedroom").find("broken script    script failed with status 2: aux_rules A 192.168.1.20"),
+              std::string::npos);
+    EXPECT_TRUE(type("del Firewall.Missing.1").ends_with("[0]"));
+    EXPECT_TRUE(type("why bedroom").ends_with("[0]")) << type("why bedroom");
 }
 
 TEST_F(ControlTest, WhateverIsSentGetsAClearErrorAndTheHostGoesOn) {
@@ -207,7 +367,7 @@ TEST_F(ControlTest, OneHostASocket) {
     UvLoop loop;
     Model model(loop);
     model.load_file(SOURCE_DIR "/share/gateway.json");
-    EXPECT_THROW(Control(loop, model, path, [] { return std::string(); }), std::runtime_error);
+    EXPECT_THROW(Control(loop, model, path, {[] { return std::string(); }, {}}), std::runtime_error);
     EXPECT_EQ(type("get Keel IPTVMode"), "Dedicated\n[0]");
     const std::string missing = path;
     path += ".none";
@@ -227,7 +387,7 @@ TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
     for (const char *name : {"file", "link", "directory"}) {
         const std::string path = folder / name;
         try {
-            const Control control(loop, model, path, [] { return std::string(); });
+            const Control control(loop, model, path, {[] { return std::string(); }, {}});
             ADD_FAILURE() << path;
         } catch (const std::runtime_error &error) {
             EXPECT_EQ(error.what(), path + " is no socket, and is left as it is: move it away, or choose another path");
@@ -235,7 +395,7 @@ TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
     }
     const fs::path socket = folder / "some" / "where" / "socket";
     {
-        const Control control(loop, model, socket, [] { return std::string(); });
+        const Control control(loop, model, socket, {[] { return std::string(); }, {}});
         EXPECT_EQ(fs::status(socket.parent_path()).permissions(), fs::perms::owner_all);
         fs::remove(socket);
         std::ofstream(socket) << "not its own";
@@ -244,7 +404,7 @@ TEST(Control, WhatIsNoSocketIsLeftAloneAndAMissingFolderIsMade) {
     fs::remove(socket);
     fs::permissions(socket.parent_path(), fs::perms::owner_all | fs::perms::group_exec);
     {
-        const Control control(loop, model, socket, [] { return std::string(); });
+        const Control control(loop, model, socket, {[] { return std::string(); }, {}});
     }
     EXPECT_EQ(fs::status(socket.parent_path()).permissions(), fs::perms::owner_all | fs::perms::group_exec);
     EXPECT_FALSE(fs::exists(socket));

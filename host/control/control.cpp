@@ -83,8 +83,8 @@ struct Control::Client {
     }
 };
 
-Control::Control(UvLoop &loop, Model &model, std::string socket_path, std::function<std::string()> make_safe)
-    : loop_(loop), model_(model), path_(std::move(socket_path)), make_safe_(std::move(make_safe)) {
+Control::Control(UvLoop &loop, Model &model, std::string socket_path, ControlActions actions)
+    : loop_(loop), model_(model), path_(std::move(socket_path)), actions_(std::move(actions)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path_.size() >= sizeof address.sun_path)
@@ -129,7 +129,7 @@ Control::~Control() {
 void Control::accept() {
     auto *client = new Client;
     client->owner = this;
-    client->conversation.emplace(model_, make_safe_, [client](const std::string &line) { client->send(line); });
+    client->conversation.emplace(model_, actions_, [client](const std::string &line) { client->send(line); });
     uv_pipe_init(loop_.handle(), &client->handle, 0);
     client->handle.data = client;
     clients_.insert(client);

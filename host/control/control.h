@@ -5,12 +5,12 @@
 #ifndef HOST_CONTROL_CONTROL_H
 #define HOST_CONTROL_CONTROL_H
 
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
 
 #include "host/base/uv_loop.h"
+#include "host/control/conversation.h"
 #include "host/model/model.h"
 
 namespace keel {
@@ -18,11 +18,9 @@ namespace keel {
 class Control {
 public:
     /* Listens on a Unix socket with mode 0600; its folder is made, with mode 0700, if there is none. The socket of a
-     * host that is gone is replaced. make_safe is called after each write and before its answer; when it says why the
-     * write is not safe, the answer does so, too. Throws std::runtime_error when the socket cannot be had, in
-     * particular when a living host listens on it, or when what is at its path is no socket, which is then left as it
-     * is. */
-    Control(UvLoop &loop, Model &model, std::string socket_path, std::function<std::string()> make_safe);
+     * host that is gone is replaced. Throws std::runtime_error when the socket cannot be had, in particular when a
+     * living host listens on it, or when what is at its path is no socket, which is then left as it is. */
+    Control(UvLoop &loop, Model &model, std::string socket_path, ControlActions actions);
     Control(const Control &) = delete;
     Control &operator=(const Control &) = delete;
     ~Control();
@@ -37,7 +35,7 @@ private:
     UvLoop &loop_;
     Model &model_;
     std::string path_;
-    std::function<std::string()> make_safe_;
+    ControlActions actions_;
     Listener *listener_ = nullptr;
     std::set<Client *> clients_;
 };

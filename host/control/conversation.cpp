@@ -115,9 +115,9 @@ Json trace_json(const TraceLine &line) {
 
 } // namespace
 
-Conversation::Conversation(Model &model, const std::function<std::string()> &make_safe,
+Conversation::Conversation(Model &model, const ControlActions &actions,
                            std::function<void(const std::string &line)> send)
-    : model_(model), make_safe_(make_safe), send_(std::move(send)) {}
+    : model_(model), actions_(actions), send_(std::move(send)) {}
 
 Conversation::~Conversation() {
     end();
@@ -165,6 +165,12 @@ void Conversation::take(const std::string &line) {
             tell_traces(number_member(message, "lines", 100), message.value("follow", false));
             return;
         }
+        if (op == "look") {
+            if (actions_.look)
+                actions_.look();
+            send(line_of({{"ok", true}}));
+            return;
+        }
         path = text_member(message, "path");
         const Node *node = model_.find(path);
         if (op == "watch") {
@@ -192,7 +198,7 @@ void Conversation::take(const std::string &line) {
             throw std::invalid_argument("no operation \"" + op + "\"");
         }
         if (op != "get" && !refusal)
-            if (const std::string error = make_safe_(); !error.empty())
+            if (const std::string error = actions_.make_safe(); !error.empty())
                 refusal = Refusal{path, "done, but not stored, and lost at a restart until it is: " + error};
         send(refusal ? refusal_line(refusal->path, refusal->reason) : line_of(answer));
     } catch (const Json::exception &) {

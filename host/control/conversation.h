@@ -7,6 +7,7 @@
  *   {"op": "add", "path": "...", "key": "x", "values": {...}}   -> {"ok": true, "name": "x"}  (key optional)
  *   {"op": "del", "path": "..."}                         -> {"ok": true}
  *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
+ *   {"op": "look"}                                       -> {"ok": true}, with what only a look tells in the model
  *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
  * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
  * parameter's type wants. A tree is {"name", "parameters": {...}, "children": [...]}.
@@ -22,13 +23,18 @@
 
 namespace keel {
 
+struct ControlActions {
+    /* Called after each write and before its answer; when it says why the write is not safe, the answer does so. */
+    std::function<std::string()> make_safe;
+    /* Writes what is not followed all the time into the model; may be empty. */
+    std::function<void()> look;
+};
+
 class Conversation {
 public:
-    /* send takes each line for the client, its end included, also on later turns; it may end the conversation.
-     * make_safe is called after each write and before its answer; when it says why the write is not safe, the answer
-     * does so, too. The model must outlive it. */
-    Conversation(Model &model, const std::function<std::string()> &make_safe,
-                 std::function<void(const std::string &line)> send);
+    /* send takes each line for the client, its end included, also on later turns; it may end the conversation. Model
+     * and actions must outlive it. */
+    Conversation(Model &model, const ControlActions &actions, std::function<void(const std::string &line)> send);
     Conversation(const Conversation &) = delete;
     Conversation &operator=(const Conversation &) = delete;
     ~Conversation();
@@ -46,7 +52,7 @@ private:
     void watch(const std::string &path);
 
     Model &model_;
-    const std::function<std::string()> &make_safe_;
+    const ControlActions &actions_;
     std::function<void(const std::string &line)> send_;
     Model::WatchId watch_ = 0;
     std::uint64_t follower_ = 0;

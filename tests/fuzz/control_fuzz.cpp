@@ -66,13 +66,13 @@ private:
     SimLoop loop_;
     Model model_{loop_};
     bool safe_ = true;
-    const std::function<std::string()> make_safe_ = [this] { return std::string(safe_ ? "" : "the disk is full"); };
+    const ControlActions actions_{[this] { return std::string(safe_ ? "" : "the disk is full"); }, {}};
     std::size_t heard_ = 0;
     std::size_t patience_ = 0; /* lines after which the client is gone */
     std::size_t answers_ = 0;
     bool done_ = false;
     bool gone_ = false;
-    Conversation client_{model_, make_safe_, [this](const std::string &line) { hear(line); }};
+    Conversation client_{model_, actions_, [this](const std::string &line) { hear(line); }};
 };
 
 } // namespace
