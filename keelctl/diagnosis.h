@@ -4,30 +4,12 @@
 #ifndef KEELCTL_DIAGNOSIS_H
 #define KEELCTL_DIAGNOSIS_H
 
-#include <cstdint>
 #include <string>
-#include <vector>
 
 #include "keelctl/gateway.h"
+#include "keelctl/walk.h"
 
 namespace keelctl {
-
-struct Link {
-    const char *name; /* of a fixed set: service, lan, class, identity, client, ... */
-    bool ok;
-    std::string text;
-};
-
-struct Diagnosis {
-    std::vector<Link> links; /* as far as looked at: the last one is the broken one, if any is */
-    std::string cause;       /* of a fixed set, such as "operator_silent"; "" when the device is served */
-    std::string brief;       /* the same in a few words after its name: "waits for the operator" */
-    std::int64_t since = 0;  /* in seconds since 1970; 0: not known */
-    std::string remedy;      /* what to do about it */
-    Json evidence = Json::object();
-
-    bool served() const { return cause.empty(); }
-};
 
 Diagnosis diagnose(Gateway &gateway, const Device &device);
 

@@ -4,35 +4,10 @@
 #ifndef KEELCTL_WAN_LINKS_H
 #define KEELCTL_WAN_LINKS_H
 
-#include <string>
-#include <utility>
-
-#include "keelctl/diagnosis.h"
+#include "keelctl/gateway.h"
+#include "keelctl/walk.h"
 
 namespace keelctl {
-
-/* Notes the links as they are walked; what it returns tells whether to go on. */
-class Walk {
-public:
-    bool ok(const char *link, std::string text) {
-        diagnosis.links.push_back({link, true, std::move(text)});
-        return true;
-    }
-
-    bool broken(const char *link, const char *cause, std::string brief, std::int64_t since, std::string text,
-                std::string remedy) {
-        diagnosis.links.push_back({link, false, std::move(text)});
-        diagnosis.cause = cause;
-        diagnosis.brief = std::move(brief);
-        diagnosis.since = since;
-        diagnosis.remedy = std::move(remedy);
-        return false;
-    }
-
-    void evidence(const char *name, Json value) { diagnosis.evidence[name] = std::move(value); }
-
-    Diagnosis diagnosis;
-};
 
 /* Of a device that has an identity: its client, what the operator says to it, and its address on the interface. */
 bool has_wan_lease(Gateway &gateway, const Device &device, Walk &walk);
