@@ -73,7 +73,7 @@ bool operator_answers(Gateway &gateway, const WanClient &client, const Device &d
     walk.evidence("answered", number(client.exchange, "Answered"));
     walk.evidence("next_try", client.next_try);
     walk.evidence("stop_gap", client.status == "Unleased" && !device.held);
-    if (refusals > 0) {
+    if (refusals > 0 && unanswered < 3) { /* else it answers no more */
         const std::int64_t since = number(client.exchange, "RefusedSince");
         const std::string server = text(client.exchange, "Server");
         walk.evidence("refusals", refusals);
@@ -178,6 +178,7 @@ bool rules_are_missing(const Gateway &gateway, const Device &device) {
 
 bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
     std::string told;
+    bool its_own = false; /* the rule that is told of is the device's, which says more than one of all */
     std::int64_t since = 0;
     std::int64_t next = 0;
     Json rules = Json::array();
@@ -185,8 +186,10 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
         if (!text(one, "Address").empty() && text(one, "Address") != device.address)
             continue;
         rules.push_back({{"table", text(one, "Table")}, {"chain", text(one, "Chain")}, {"rule", text(one, "Rule")}});
-        if (told.empty())
+        if (told.empty() || (!its_own && !text(one, "Address").empty())) {
             told = text(one, "What") + " is not in " + text(one, "Chain");
+            its_own = !text(one, "Address").empty();
+        }
         since = since == 0 ? number(one, "Since") : std::min(since, number(one, "Since"));
         next = std::max(next, number(one, "NextTry"));
     }
@@ -196,9 +199,12 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
         told += ", and " + std::to_string(rules.size() - 1) + " more";
     walk.evidence("missing", rules);
     return walk.broken("rules", "rules_missing", "has lost its rules", since,
-                       told + "; keelhost puts it back" +
-                           (next > gateway.now ? " in " + duration(next - gateway.now) : " now"),
-                       "somebody else flushes the tables: have the box's own firewall leave these chains alone");
+                       told + (next > gateway.now ? "; keelhost puts it back in " + duration(next - gateway.now)
+                               : next != 0        ? "; keelhost puts it back now"
+                                                  : ", and has never been"),
+                       next != 0
+                           ? "somebody else flushes the tables: have the box's own firewall leave these chains alone"
+                           : "iptables refused it: keelctl trace and keelhost's stderr tell the reason");
 }
 
 bool has_routes(Gateway &gateway, Walk &walk) {

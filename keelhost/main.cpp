@@ -18,8 +18,10 @@
 #include "host/gateway/interface_state.h"
 #include "host/gateway/leftovers.h"
 #include "host/gateway/settings.h"
+#include "host/gateway/wan_troubles.h"
 #include "host/linux/chains.h"
 #include "host/linux/child.h"
+#include "host/linux/firewall_check.h"
 #include "host/linux/firewall_policy.h"
 #include "host/linux/host_lock.h"
 #include "host/linux/kernel.h"
@@ -70,6 +72,22 @@ void provide_wan_address(const InterfaceGraph &graph) {
     setenv("WAN_ADDR", mac.c_str(), 1);
 }
 
+/* What a script of the plug-in could not do, until the same one can. */
+void note_script(Loop &loop, Model &model, const std::vector<std::string> &argv, int status, const std::string &said) {
+    constexpr const char *path = "KeelHost.Script";
+    std::string command = std::filesystem::path(argv.front()).filename();
+    for (std::size_t i = 1; i < argv.size(); ++i)
+        command += " " + argv[i];
+    if (status != 0) {
+        const std::string error = command + ": status " + std::to_string(status) + (said.empty() ? "" : ", " + said);
+        trace(Level::Error, "process", "%s", error.c_str());
+        if (model.find(path))
+            model.set(path, {{"LastError", error}, {"Since", static_cast<std::int64_t>(loop.wall_clock_s())}});
+    } else if (model.text(path, "LastError").starts_with(command + ":")) {
+        model.set(path, {{"LastError", std::string()}, {"Since", std::int64_t{0}}});
+    }
+}
+
 /* Everything in the order in which it is made; it goes in the reverse order. */
 class Host {
 public:
@@ -89,10 +107,17 @@ public:
           lan_server_(loop_, model_, lan_port_),
           wan_clients_(loop_, graph_, options.udhcpc, options.share + "/udhcpc-report.sh",
                        {options.socket, options.store, options.store + "-wal", options.store + "-shm"}),
-          runner_(loop_) {
+          wan_troubles_(loop_, model_),
+          runner_(loop_, [this](const std::vector<std::string> &argv, int status,
+                                const std::string &said) { note_script(loop_, model_, argv, status, said); }),
+          firewall_check_(std::make_unique<FirewallCheck>(loop_, graph_, options.share + "/chains.sh",
+                                                          std::filesystem::path(options.socket).parent_path())) {
         host_attach(loop_, graph_, runner_);
         provide_wan_address(graph_);
     }
+
+    /* What is taken away from here on is to go. */
+    void end() { firewall_check_.reset(); }
 
 private:
     UvLoop &loop_;
@@ -112,7 +137,9 @@ private:
     PacketLanPort lan_port_;
     LanDhcpServer lan_server_;
     WanClients wan_clients_;
+    WanTroubles wan_troubles_;
     UvProcessRunner runner_;
+    std::unique_ptr<FirewallCheck> firewall_check_;
 };
 
 /* With everything that is made here gone again. */
@@ -131,6 +158,7 @@ int serve(const Options &options, UvLoop &loop) {
     trace(Level::Info, "host", "up");
     loop.run();
     trace(Level::Info, "host", "stopping");
+    host.end();
     plugin_unload();
     loop.settle(settle_ms); /* what the plug-in has written last reaches kernel, clients and store */
     return 0;

@@ -4,6 +4,55 @@
 # tables is read once and changed at once: a table changes as a whole or not at all.
 set -eu
 
+# Each rule as iptables-save tells it. With the word "plan" this is all that happens: it is printed, for who looks whether
+# it still holds.
+plan='
+*raw
+:PREROUTING_zep_ACCEPT - [0:0]
+:PREROUTING_zep_DROP - [0:0]
+unhook PREROUTING PREROUTING_zep_ACCEPT
+unhook PREROUTING PREROUTING_zep_DROP
+# What is accepted on the IPTV interface besides the mapped WAN addresses: multicast and limited broadcast.
+-A PREROUTING_zep_ACCEPT -d 224.0.0.0/4 -j ACCEPT
+-A PREROUTING_zep_ACCEPT -d 255.255.255.255/32 -j ACCEPT
+-A PREROUTING_zep_DROP -j DROP
+# The jumps of the plug-in come after it: answers to the own DHCP clients of the gateway always arrive.
+once -A PREROUTING -p udp -m udp --dport 68 -j ACCEPT
+COMMIT
+
+*nat
+:POSTROUTING_IPTV - [0:0]
+:PREROUTING_IPTV - [0:0]
+:POSTROUTING_zep - [0:0]
+:PREROUTING_zep - [0:0]
+:POSTROUTING_ZEP - [0:0]
+once -A POSTROUTING -j POSTROUTING_IPTV
+once -A POSTROUTING -j POSTROUTING_ZEP
+once -A PREROUTING -j PREROUTING_IPTV
+COMMIT
+
+*filter
+:FORWARD_zep - [0:0]
+:IPTV_Out - [0:0]
+:FORWARD_IPTV2Lan - [0:0]
+:FORWARD_ZEP - [0:0]
+:FORWARD_ZEP_Services - [0:0]
+# The plug-in accepts what its devices send, and the policy of the firewall tells whether that holds on the IPTV
+# interface; an earlier version called FORWARD_zep directly. What comes in for the devices was mapped to them (DNAT), or
+# answers them.
+unhook FORWARD FORWARD_zep
+-A IPTV_Out -j FORWARD_zep
+once -A FORWARD -j FORWARD_IPTV2Lan
+once -A FORWARD -j FORWARD_ZEP
+once -A FORWARD -m conntrack --ctstate RELATED,ESTABLISHED,DNAT -j ACCEPT
+# What the multicast daemon forwards.
+once -A FORWARD -d 224.0.0.0/4 -j ACCEPT
+COMMIT'
+if [ "${1:-}" = plan ]; then
+    printf '%s\n' "$plan"
+    exit
+fi
+
 # Between reading and changing nobody else may change them. The lock is the firewall script's, too; what either has left
 # running when it was killed holds it, and ends before this begins.
 lock=/run/zep_firewall.lock
@@ -50,48 +99,7 @@ changes() {
 }
 
 saved=$(/usr/sbin/iptables-save)
-told=$(changes "$saved" '
-*raw
-:PREROUTING_zep_ACCEPT - [0:0]
-:PREROUTING_zep_DROP - [0:0]
-unhook PREROUTING PREROUTING_zep_ACCEPT
-unhook PREROUTING PREROUTING_zep_DROP
-# What is accepted on the IPTV interface besides the mapped WAN addresses: multicast and limited broadcast.
--A PREROUTING_zep_ACCEPT -d 224.0.0.0/4 -j ACCEPT
--A PREROUTING_zep_ACCEPT -d 255.255.255.255 -j ACCEPT
--A PREROUTING_zep_DROP -j DROP
-# The jumps of the plug-in come after it: answers to the own DHCP clients of the gateway always arrive.
-once -A PREROUTING -p udp -m udp --dport 68 -j ACCEPT
-COMMIT
-
-*nat
-:POSTROUTING_IPTV - [0:0]
-:PREROUTING_IPTV - [0:0]
-:POSTROUTING_zep - [0:0]
-:PREROUTING_zep - [0:0]
-:POSTROUTING_ZEP - [0:0]
-once -A POSTROUTING -j POSTROUTING_IPTV
-once -A POSTROUTING -j POSTROUTING_ZEP
-once -A PREROUTING -j PREROUTING_IPTV
-COMMIT
-
-*filter
-:FORWARD_zep - [0:0]
-:IPTV_Out - [0:0]
-:FORWARD_IPTV2Lan - [0:0]
-:FORWARD_ZEP - [0:0]
-:FORWARD_ZEP_Services - [0:0]
-# The plug-in accepts what its devices send, and the policy of the firewall tells whether that holds on the IPTV
-# interface; an earlier version called FORWARD_zep directly. What comes in for the devices was mapped to them (DNAT), or
-# answers them.
-unhook FORWARD FORWARD_zep
--A IPTV_Out -j FORWARD_zep
-once -A FORWARD -j FORWARD_IPTV2Lan
-once -A FORWARD -j FORWARD_ZEP
-once -A FORWARD -m conntrack --ctstate RELATED,ESTABLISHED,DNAT -j ACCEPT
-# What the multicast daemon forwards.
-once -A FORWARD -d 224.0.0.0/4 -j ACCEPT
-COMMIT')
+told=$(changes "$saved" "$plan")
 printf '%s\n' "$told" | /usr/sbin/iptables-restore --noflush -w 5
 
 # Each of these has no say of its own, and is called once from its built-in chain, after all that stands there.

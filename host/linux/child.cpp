@@ -1,5 +1,6 @@
 #include "host/linux/child.h"
 
+#include <cstdio>
 #include <unistd.h>
 
 #include <cerrno>
@@ -144,10 +145,17 @@ bool Child::wait(int milliseconds) const {
 bool UvProcessRunner::run(const std::vector<std::string> &argv, OnExit on_exit) {
     std::string error;
     const std::uint64_t number = ++started_;
+    const auto said = std::make_shared<std::string>();
     auto child = Child::start(
-        loop_, argv, nullptr,
-        [this, number, on_exit = std::move(on_exit)](int status) {
+        loop_, argv,
+        [said](const std::string &line) {
+            std::fprintf(stderr, "%s\n", line.c_str());
+            *said = line;
+        },
+        [this, number, argv, said, on_exit = std::move(on_exit)](int status) {
             running_.erase(number); /* what is called here stays until the child's handles are closed */
+            if (report_)
+                report_(argv, status, *said);
             on_exit(status);
         },
         &error);

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/base/process_runner.h"
@@ -52,12 +53,17 @@ private:
 /* Runs the programs of process objects: scripts, of which none may take longer than a minute. */
 class UvProcessRunner : public ProcessRunner {
 public:
-    explicit UvProcessRunner(UvLoop &loop) : loop_(loop) {}
+    /* How a program ended, with the last line that it printed. */
+    using Report = std::function<void(const std::vector<std::string> &argv, int status, const std::string &said)>;
+
+    /* What the programs print goes to the host's standard error; how they end is reported to who wants to know. */
+    explicit UvProcessRunner(UvLoop &loop, Report report = {}) : loop_(loop), report_(std::move(report)) {}
 
     bool run(const std::vector<std::string> &argv, OnExit on_exit) override;
 
 private:
     UvLoop &loop_;
+    Report report_;
     std::map<std::uint64_t, std::unique_ptr<Child>> running_;
     std::uint64_t started_ = 0;
 };

@@ -1,0 +1,272 @@
+#include "host/linux/firewall_check.h"
+
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <utility>
+
+#include "host/base/trace.h"
+#include "host/base/whole_file.h"
+#include "host/linux/program.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *missing_path = "Firewall.Missing";
+constexpr std::uint64_t settle_ms = 100;         /* from an event to the look: a command makes several */
+constexpr std::uint64_t look_every_ms = 1000;    /* at most */
+constexpr std::uint64_t look_again_ms = 500;     /* whether what is missing is only on its way */
+constexpr std::uint64_t look_missing_ms = 5000;  /* while something is missing */
+constexpr std::uint64_t look_without_ms = 60000; /* where the kernel does not tell of changes */
+constexpr std::uint64_t patience_ms = 2000;      /* before it is put back */
+constexpr std::uint64_t put_back_every_ms = 60000;
+constexpr int command_limit_ms = 7000; /* it waits up to 5 s for others */
+
+} // namespace
+
+struct FirewallCheck::Poll {
+    uv_poll_t handle;
+    FirewallCheck *owner;
+};
+
+FirewallCheck::FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder)
+    : loop_(loop), graph_(graph), model_(graph.model()), script_(std::move(script)),
+      file_(std::filesystem::path(folder) / "iptables.restore") {
+    if (!listen())
+        trace(Level::Info, "firewall",
+              "the kernel does not tell of changes to the rules: they are looked at once a minute");
+    read_plan();
+}
+
+FirewallCheck::~FirewallCheck() {
+    loop_.cancel_timer(looking_);
+    process_.reset();
+    for (const auto &[key, missing] : missing_)
+        forget(missing);
+    if (poll_) {
+        uv_poll_stop(&poll_->handle);
+        uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
+                 [](uv_handle_t *handle) { delete static_cast<Poll *>(handle->data); });
+    }
+    if (socket_ >= 0)
+        close(socket_);
+}
+
+/* --------------------------------------------------------------------------------------------------- when to look */
+
+bool FirewallCheck::listen() {
+    socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    const int group = NFNLGRP_NFTABLES;
+    if (socket_ < 0 || bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0 ||
+        setsockopt(socket_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
+        return false;
+    auto made = std::make_unique<Poll>(Poll{{}, this});
+    if (uv_poll_init(loop_.handle(), &made->handle, socket_) != 0)
+        return false;
+    poll_ = made.release();
+    poll_->handle.data = poll_;
+    wait_for_event();
+    return true;
+}
+
+/* What is told matters not, only that something is; the next events are let come until a look is due. */
+void FirewallCheck::wait_for_event() {
+    uv_poll_start(&poll_->handle, UV_READABLE, [](uv_poll_t *handle, int, int) {
+        uv_poll_stop(handle);
+        static_cast<Poll *>(handle->data)->owner->on_event();
+    });
+}
+
+void FirewallCheck::on_event() {
+    const std::uint64_t now = loop_.now_ms();
+    look_in(std::max(now + settle_ms, last_look_ms_ + look_every_ms) - now);
+}
+
+/* The earlier one of two counts. */
+void FirewallCheck::look_in(std::uint64_t milliseconds) {
+    const std::uint64_t at = loop_.now_ms() + milliseconds;
+    if (looking_ && look_at_ms_ <= at)
+        return;
+    loop_.cancel_timer(looking_);
+    look_at_ms_ = at;
+    looking_ = loop_.start_timer(milliseconds, [this] {
+        looking_ = 0;
+        if (planned_.empty())
+            read_plan();
+        else
+            look();
+    });
+}
+
+/* -------------------------------------------------------------------------------------------------------- looking */
+
+void FirewallCheck::read_plan() {
+    lines_.clear();
+    std::string error;
+    process_ = Child::start(
+        loop_, {script_, "plan"}, [this](const std::string &line) { lines_.push_back(line); },
+        [this](int status) {
+            process_.reset();
+            if (status == 0)
+                planned_ = planned_rules(lines_);
+            look_in(planned_.empty() ? look_without_ms : 0);
+        },
+        &error);
+    if (process_)
+        process_->limit(command_limit_ms);
+    else
+        look_in(look_without_ms);
+}
+
+void FirewallCheck::look() {
+    if (process_)
+        return;  /* looked() sees to the next */
+    if (poll_) { /* what comes from here on is another change */
+        std::array<char, 65536> rest;
+        for (int count = 0; count < 10000; ++count)
+            if (recv(socket_, rest.data(), rest.size(), 0) < 0 && errno != ENOBUFS)
+                break;
+        wait_for_event();
+    }
+    last_look_ms_ = loop_.now_ms();
+    saved_ = {};
+    std::string error;
+    process_ = Child::start(
+        loop_, {"/usr/sbin/iptables-save"}, [this](const std::string &line) { saved_.take(line); },
+        [this](int status) {
+            process_.reset();
+            if (status == 0) /* else what it thinks is on stderr */
+                looked();
+            else
+                look_in(look_without_ms);
+        },
+        &error);
+    if (process_)
+        process_->limit(command_limit_ms);
+    else
+        look_in(look_without_ms);
+}
+
+void FirewallCheck::looked() {
+    find_missing(expected_rules(planned_, graph_));
+    tell();
+    put_back();
+    const bool fresh = std::any_of(missing_.begin(), missing_.end(), [this](const auto &one) {
+        return loop_.now_ms() - one.second.found_ms < patience_ms;
+    });
+    if (!missing_.empty())
+        look_in(fresh ? look_again_ms : look_missing_ms);
+    else if (!poll_)
+        look_in(look_without_ms);
+}
+
+void FirewallCheck::find_missing(const std::vector<FirewallRule> &expected) {
+    std::set<std::string> keys;
+    std::map<std::string, Missing> before = std::exchange(missing_, {});
+    for (const FirewallRule &rule : expected) {
+        const std::string key = rule.key();
+        keys.insert(key);
+        if (saved_.has(rule)) {
+            stood_.insert(key);
+            continue;
+        }
+        const bool stood = stood_.contains(key);
+        if (!stood && !rule.certain)
+            continue;
+        Missing &missing = missing_[key];
+        const auto known = before.find(key);
+        if (known != before.end()) {
+            missing = std::move(known->second);
+            before.erase(known);
+        } else {
+            missing = {rule, loop_.now_ms(), static_cast<std::int64_t>(loop_.wall_clock_s()), stood, ""};
+        }
+    }
+    for (const auto &[key, gone] : before)
+        forget(gone);
+    std::erase_if(stood_, [&](const std::string &key) { return !keys.contains(key); });
+}
+
+/* ------------------------------------------------------------------------------------------- telling and putting back
+ */
+
+void FirewallCheck::forget(const Missing &missing) {
+    if (!missing.instance.empty())
+        model_.remove(join_path(missing_path, missing.instance));
+}
+
+void FirewallCheck::tell() {
+    const std::uint64_t now = loop_.now_ms();
+    std::size_t taken = 0;
+    const Missing *first = nullptr;
+    for (auto &[key, missing] : missing_) {
+        if (now - missing.found_ms < look_again_ms)
+            continue;
+        taken += missing.stood;
+        first = first || !missing.stood ? first : &missing;
+        const std::uint64_t next = std::max(next_put_back_ms_, missing.found_ms + patience_ms);
+        const std::uint64_t left_s = next > now ? (next - now + 500) / 1000 : 0;
+        const auto next_try = static_cast<std::int64_t>(loop_.wall_clock_s() + left_s);
+        if (!model_.find(missing_path))
+            continue;
+        if (missing.instance.empty())
+            model_.add(missing_path, std::nullopt,
+                       {{"Table", missing.rule.table},
+                        {"Chain", missing.rule.chain},
+                        {"Rule", missing.rule.rule},
+                        {"What", missing.rule.what},
+                        {"Address", missing.rule.address},
+                        {"Since", missing.since}},
+                       &missing.instance);
+        if (missing.stood)
+            model_.set(join_path(missing_path, missing.instance), {{"NextTry", next_try}});
+    }
+    if (first && !std::exchange(traced_, true))
+        trace(
+            Level::Warning, "firewall",
+            "%s is not in %s any more%s: somebody else changes the tables; what is missing is put back, once a minute",
+            first->rule.what.c_str(), first->rule.chain.c_str(),
+            taken > 1 ? (", nor are " + std::to_string(taken - 1) + " more rules").c_str() : "");
+    if (missing_.empty() && std::exchange(traced_, false))
+        trace(Level::Info, "firewall", "all rules are there again");
+}
+
+void FirewallCheck::put_back() {
+    const std::uint64_t now = loop_.now_ms();
+    std::vector<FirewallRule> rules;
+    for (const FirewallRule &rule : expected_rules(planned_, graph_)) /* in the order in which they belong */
+        if (missing_.contains(rule.key()))
+            rules.push_back(rule);
+    std::erase_if(rules, [&](const FirewallRule &rule) {
+        const Missing &missing = missing_.at(rule.key());
+        return !missing.stood || now - missing.found_ms < patience_ms;
+    });
+    if (rules.empty() || now < next_put_back_ms_)
+        return;
+    next_put_back_ms_ = now + put_back_every_ms;
+    if (restore(rules))
+        look_in(0);
+}
+
+/* Before the loop turns: the plug-in's own commands come before or after it, not in between. */
+bool FirewallCheck::restore(const std::vector<FirewallRule> &rules) {
+    std::string error;
+    std::optional<int> status;
+    if (write_whole_file(file_, restore_text(rules, saved_), &error))
+        status = run_and_wait({"/usr/sbin/iptables-restore", "--noflush", "-w", "5", file_}, command_limit_ms, &error);
+    if (status == 0)
+        return true;
+    trace(Level::Error, "firewall", "the rules cannot be put back: %s; it is tried again",
+          status ? ("iptables-restore ended with status " + std::to_string(*status)).c_str() : error.c_str());
+    return false;
+}
+
+} // namespace keel

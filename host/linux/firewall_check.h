@@ -1,0 +1,81 @@
+/*
+ * Whether the iptables rules of the service stand in the kernel; and putting back what somebody else has taken away.
+ */
+#ifndef HOST_LINUX_FIREWALL_CHECK_H
+#define HOST_LINUX_FIREWALL_CHECK_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/base/uv_loop.h"
+#include "host/gateway/graph.h"
+#include "host/linux/child.h"
+#include "host/linux/firewall_rules.h"
+
+namespace keel {
+
+/* Looks at the rules when the kernel tells that some of them have changed, at most once a second, and every few seconds
+ * while one is missing; where the kernel does not tell, once a minute.
+ *
+ * A rule that ought to stand and is not there, in two looks, is an instance of "Firewall.Missing". One that has stood
+ * before was taken away by somebody else: that is traced, and it is put back after two seconds, but not more often than
+ * once a minute, so that two that will not have each other's rules do not keep the machine busy. One that has never
+ * stood is for its owner to make, who knows why it could not be made. */
+class FirewallCheck {
+public:
+    /* The script is share/chains.sh; what iptables-restore reads is written into the folder. */
+    FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder);
+    FirewallCheck(const FirewallCheck &) = delete;
+    FirewallCheck &operator=(const FirewallCheck &) = delete;
+    ~FirewallCheck();
+
+private:
+    struct Poll; /* lives until libuv has closed it */
+    struct Missing {
+        FirewallRule rule;
+        std::uint64_t found_ms = 0;
+        std::int64_t since = 0;
+        bool stood = false;
+        std::string instance; /* of "Firewall.Missing"; "" while it is not told */
+    };
+
+    bool listen();
+    void wait_for_event();
+    void on_event();
+    void look_in(std::uint64_t milliseconds);
+    void read_plan();
+    void look();
+    void looked();
+    void find_missing(const std::vector<FirewallRule> &expected);
+    void tell();
+    void put_back();
+    bool restore(const std::vector<FirewallRule> &rules);
+    void forget(const Missing &missing);
+
+    UvLoop &loop_;
+    InterfaceGraph &graph_;
+    Model &model_;
+    std::string script_;
+    std::string file_;
+    int socket_ = -1;
+    Poll *poll_ = nullptr;
+    Loop::TimerId looking_ = 0;
+    std::uint64_t look_at_ms_ = 0; /* when that comes */
+    std::uint64_t last_look_ms_ = 0;
+    std::unique_ptr<Child> process_;
+    std::vector<std::string> lines_; /* of the plan */
+    std::vector<FirewallRule> planned_;
+    SavedRules saved_;
+    std::set<std::string> stood_; /* the keys of those expected that have stood in an earlier look */
+    std::map<std::string, Missing> missing_;
+    bool traced_ = false;
+    std::uint64_t next_put_back_ms_ = 0;
+};
+
+} // namespace keel
+
+#endif

@@ -1,0 +1,57 @@
+/*
+ * The iptables rules that ought to stand for the service, and those that do.
+ */
+#ifndef HOST_LINUX_FIREWALL_RULES_H
+#define HOST_LINUX_FIREWALL_RULES_H
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/gateway/graph.h"
+
+namespace keel {
+
+constexpr const char *concerns_nobody = "none";
+
+struct FirewallRule {
+    std::string table;
+    std::string chain;
+    std::string rule;    /* as iptables-save tells it, after "-A CHAIN " */
+    std::string what;    /* for people: "the SNAT rule for 192.168.1.20" */
+    std::string address; /* of the LAN device that needs it; "" for all of them, or concerns_nobody */
+    bool first = false;  /* it belongs before the others of its chain */
+    bool certain = true; /* false: it may be right that it does not stand, if it never has */
+
+    /* What tells it from all others. */
+    std::string key() const { return table + " " + chain + " " + rule; }
+};
+
+/* What iptables-save tells. */
+class SavedRules {
+public:
+    /* One line of it, in their order. */
+    void take(const std::string &line);
+    bool has(const FirewallRule &rule) const { return rules_.contains(rule.key()); }
+    bool has_chain(const std::string &table, const std::string &chain) const {
+        return chains_.contains(table + " " + chain);
+    }
+
+private:
+    std::string table_;
+    std::set<std::string> rules_;
+    std::set<std::string> chains_;
+};
+
+/* The rules of the chains' own set-up (share/chains.sh plan), from its lines. */
+std::vector<FirewallRule> planned_rules(const std::vector<std::string> &plan);
+/* All that ought to stand: the planned ones, and those that follow from the model, of the interfaces and the devices
+ * that are served in the mode. */
+std::vector<FirewallRule> expected_rules(const std::vector<FirewallRule> &planned, const InterfaceGraph &graph);
+/* What iptables-restore is told to put rules, and the chains that they need, back where they are not. */
+std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved);
+
+} // namespace keel
+
+#endif
