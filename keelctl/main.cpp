@@ -61,6 +61,7 @@ void print_tree(const Json &tree, const std::string &path) {
 }
 
 int status(Client &client, const Options &options) {
+    client.look();
     const Json gathered = gather_status(client);
     if (options.script)
         print_json(gathered);

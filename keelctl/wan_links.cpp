@@ -1,6 +1,7 @@
 #include "keelctl/wan_links.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "host/base/text_forms.h"
 
@@ -207,23 +208,31 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
                            : "iptables refused it: keelctl trace and keelhost's stderr tell the reason");
 }
 
+/* The operator's routes are made again and again while the kernel refuses them: so what counts is what it has sent. */
 bool has_routes(Gateway &gateway, Walk &walk) {
-    const std::string wire = gateway.interfaces.device_below("iptv", true);
-    const Json &interface = gateway.interfaces[wire];
+    const Json &interface = gateway.interfaces[gateway.interfaces.device_below("iptv", true)];
+    const auto made = children(interface, {"IPv4Route"});
     std::string in_force;
-    for (const Json &route : children(interface, {"IPv4Route"})) {
-        const std::string told = text(route, "Dst") + "/" + text(route, "DstLen") + " via " + text(route, "Gateway");
-        if (text(route, "Status") == "Enabled") {
+    for (const Json &sent : children(gateway.service, {"ClasslessStaticRoute"})) {
+        const std::string told =
+            text(sent, "Destination") + "/" + text(sent, "PrefixLength") + " via " + text(sent, "Router");
+        const bool enabled = std::any_of(made.begin(), made.end(), [&](const Json &route) {
+            return text(route, "Status") == "Enabled" && text(route, "Gateway") == text(sent, "Router") &&
+                   text(route, "Dst") == text(sent, "Destination") &&
+                   text(route, "DstLen") == text(sent, "PrefixLength");
+        });
+        if (enabled) {
             in_force += (in_force.empty() ? "" : ", ") + told;
             continue;
         }
         const auto subnets = subnets_of(interface);
-        const std::uint32_t hop = keel::ipv4_or_none(text(route, "Gateway"));
+        const std::uint32_t hop = keel::ipv4_or_none(text(sent, "Router"));
         const bool reachable =
             hop == 0 || std::any_of(subnets.begin(), subnets.end(), [&](const Subnet &one) { return one.has(hop); });
         if (subnets.empty() || reachable)
-            return walk.broken("routes", "route_refused", "has no route to its servers", 0,
-                               told + ": the kernel refused it", "keelctl trace tells its reason, in zone \"kernel\"");
+            return walk.broken("routes", "route_missing", "has no route to its servers", 0,
+                               told + ": it is not in the kernel",
+                               "keelctl trace tells what was refused, in zone \"kernel\"; it is tried every second");
         return walk.broken("routes", "route_unusable", "has no route to its servers", 0,
                            told + ": the next hop is not on " + subnets.front().told() +
                                "; the operator's option 121 is wrong",
@@ -249,11 +258,13 @@ bool has_multicast(Gateway &gateway, const Device &device, Walk &walk) {
                                                   : "the IPTV device has no IPv4 address"),
                            "it is started again by itself; keelctl trace tells the reason, in zone \"multicast\"");
     }
-    if (const std::string asleep = groups_on(groups, device.port, "NotAsked"); !asleep.empty())
-        return walk.broken("multicast", "daemon_hung", "gets no live picture", 0,
-                           "joined " + asleep + " on port " + device.port +
-                               "; the daemon does not forward: it has not asked the operator for it",
-                           "process " + text(daemon, "Process") + " hangs: kill it, and keelhost starts another");
+    for (const auto &[state, found] : {std::pair("NotAsked", "it has not asked the operator for it"),
+                                       std::pair("NotForwarded", "it comes from the operator and stops here")})
+        if (const std::string group = groups_on(groups, device.port, state); !group.empty())
+            return walk.broken("multicast", "daemon_hung", "gets no live picture", 0,
+                               "joined " + group + " on port " + device.port +
+                                   "; the daemon does not forward: " + found,
+                               "process " + text(daemon, "Process") + " hangs: kill it, and keelhost starts another");
     if (const std::string dry = groups_on(groups, device.port, "NoStream"); !dry.empty())
         return walk.broken("multicast", "no_stream", "gets no live picture", 0,
                            "joined " + dry + " on port " + device.port +

@@ -23,6 +23,7 @@
 #include "host/linux/child.h"
 #include "host/linux/firewall_check.h"
 #include "host/linux/firewall_policy.h"
+#include "host/linux/group_look.h"
 #include "host/linux/host_lock.h"
 #include "host/linux/kernel.h"
 #include "host/linux/kernel_tables.h"
@@ -94,9 +95,10 @@ public:
     Host(UvLoop &loop, const Options &options)
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
           store_(loop_, model_, options.store), cleaned_((drop_leftovers(model_), true)), settings_(model_),
-          control_(loop_, model_, options.socket, {[this] { return store_.flush(); }, {}}), tables_(loop_),
-          kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
-          firewall_policy_(loop_, graph_),
+          control_(loop_, model_, options.socket,
+                   {[this] { return store_.flush(); }, [this] { look_at_groups(graph_, tables_); }}),
+          tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
+          presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(
               loop_, tables_, model_.text(lan_server_path, "Interface"),

@@ -220,11 +220,14 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
           "'What=the SNAT rule for 192.168.1.20' NextTry=" +
               in(59) + " Since=" + ago(3)},
          {"broken rules     the SNAT rule for 192.168.1.20 is not in POSTROUTING_zep; keelhost puts it back in 5"}},
-        {{"del Firewall.Missing.1", "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=192.0.2.1 "
-                                    "Status=error"},
+        {{"del Firewall.Missing.1",
+          "add Keel.Zephyrin.ClasslessStaticRoute 1 Destination=10.60.0.0 PrefixLength=24 Router=192.0.2.1"},
          {"broken routes    10.60.0.0/24 via 192.0.2.1: the next hop is not on 10.20.0.0/24; the operator's option 121 "
           "is wrong"}},
-        {{"set Weft.Intf.eth1.20.IPv4Route.zep_0 Gateway=10.20.0.1 Status=Enabled",
+        {{"set Keel.Zephyrin.ClasslessStaticRoute.1 Router=10.20.0.1",
+          "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=10.20.0.1 Status=error"},
+         {"broken routes    10.60.0.0/24 via 10.20.0.1: it is not in the kernel"}},
+        {{"set Weft.Intf.eth1.20.IPv4Route.zep_0 Status=Enabled",
           "set TIDE.Intf.iptv ClientEnable=true MRTIIFEnable=true WANEnable=true Status=Error",
           "add TIDE.Group 1 Address=239.1.2.3 Port=lan1 State=NotAsked"},
          {"broken multicast joined 239.1.2.3 on port lan1; the daemon does not run: it ends, or cannot be started"}},

@@ -143,7 +143,7 @@ void FirewallCheck::look() {
         loop_, {"/usr/sbin/iptables-save"}, [this](const std::string &line) { saved_.take(line); },
         [this](int status) {
             process_.reset();
-            if (status == 0) /* else what it thinks is on stderr */
+            if (status == 0 && saved_.is_whole()) /* else what it thinks is on stderr */
                 looked();
             else
                 look_in(look_without_ms);

@@ -128,6 +128,8 @@ void SavedRules::take(const std::string &line) {
         chains_.insert(table_ + " " + line.substr(1, line.find(' ') - 1));
     } else if (line.starts_with(append)) {
         rules_.insert(rule_of(table_, line).key());
+    } else if (line == "COMMIT") {
+        table_.clear();
     }
 }
 

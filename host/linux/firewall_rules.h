@@ -33,6 +33,8 @@ class SavedRules {
 public:
     /* One line of it, in their order. */
     void take(const std::string &line);
+    /* Nothing is missing at its end. */
+    bool is_whole() const { return table_.empty(); }
     bool has(const FirewallRule &rule) const { return rules_.contains(rule.key()); }
     bool has_chain(const std::string &table, const std::string &chain) const {
         return chains_.contains(table + " " + chain);

@@ -70,6 +70,8 @@ public:
     std::string add_route(const KernelRoute &route);
     std::string delete_route(const KernelRoute &route);
     void probe(const KernelNeighbour &neighbour) { netlink_.probe(neighbour); }
+    /* Asked for at this moment, not kept. */
+    std::vector<KernelMembership> memberships(int bridge) { return netlink_.memberships(bridge); }
 
     /* Takes in what the kernel has told up to now, without waiting for the loop. */
     void catch_up() { events_.read(); }

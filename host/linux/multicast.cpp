@@ -156,7 +156,11 @@ void Multicast::failed(const std::string &reason) {
 }
 
 void Multicast::set_status(const char *status) {
+    if (model_.text(switches_path, "Status") != status && model_.get(switches_path, "Since"))
+        model_.set(switches_path, {{"Since", static_cast<std::int64_t>(loop_.wall_clock_s())}});
     model_.set(switches_path, {{"Status", std::string(status)}});
+    if (model_.get(switches_path, "Process"))
+        model_.set(switches_path, {{"Process", std::int64_t{process_ ? process_->pid() : 0}}});
 }
 
 } // namespace keel

@@ -1,5 +1,8 @@
 #include "host/linux/netlink.h"
 
+#include <arpa/inet.h>
+#include <linux/if_bridge.h>
+#include <linux/if_ether.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -276,25 +279,66 @@ bool Netlink::connect() {
     return true;
 }
 
+/* Takes the question. */
+int Netlink::ask(nl_msg *question, int (*take)(nl_msg *answer, void *to), void *to) {
+    const Message owned(question);
+    const Callbacks callbacks(nl_cb_alloc(NL_CB_DEFAULT));
+    if (!owned || !callbacks)
+        throw std::bad_alloc();
+    nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, take, to);
+    const int sent = socket_ ? nl_send_auto(socket_, owned.get()) : -NLE_BAD_SOCK;
+    return sent < 0 ? sent : nl_recvmsgs(socket_, callbacks.get());
+}
+
+std::vector<KernelMembership> Netlink::memberships(int bridge) {
+    struct Found {
+        int bridge;
+        std::vector<KernelMembership> all;
+    } found{bridge, {}};
+    const auto take = [](nl_msg *message, void *to) -> int {
+        auto &into = *static_cast<Found *>(to);
+        const nlmsghdr *header = nlmsg_hdr(message);
+        if (header->nlmsg_type != RTM_GETMDB && header->nlmsg_type != RTM_NEWMDB)
+            return NL_OK;
+        const auto *fixed = static_cast<const br_port_msg *>(nlmsg_data(header));
+        nlattr *table = nlmsg_find_attr(const_cast<nlmsghdr *>(header), sizeof *fixed, MDBA_MDB);
+        if (static_cast<int>(fixed->ifindex) != into.bridge || !table)
+            return NL_OK;
+        nlattr *entry = nullptr;
+        nlattr *one = nullptr;
+        int entries_left = 0;
+        int left = 0;
+        nla_for_each_nested(entry, table, entries_left) nla_for_each_nested(one, entry, left) {
+            br_mdb_entry joined{};
+            if (nla_type(one) != MDBA_MDB_ENTRY_INFO || nla_memcpy(&joined, one, sizeof joined) < int{sizeof joined} ||
+                joined.addr.proto != htons(ETH_P_IP))
+                continue;
+            into.all.push_back({static_cast<int>(joined.ifindex), format_ipv4(ntohl(joined.addr.u.ip4))});
+        }
+        return NL_OK;
+    };
+    nl_msg *question = nlmsg_alloc_simple(RTM_GETMDB, NLM_F_REQUEST | NLM_F_DUMP);
+    br_port_msg fixed{};
+    fixed.family = AF_BRIDGE;
+    if (question)
+        nlmsg_append(question, &fixed, sizeof fixed, NLMSG_ALIGNTO);
+    if (ask(question, take, &found) < 0)
+        connect();
+    return found.all;
+}
+
 std::optional<std::vector<KernelMessage>> Netlink::dump(KernelTable table, std::string *error) {
     std::vector<KernelMessage> all;
     int result = -NLE_DUMP_INTR;
     for (int attempt = 0; attempt < dump_attempts && result == -NLE_DUMP_INTR; ++attempt) {
         all.clear(); /* what changed meanwhile may be there twice or not at all */
-        const Message question(question_of(table));
-        const Callbacks callbacks(nl_cb_alloc(NL_CB_DEFAULT));
-        if (!question || !callbacks)
-            throw std::bad_alloc();
         const auto take = [](nl_msg *message, void *to) -> int {
             const auto record = read_kernel_message(nlmsg_hdr(message));
             if (record && !record->gone && !record->others)
                 static_cast<std::vector<KernelMessage> *>(to)->push_back(*record);
             return NL_OK;
         };
-        nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, take, &all);
-        result = socket_ ? nl_send_auto(socket_, question.get()) : -NLE_BAD_SOCK;
-        if (result >= 0)
-            result = nl_recvmsgs(socket_, callbacks.get());
+        result = ask(question_of(table), take, &all);
     }
     if (result >= 0)
         return all;

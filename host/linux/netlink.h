@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+struct nl_msg;
 struct nl_sock;
 struct nlmsghdr;
 
@@ -58,6 +59,12 @@ struct KernelForwarding {
     bool operator==(const KernelForwarding &) const = default;
 };
 
+/* A multicast group that devices behind a port of a bridge have joined. */
+struct KernelMembership {
+    int port = 0;
+    std::string group; /* dotted */
+};
+
 /* One message of the kernel: what there is, or is not any more. */
 struct KernelMessage {
     bool gone = false;
@@ -87,6 +94,9 @@ public:
      * it, also when it changes too fast to be read. */
     std::optional<std::vector<KernelMessage>> dump(KernelTable table, std::string *error);
 
+    /* The groups joined behind the ports of a bridge; empty also when the kernel does not tell. */
+    std::vector<KernelMembership> memberships(int bridge);
+
     /* Changes. Empty when done, else the kernel's reason. What is there already, or gone already, counts as done, but a
      * route that is there already does not. */
     std::string add_address(const KernelLink &link, const std::string &address, int prefix);
@@ -98,6 +108,7 @@ public:
 
 private:
     bool connect();
+    int ask(nl_msg *question, int (*take)(nl_msg *answer, void *to), void *to);
 
     nl_sock *socket_ = nullptr;
 };
