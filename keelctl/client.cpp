@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace keelctl {
 
@@ -76,12 +77,17 @@ void Client::look() {
     }
 }
 
-Json Client::tree(const std::string &path) {
+const Json &Client::tree(const std::string &path) {
+    const auto known = trees_.find(path);
+    if (known != trees_.end())
+        return known->second;
+    Json tree;
     try {
-        return ask({{"op", "get"}, {"path", path}})["tree"];
+        tree = ask({{"op", "get"}, {"path", path}})["tree"];
     } catch (const Refused &) {
-        return {{"name", ""}, {"parameters", Json::object()}, {"children", Json::array()}};
+        tree = {{"name", ""}, {"parameters", Json::object()}, {"children", Json::array()}};
     }
+    return trees_[path] = std::move(tree);
 }
 
 } // namespace keelctl

@@ -4,6 +4,7 @@
 #ifndef KEELCTL_CLIENT_H
 #define KEELCTL_CLIENT_H
 
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -40,13 +41,14 @@ public:
     std::optional<Json> next();
     /* Has the host look at what it does not follow by itself (the groups joined), and write it into the model. */
     void look();
-    /* The tree at a path, empty when there is none. */
-    Json tree(const std::string &path);
+    /* The tree at a path, empty when there is none; asked for once, so that all that is told of it is of one moment. */
+    const Json &tree(const std::string &path);
 
 private:
     int socket_;
     std::string name_;
     std::string input_;
+    std::map<std::string, Json> trees_;
 };
 
 } // namespace keelctl

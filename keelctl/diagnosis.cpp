@@ -190,7 +190,7 @@ bool has_data_interface(Gateway &gateway, Walk &walk) {
 }
 
 bool script_did_it(Gateway &gateway, const Device &device, Walk &walk) {
-    const Json script = gateway.client.tree("KeelHost.Script");
+    const Json script = child(gateway.client.tree("KeelHost"), "Script");
     const std::string error = text(script, "LastError");
     if (error.empty() || !rules_are_missing(gateway, device))
         return true;

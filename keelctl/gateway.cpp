@@ -39,31 +39,28 @@ void take_if_told(std::string &held, const std::string &told) {
 
 Gateway::Gateway(Client &asked, Devices which)
     : client(asked), interfaces(asked), now(static_cast<std::int64_t>(std::time(nullptr))),
-      service(asked.tree("Keel.Zephyrin")), clients(asked.tree("DHCPv4.Client")),
-      missing(asked.tree("Firewall.Missing")) {
-    if (which == Devices::All) {
+      service(child(asked.tree("Keel"), "Zephyrin")), clients(asked.tree("DHCPv4.Client")),
+      missing(child(asked.tree("Firewall"), "Missing")) {
+    if (which == Devices::All)
         for (const Json &pool : children(client.tree("DHCPv4.Server.Pool"), {}))
             take_pool(pool);
-        for (const Json &waiting : children(client.tree("DHCPv4.Server.Waiting"), {}))
-            take_waiting(waiting);
-        for (const Json &identity : children(service, {"ClientLease"}))
-            take_identity(identity);
-        for (const Json &host : children(client.tree("Hosts.Host"), {}))
-            take_host(host);
-        return;
-    }
-    for (const char *pool : iptv_pools)
-        take_pool(instance(client, "DHCPv4.Server.Pool", pool));
+    else
+        for (const char *pool : iptv_pools)
+            take_pool(instance(client, "DHCPv4.Server.Pool", pool));
     for (const Json &waiting : children(client.tree("DHCPv4.Server.Waiting"), {}))
         take_waiting(waiting);
     for (const Json &identity : children(service, {"ClientLease"}))
         take_identity(identity);
-    if (simplified()) /* any device may be tagged */
+    if (which == Devices::All || simplified()) { /* any device may be tagged */
         for (const Json &host : children(client.tree("Hosts.Host"), {}))
             take_host(host);
-    else
-        for (std::size_t i = 0; i < devices.size(); ++i)
-            take_host(instance(client, "Hosts.Host", devices[i].mac));
+        return;
+    }
+    std::vector<std::string> macs;
+    for (const Device &one : devices)
+        macs.push_back(one.mac);
+    for (const std::string &mac : macs)
+        take_host(instance(client, "Hosts.Host", mac));
 }
 
 Device &Gateway::device_with(const std::string &id) {

@@ -100,8 +100,7 @@ Json device_json(const Json &stored, const std::map<std::string, Json> &leases, 
 } // namespace
 
 Json gather_status(Client &client) {
-    const Json keel = client.tree("Keel");
-    const Json service = child(keel, "Zephyrin");
+    const Json service = child(client.tree("Keel"), "Zephyrin");
     Interfaces interfaces(client);
     auto leases = iptv_leases(client);
     const std::string device = interfaces.device_below("iptv", true);
@@ -110,26 +109,26 @@ Json gather_status(Client &client) {
     Json stbs = Json::array();
     const std::string head = headline(gateway, &stbs);
 
-    Json status{
-        {"headline", head},
-        {"stbs", stbs},
-        {"store_error", text(client.tree("KeelHost"), "StoreError")},
-        {"enabled", flag(service, "Enable")},
-        {"mode", text(service, "Mode")},
-        {"interface", text(service, "Interface")},
-        {"device", device},
-        {"ntp", server_address(text(service, "NTPServer"))},
-        {"www", server_address(text(service, "WWWServer"))},
-        {"modules",
-         {{"routed", routed_state(service)},
-          {"wanmode", wan_mode_state(client.tree("Steward"), interfaces)},
-          {"l2fw", isolation_state(interfaces)},
-          {"tide", daemon_state(child(client.tree("TIDE.Intf"), "iptv"))},
-          {"igdmap", mirror_state(child(service, "IGDMap"))},
-          {"firewall", firewall_state(child(client.tree("Firewall.Policy"), "IPTV2Lan"), text(service, "Mode"))}}},
-        {"routes", Json::array()},
-        {"identities", Json::array()},
-        {"waiting", Json::array()}};
+    Json status{{"headline", head},
+                {"stbs", stbs},
+                {"store_error", text(client.tree("KeelHost"), "StoreError")},
+                {"enabled", flag(service, "Enable")},
+                {"mode", text(service, "Mode")},
+                {"interface", text(service, "Interface")},
+                {"device", device},
+                {"ntp", server_address(text(service, "NTPServer"))},
+                {"www", server_address(text(service, "WWWServer"))},
+                {"modules",
+                 {{"routed", routed_state(service)},
+                  {"wanmode", wan_mode_state(client.tree("Steward"), interfaces)},
+                  {"l2fw", isolation_state(interfaces)},
+                  {"tide", daemon_state(descend(client.tree("TIDE"), {"Intf", "iptv"}))},
+                  {"igdmap", mirror_state(child(service, "IGDMap"))},
+                  {"firewall",
+                   firewall_state(descend(client.tree("Firewall"), {"Policy", "IPTV2Lan"}), text(service, "Mode"))}}},
+                {"routes", Json::array()},
+                {"identities", Json::array()},
+                {"waiting", Json::array()}};
     for (const Json &route : children(interfaces[device], {"IPv4Route"}))
         status["routes"].push_back({{"destination", text(route, "Dst") + "/" + text(route, "DstLen")},
                                     {"router", text(route, "Gateway")},

@@ -242,10 +242,10 @@ bool has_routes(Gateway &gateway, Walk &walk) {
 }
 
 bool has_multicast(Gateway &gateway, const Device &device, Walk &walk) {
-    const Json daemon = gateway.client.tree("TIDE.Intf.iptv");
+    const Json daemon = descend(gateway.client.tree("TIDE"), {"Intf", "iptv"});
     if (!flag(daemon, "ClientEnable"))
         return walk.ok("multicast", "off in this mode");
-    const Json groups = gateway.client.tree("TIDE.Group");
+    const Json groups = child(gateway.client.tree("TIDE"), "Group");
     const std::string joined = device.port.empty() ? "" : groups_on(groups, device.port, nullptr);
     const std::string status = text(daemon, "Status");
     const std::string told = joined.empty() ? "it has joined no group" : "joined " + joined + " on port " + device.port;
