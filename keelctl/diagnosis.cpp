@@ -83,7 +83,7 @@ std::string names_of(const Gateway &gateway, const Json &identity) {
 
 /* When an identity goes: two days after the last lease of its devices. 0 while one of them is there. */
 std::int64_t goes_at(const Gateway &gateway, const Json &identity) {
-    constexpr std::int64_t kept_s = 48 * 3600;
+    constexpr std::int64_t kept_s = 172800; /* 48 h */
     std::int64_t last = 0;
     for (const Json &stored : children(identity, {"ServerLease"})) {
         const Device *device = gateway.device(text(stored, "Id"));
@@ -212,14 +212,15 @@ void walk_chain(Gateway &gateway, const Device &device, Walk &walk) {
     }
     if (!has_pool(gateway, device, walk))
         return;
-    if (gateway.routed() && has_identity(gateway, device, walk) && has_wan_lease(gateway, device, walk) &&
-        has_rules(gateway, device, walk) && has_routes(gateway, walk))
+    if (gateway.routed() && !(has_identity(gateway, device, walk) && has_wan_lease(gateway, device, walk) &&
+                              has_rules(gateway, device, walk) && has_routes(gateway, walk)))
+        return;
+    if (device.held)
+        walk.broken("lease", "held", "is held", device.waits_since,
+                    "its lease is on hold, and there is nothing to wait for",
+                    "keelctl del its lease below DHCPv4.Server.Pool: it is reported anew when it asks");
+    else if (text(gateway.service, "Mode") == "Routed")
         has_multicast(gateway, device, walk);
-    else if (text(gateway.service, "Mode") == "Routed" && !gateway.routed())
-        has_multicast(gateway, device, walk);
-    else if (!gateway.routed() && device.held)
-        walk.broken("lease", "held", "is held", device.waits_since, "its lease is on hold in a mode that holds none",
-                    "report it");
 }
 
 /* "since 2 min", or nothing. */

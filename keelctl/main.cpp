@@ -116,7 +116,7 @@ Json object_at(Client &client, std::string *path, std::vector<std::string> *word
         const auto dot = path->rfind('.');
         const std::string parent = path->substr(0, dot == std::string::npos ? 0 : dot);
         const std::string name = path->substr(parent.empty() ? 0 : parent.size() + 1);
-        const Json tree = client.tree(parent);
+        Json tree = client.tree(parent);
         if (!words->empty() || !tree["parameters"].contains(name))
             throw;
         *path = parent;

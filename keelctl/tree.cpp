@@ -90,11 +90,13 @@ std::string or_none(const std::string &value) {
 std::string duration(std::int64_t seconds) {
     seconds = std::max<std::int64_t>(seconds, 0);
     const auto told = [](std::int64_t count, const char *unit) { return std::to_string(count) + " " + unit; };
+    constexpr std::int64_t hour = 3600;
+    constexpr std::int64_t day = 24 * hour;
     if (seconds < 120)
         return told(seconds, "s");
-    if (seconds < 2 * 3600)
+    if (seconds < 2 * hour)
         return told(seconds / 60, "min");
-    return seconds < 3 * 86400 ? told(seconds / 3600, "h") : told(seconds / 86400, "days");
+    return seconds < 3 * day ? told(seconds / hour, "h") : told(seconds / day, "days");
 }
 
 std::string time_of_day(std::int64_t then, std::int64_t now) {

@@ -176,8 +176,8 @@ TEST_F(ControlTest, TheStateIsTheDefaultView) {
 constexpr const char *bedroom[] = {
     "add Hosts.Host 02:00:00:00:00:01 MACAddress=02:00:00:00:00:01 Active=true Port=lan1",
     "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0101 ClientID=0101 IPAddress=192.168.1.20 OnHold=true",
-    "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0101 HostName=bedroom VendorClass=zep-stb "
-    "MACAddress=02:00:00:00:00:01",
+    "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0101 HostName=bedroom MACAddress=02:00:00:00:00:01",
+    "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0101 VendorClass=zep-stb",
     "set Weft.Intf.eth1.20 'Flags=netdev up'",
     "add Keel.Zephyrin.ClientLease 0101 Name=0101 ClientIDOffset=0 DHCPCStatus=Unconnected",
     "add Keel.Zephyrin.ClientLease.0101.ServerLease 0101 Id=0101 DeviceType=STB IPAddress=192.168.1.20",
@@ -210,8 +210,8 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
          {"10.20.0.1 refused (NAK) identifier 01aabb, 12 times in 3 min", "is refused by the operator"}},
         {{client + "Refusals=0 LastError='udhcpc cannot be started: no such file'"},
          {"broken client    udhcpc cannot be started: no such file"}},
-        {{"set Weft.Intf.eth1.20 Flags=netdev", client + "Since=" + ago(90)},
-         {"broken client    eth1.20 has no carrier", "90 s ago"}},
+        {{"set Weft.Intf.eth1.20 Flags=netdev", client + "Since=" + ago(610)},
+         {"broken client    eth1.20 has no carrier", "10 min ago"}},
         {{"set Weft.Intf.eth1.20 'Flags=netdev up'", client + "LastError=",
           "set Weft.Intf.dhcp_zep_0101 DHCPStatus=Bound", identity + "DHCPCStatus=Connected IPAddress=10.20.0.51"},
          {"10.20.0.51 is not on eth1.20"}},
@@ -239,11 +239,12 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
     for (const auto &[written, said] : steps) {
         for (const std::string &line : written)
             ASSERT_TRUE(type(line).ends_with("[0]")) << line << type(line);
-        const std::string told = type("why bedroom");
-        for (const std::string &words : said)
-            EXPECT_NE(told.find(words), std::string::npos) << words << "\n" << told;
-        EXPECT_TRUE(told.ends_with("[3]")) << told;
-        EXPECT_EQ(type("why"), told) << "the only one that is not served";
+        for (const char *words : {"why bedroom", "why"}) { /* the only one that is not served */
+            const std::string told = type(words);
+            for (const std::string &part : said)
+                EXPECT_NE(told.find(part), std::string::npos) << words << ": " << part << "\n" << told;
+            EXPECT_TRUE(told.ends_with("[3]")) << told;
+        }
     }
     EXPECT_TRUE(type("set Keel.Zephyrin Enable=true").ends_with("[0]"));
     EXPECT_TRUE(type("set TIDE.Group.1 State=Forwarded").ends_with("[0]"));
@@ -259,7 +260,7 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
 
 TEST_F(ControlTest, WhyTellsWhoTakesTheSlotsAndWhoHasAStrangeClass) {
     const std::string leases = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease";
-    const std::string in_the_past = std::to_string(std::time(nullptr) - 17 * 3600);
+    const std::string in_the_past = std::to_string(std::time(nullptr) - 61200);
     for (const char number : std::string("12345")) {
         const std::string id = std::string("010") + number;
         const std::string mac = std::string("02:00:00:00:00:0") + number;
