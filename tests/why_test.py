@@ -196,6 +196,7 @@ class WhyTest(unittest.TestCase):
 
     def test_8_simplified(self):
         lab = self.lab
+        self.assertTrue(lab.keel.set(f"Hosts.Host.{lab.mac(STB1)}", Tags="lan"))
         self.assertTrue(lab.keel.set("Keel.Zephyrin", Mode="Simplified"))
         self.await_why(STB1, f'Hosts.Host.{lab.mac(STB1)} is not tagged "stb"')
         broken = os.path.join(lab.folder, "broken.sh")
