@@ -29,6 +29,9 @@ std::uint64_t plugin_handler_ns();
 bool plugin_load(const std::string &file, std::string *error);
 /* Stops the sub-modules in reverse order, completes what they pushed, detaches, and unloads the plug-in. */
 void plugin_unload();
+/* As when the process is killed: the sub-modules are not told, what they have sent is lost, the plug-in is unloaded.
+ * What it has allocated stays so. For tests. */
+void plugin_drop();
 /* The names of the sub-modules that started, in order. */
 std::vector<std::string> plugin_modules();
 

@@ -47,6 +47,16 @@ bool plugin_load(const std::string &file, std::string *error) {
     return true;
 }
 
+void plugin_drop() {
+    if (!library)
+        return;
+    started.clear();
+    registered.clear();
+    host_detach();
+    dlclose(library);
+    library = nullptr;
+}
+
 void plugin_unload() {
     if (!library)
         return;
@@ -54,11 +64,7 @@ void plugin_unload() {
         if ((*descriptor)->stop)
             (*descriptor)->stop();
     keel_request_flush("");
-    started.clear();
-    registered.clear();
-    host_detach();
-    dlclose(library);
-    library = nullptr;
+    plugin_drop();
 }
 
 std::vector<std::string> plugin_modules() {
