@@ -2,16 +2,42 @@
 
 namespace keel {
 
+namespace {
+constexpr std::uint64_t read_again_ms = 60000;
+}
+
 SimKernel::SimKernel(InterfaceGraph &graph) : graph_(graph) {
     watch_ = graph_.model().watch("Weft.Intf", [this](const Event &event) { on_event(event); });
 }
 
+SimKernel::SimKernel(Loop &loop, InterfaceGraph &graph) : SimKernel(graph) {
+    loop_ = &loop;
+    reading_ = loop.start_timer(read_again_ms, [this] { read_again(); });
+}
+
 SimKernel::~SimKernel() {
     graph_.model().unwatch(watch_);
+    if (loop_)
+        loop_->cancel_timer(reading_);
 }
 
 void SimKernel::set_link(const std::string &device, bool up) {
-    graph_.set_flag(device, "up", up);
+    links_[device] = up;
+    if (lost_events_ > 0)
+        --lost_events_;
+    else
+        graph_.set_flag(device, "up", up);
+}
+
+bool SimKernel::link(const std::string &device) const {
+    const auto found = links_.find(device);
+    return found != links_.end() && found->second;
+}
+
+void SimKernel::read_again() {
+    for (const auto &[device, up] : links_)
+        graph_.set_flag(device, "up", up);
+    reading_ = loop_->start_timer(read_again_ms, [this] { read_again(); });
 }
 
 void SimKernel::on_event(const Event &event) {

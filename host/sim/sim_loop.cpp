@@ -1,5 +1,6 @@
 #include "host/sim/sim_loop.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace keel {
@@ -13,10 +14,13 @@ Loop::TimerId SimLoop::start_timer(std::uint64_t milliseconds, Task task) {
 }
 
 void SimLoop::run_until_idle() {
-    for (int turns = 0; !queue_.empty() || queue_.first_due().value_or(now_ + 1) <= now_; ++turns) {
+    const auto idle = [this] { return queue_.empty() && queue_.first_due().value_or(now_ + 1) > now_; };
+    for (int turns = 0; !idle(); ++turns) {
         if (turns == max_turns)
             throw std::runtime_error("the virtual clock stands still: tasks and timers of 0 ms never end");
         queue_.run_turn(now_);
+        if (look_)
+            look_(idle());
     }
 }
 
@@ -24,10 +28,10 @@ void SimLoop::advance(std::uint64_t milliseconds) {
     const std::uint64_t end = now_ + milliseconds;
     run_until_idle();
     while (queue_.first_due().value_or(end + 1) <= end) {
-        now_ = *queue_.first_due();
+        now_ = std::max(now_, *queue_.first_due()); /* later than it was due, if a task has held the loop */
         run_until_idle();
     }
-    now_ = end;
+    now_ = std::max(now_, end);
 }
 
 } // namespace keel

@@ -5,9 +5,7 @@
 namespace keel {
 
 namespace {
-constexpr std::uint64_t step_ms = 10;     /* between two messages */
-constexpr std::uint64_t pause_ms = 3000;  /* of a client that was refused */
-constexpr std::uint64_t renew_ms = 10000; /* between two tries to renew */
+constexpr std::uint64_t pause_ms = 3000; /* of a client that was refused */
 constexpr const char *server_id = "10.20.0.1";
 } // namespace
 
@@ -29,6 +27,13 @@ SimOperator::~SimOperator() {
         loop_.cancel_timer(client.timer);
 }
 
+std::set<std::string> SimOperator::running() const {
+    std::set<std::string> names;
+    for (const auto &[name, client] : clients_)
+        names.insert(name);
+    return names;
+}
+
 void SimOperator::after(const std::string &name, std::uint64_t milliseconds,
                         void (SimOperator::*step)(const std::string &)) {
     Client &client = clients_[name];
@@ -41,7 +46,7 @@ void SimOperator::select(const std::string &name) {
     show_.sent(name);
     if (online) {
         show_.answered(name, server_id);
-        after(name, step_ms, &SimOperator::request);
+        after(name, answer_ms, &SimOperator::request);
         return;
     }
     show_.failed(name, "no answer");
@@ -65,7 +70,7 @@ void SimOperator::request(const std::string &name) {
     if (std::exchange(refused_[name], false))
         refuse(name);
     else
-        after(name, step_ms, &SimOperator::bind);
+        after(name, answer_ms, &SimOperator::bind);
 }
 
 std::string SimOperator::address_for(const std::string &client_id) {
@@ -77,16 +82,20 @@ std::string SimOperator::address_for(const std::string &client_id) {
 
 void SimOperator::bind(const std::string &name) {
     const std::string client_id = model_.text(interface_path(name) + ".SentOption.61", "Value");
+    Terms terms{address_for(client_id), mask, options, lease_s};
+    if (vary)
+        vary(client_id, terms);
     show_.answered(name, server_id);
     Client &client = clients_[name];
-    client.useless_lease = !show_.bound(name, {address_for(client_id), mask, options});
+    client.useless_lease = !show_.bound(name, {terms.address, terms.mask, terms.options});
     if (client.useless_lease) {
         select_later(name, wan_retry_ms(++client.tries));
         return;
     }
     client.bound_at_ms = loop_.now_ms();
+    client.lease_s = terms.lease_s;
     client.tries = 0;
-    after(name, lease_s * 500, &SimOperator::try_renewal);
+    after(name, terms.lease_s * 500, &SimOperator::try_renewal);
 }
 
 void SimOperator::renew(const std::string &interface) {
@@ -95,18 +104,19 @@ void SimOperator::renew(const std::string &interface) {
 
 void SimOperator::try_renewal(const std::string &name) {
     const std::uint64_t age_ms = loop_.now_ms() - clients_[name].bound_at_ms;
-    if (age_ms >= lease_s * 1000) {
+    const std::uint64_t lasts_s = clients_[name].lease_s;
+    if (age_ms >= lasts_s * 1000) {
         select(name);
         return;
     }
-    show_.status(name, age_ms >= lease_s * 875 ? "Rebinding" : "Renewing");
+    show_.status(name, age_ms >= lasts_s * 875 ? "Rebinding" : "Renewing");
     show_.sent(name);
     if (!online) {
-        after(name, renew_ms, &SimOperator::try_renewal);
+        after(name, renewal_retry_ms, &SimOperator::try_renewal);
     } else if (std::exchange(refused_[name], false)) {
         refuse(name);
     } else {
-        after(name, step_ms, &SimOperator::bind);
+        after(name, answer_ms, &SimOperator::bind);
     }
 }
 

@@ -5,7 +5,9 @@
 #ifndef HOST_SIM_SIM_OPERATOR_H
 #define HOST_SIM_SIM_OPERATOR_H
 
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,11 +29,23 @@ public:
     std::map<int, std::string> options; /* hexadecimal texts */
     /* Gives a client identifier (option 61 text) an address of its choice. */
     void lease_address(const std::string &client_id, const std::string &address) { addresses_[client_id] = address; }
+    /* What one client is leased, of which a test may change anything just before it is told. */
+    struct Terms {
+        std::string address;
+        std::string mask;
+        std::map<int, std::string> options;
+        std::uint64_t lease_s = 0;
+    };
+    std::function<void(const std::string &client_id, Terms &terms)> vary;
+    std::uint64_t answer_ms = 10;           /* how long it takes to answer */
+    std::uint64_t renewal_retry_ms = 10000; /* of its clients: between two tries to renew */
     /* The next request of that WAN client is answered by a NAK. */
     void refuse_once(const std::string &interface) { refused_[interface] = true; }
     /* Has a bound client renew now. */
     void renew(const std::string &interface);
 
+    /* The clients that run. */
+    std::set<std::string> running() const;
     /* How often each WAN client was started. */
     std::map<std::string, unsigned> starts;
 
@@ -39,6 +53,7 @@ private:
     struct Client {
         Loop::TimerId timer = 0;
         std::uint64_t bound_at_ms = 0;
+        std::uint64_t lease_s = 0;
         unsigned tries = 0;         /* to find a server, or a lease that can be used, in vain */
         bool useless_lease = false; /* what it was leased last cannot be used */
     };
