@@ -1,0 +1,46 @@
+/*
+ * The ground under the plug-in: the shell commands that it runs, which may fail or take long.
+ */
+#ifndef TESTS_SIMULATE_GROUND_H
+#define TESTS_SIMULATE_GROUND_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+
+namespace keel {
+
+class Ground {
+public:
+    using Rules = std::map<std::string, unsigned>; /* "TABLE CHAIN RULE..." -> how often it stands */
+
+    static Ground &instance();
+
+    /* As the set-up of the chains leaves them. */
+    void set_up();
+    /* Somebody empties the chains by hand. */
+    void flush_by_hand();
+    int run(const std::string &command);
+
+    const Rules &rules() const { return rules_; }
+    std::uint64_t generation() const { return generation_; }
+    /* The two rules that always stand. */
+    static const Rules &default_rules();
+
+    std::uint64_t failing_command = 0; /* the Nth from now fails; 0: none */
+    std::uint64_t hanging_command = 0; /* the Nth from now takes ten seconds; 0: none */
+    std::function<void(std::uint64_t ms)> hold;
+    bool rules_lost = false;       /* by a failed command or by hand: until the chains are emptied and set up anew */
+    std::string strange_line;      /* the first command that holds what no command may */
+    std::set<std::string> secrets; /* what devices have sent, which no command may hold */
+
+private:
+    Rules rules_;
+    std::uint64_t generation_ = 0;
+};
+
+} // namespace keel
+
+#endif

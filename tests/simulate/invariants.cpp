@@ -1,0 +1,225 @@
+#include "tests/simulate/invariants.h"
+
+#include <algorithm>
+
+#include "host/base/text_forms.h"
+#include "host/gateway/graph.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *identities = "Keel.Zephyrin.ClientLease";
+constexpr const char *client_prefix = "dhcp_zep_";
+constexpr int unsaved_slot = client_slots - 1; /* which is not stored at a binding */
+
+const char *const status_names[] = {"Unconnected", "Connected", "Internal", "Unleased"};
+
+const char *name_of(LeaseStatus status) {
+    return status_names[static_cast<unsigned>(status)];
+}
+
+bool in_force(const Client_lease *lease) {
+    return lease->status == LeaseStatus::Connected || lease->status == LeaseStatus::Internal;
+}
+
+std::vector<const Client_lease *> identities_of(const RoutedState &state) {
+    std::vector<const Client_lease *> all;
+    for (const Client_lease *lease : RecordsOf<Client_lease>(&state.client_leases))
+        all.push_back(lease);
+    return all;
+}
+
+std::vector<const Server_lease *> devices_of(const Client_lease *lease) {
+    std::vector<const Server_lease *> all;
+    for (const Server_lease *device : RecordsOf<Server_lease>(&lease->server_leases))
+        all.push_back(device);
+    return all;
+}
+
+std::string broken_rules(const Sight &sight) {
+    if (sight.ground.rules_lost)
+        return "";
+    Ground::Rules wanted = Ground::default_rules();
+    if (const std::string intf = sight.state.iptv_intf; sight.routed && !intf.empty())
+        for (const std::string &hook :
+             {"nat POSTROUTING_IPTV -j POSTROUTING_zep -o " + intf, "nat PREROUTING_IPTV -j PREROUTING_zep -i " + intf,
+              "raw PREROUTING -i " + intf + " -j PREROUTING_zep_ACCEPT",
+              "raw PREROUTING -i " + intf + " -j PREROUTING_zep_DROP"})
+            wanted[hook] = 1;
+    for (const Client_lease *lease : identities_of(sight.state))
+        for (const Server_lease *device : devices_of(lease))
+            if (device->nat_mapped)
+                for (const std::string &rule : rules_of(device->ip_address, lease->ip_address))
+                    ++wanted[rule];
+    for (const auto &[rule, times] : wanted) {
+        const auto found = sight.ground.rules().find(rule);
+        const unsigned there = found == sight.ground.rules().end() ? 0 : found->second;
+        if (there != times)
+            return "a mapped device has its rules exactly once: " + rule + " stands " + std::to_string(there) +
+                   " times, not " + std::to_string(times);
+    }
+    for (const auto &[rule, times] : sight.ground.rules())
+        if (!wanted.contains(rule))
+            return "no rule stands for what is not mapped: " + rule;
+    return "";
+}
+
+std::string broken_owners(const Sight &sight) {
+    std::set<int> slots;
+    std::set<std::string> wan;
+    std::set<std::string> lan;
+    for (const Client_lease *lease : identities_of(sight.state)) {
+        const std::string name = lease->name;
+        if (lease->client_id_offset >= 0 && !slots.insert(lease->client_id_offset).second)
+            return "a slot has one owner: " + name + " shares slot " + std::to_string(lease->client_id_offset);
+        if (in_force(lease) && !wan.insert(lease->ip_address).second)
+            return "a WAN address has one owner: " + name + " shares " + lease->ip_address;
+        for (const Server_lease *device : devices_of(lease)) {
+            if (device->nat_mapped && !lan.insert(device->ip_address).second)
+                return std::string("a LAN address is mapped once: ") + device->id + " shares " + device->ip_address;
+            if (in_force(lease) && !device->nat_mapped && !sight.ground.rules_lost)
+                return std::string("a device of an identity in force is mapped: ") + device->id + " of " + name + ", " +
+                       name_of(lease->status);
+        }
+    }
+    return "";
+}
+
+std::string broken_store(const Sight &sight) {
+    if (sight.stored_by_hand)
+        return "";
+    std::set<std::string> names;
+    const auto differs = [](const std::string &path, const std::string &parameter, const std::string &stored,
+                            const std::string &held) {
+        return "stored identities are those in memory: " + path + "." + parameter + " is \"" + stored + "\", not \"" +
+               held + "\"";
+    };
+    for (const Client_lease *lease : identities_of(sight.state)) {
+        const std::string path = join_path(identities, lease->name);
+        names.insert(lease->name);
+        std::map<std::string, std::string> held{{"Name", lease->name},
+                                                {"ClientIDOffset", std::to_string(lease->client_id_offset)}};
+        const bool restored = lease->status == LeaseStatus::Unconnected && ipv4_or_none(lease->ip_address) != 0;
+        if (lease->client_id_offset != unsaved_slot) {
+            held["IPAddress"] = lease->ip_address;
+            held["SubnetMask"] = lease->subnet_mask;
+            if (!restored)
+                held["DHCPCStatus"] = name_of(lease->status);
+        }
+        for (const auto &[parameter, text] : held)
+            if (const auto value = sight.model.get(path, parameter); !value || to_text(*value) != text)
+                return differs(path, parameter, value ? to_text(*value) : "(none)", text);
+        std::set<std::string> devices;
+        for (const Server_lease *device : devices_of(lease)) {
+            const std::string below = path + ".ServerLease." + device->id;
+            devices.insert(device->id);
+            for (const auto &[parameter, text] : std::map<std::string, std::string>{
+                     {"Id", device->id}, {"IPAddress", device->ip_address}, {"MACAddress", device->mac_address}})
+                if (const std::string stored = sight.model.text(below, parameter, "(none)"); stored != text)
+                    return differs(below, parameter, stored, text);
+        }
+        for (const std::string &name : sight.model.instances(path + ".ServerLease"))
+            if (!devices.contains(name))
+                return "nothing is stored of a device that is gone: " + name + " of " + lease->name;
+    }
+    for (const std::string &name : sight.model.instances(identities))
+        if (!names.contains(name))
+            return "nothing is stored of an identity that is gone: " + name;
+    return "";
+}
+
+std::string broken_remains(const Sight &sight) {
+    std::set<std::string> clients;
+    std::set<std::string> addresses;
+    bool any_in_force = false;
+    for (const Client_lease *lease : identities_of(sight.state)) {
+        clients.insert(client_prefix + std::string(lease->name));
+        any_in_force = any_in_force || in_force(lease);
+        if (in_force(lease) && *sight.state.iptv_intf)
+            addresses.insert(std::string(sight.state.iptv_intf) + " " + lease->ip_address);
+    }
+    for (const std::string &name : sight.model.instances(interfaces_path)) {
+        if (name.starts_with(client_prefix) && !clients.contains(name))
+            return "no WAN client is left of an identity that is gone: " + name;
+        const std::string path = interface_path(name);
+        if (!name.starts_with("eth1."))
+            continue;
+        for (const std::string &one : sight.model.instances(path + ".IPv4Addr")) {
+            const std::string held = name + " " + sight.model.text(path + ".IPv4Addr." + one, "Address");
+            if (!addresses.contains(held))
+                return "no WAN address is left of what is gone: " + held;
+            addresses.erase(held);
+        }
+        for (const std::string &one : sight.model.instances(path + ".IPv4Route"))
+            if (one.starts_with("zep_") && (!any_in_force || name != sight.state.iptv_intf))
+                return "no route is left when no identity is in force: " + name + " " + one;
+    }
+    if (!addresses.empty())
+        return "the WAN address of an identity in force is on the IPTV interface: " + *addresses.begin();
+    for (const std::string &name : clients)
+        if (!sight.model.find(interface_path(name)))
+            return "an identity has its WAN client: " + name;
+    for (const std::string &name : sight.running_clients)
+        if (!sight.model.find(interface_path(name)))
+            return "no process runs of a WAN client that is gone: " + name;
+    return "";
+}
+
+std::string broken_clean_up(const Sight &sight) {
+    if (sight.routed)
+        return "";
+    if (!sight.model.instances(identities).empty() || sight.state.client_leases.size > 0)
+        return "outside the routed mode there are no identities";
+    if (!sight.ground.rules_lost && sight.ground.rules() != Ground::default_rules())
+        return "after the clean-up the two default rules stand alone";
+    for (const char *server : {"NTPServer", "WWWServer"})
+        if (sight.model.text("Keel.Zephyrin", server) != "00000000")
+            return std::string("outside the routed mode no server of the operator's is handed on: ") + server;
+    return "";
+}
+
+} // namespace
+
+std::vector<std::string> rules_of(const std::string &lan, const std::string &wan) {
+    return {"raw PREROUTING_zep_ACCEPT -d " + wan + "/255.255.255.255 -j ACCEPT",
+            "nat POSTROUTING_zep -s " + lan + " -j SNAT --to-source " + wan,
+            "filter FORWARD_zep -s " + lan + " -j ACCEPT",
+            "nat PREROUTING_zep -j DNAT --to-destination " + lan + " -d " + wan};
+}
+
+std::string broken_safety(const Sight &sight) {
+    if (!sight.ground.strange_line.empty())
+        return "no shell line holds what a device sent: " + sight.ground.strange_line;
+    for (const auto &check : {broken_rules, broken_owners, broken_store, broken_remains, broken_clean_up})
+        if (std::string broken = check(sight); !broken.empty())
+            return broken;
+    return "";
+}
+
+std::string broken_liveness(const Sight &sight, const SimStb &device) {
+    const bool stb = device.habits().vendor_class.starts_with("zep-stb");
+    const bool itf = device.habits().vendor_class.starts_with("zep-itf");
+    const std::string who = device.id() + " (" + device.habits().maker + ")";
+    const Client_lease *identity = nullptr;
+    unsigned slots = 0;
+    for (const Client_lease *lease : identities_of(sight.state)) {
+        slots += lease->client_id_offset >= 0 && lease->client_id_offset < client_slots ? 1 : 0;
+        if (lease->name == (itf ? "itf" : device.id()))
+            identity = lease;
+    }
+    if (!sight.routed || (!stb && !itf))
+        return device.address().empty() ? "a device that is no matter of the routed mode is served: " + who : "";
+    if (!identity)
+        return slots < client_slots || itf ? "an STB is taken up once there is a free slot: " + who : "";
+    if (identity->status != LeaseStatus::Connected)
+        return "an identity with a present device is connected: " + who + " is " + name_of(identity->status);
+    if (device.address().empty())
+        return "an STB that the system would serve is served: " + who + " has no address";
+    for (const std::string &rule : rules_of(device.address(), identity->ip_address))
+        if (!sight.ground.rules().contains(rule))
+            return "an STB that is served is mapped: " + who + " lacks " + rule;
+    return "";
+}
+
+} // namespace keel

@@ -1,0 +1,37 @@
+/*
+ * What must hold at every moment in which nothing is on its way, and what must have come about once all is well.
+ */
+#ifndef TESTS_SIMULATE_INVARIANTS_H
+#define TESTS_SIMULATE_INVARIANTS_H
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/model/model.h"
+#include "host/sim/sim_stb.h"
+#include "tests/simulate/ground.h"
+#include "tests/simulate/image.h"
+
+namespace keel {
+
+/* What is looked at, and what cannot be asked of it because of what people or the ground have done. */
+struct Sight {
+    const Model &model;
+    const RoutedState &state;
+    const Ground &ground;
+    std::set<std::string> running_clients;
+    bool routed = false;         /* by the settings */
+    bool stored_by_hand = false; /* somebody has deleted a stored identity */
+};
+
+/* The invariant that is broken, in words with what breaks it; "" when all hold. */
+std::string broken_safety(const Sight &sight);
+/* The same for a device that has had all that it needs for long. */
+std::string broken_liveness(const Sight &sight, const SimStb &device);
+/* The rules that stand for one mapped device. */
+std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);
+
+} // namespace keel
+
+#endif

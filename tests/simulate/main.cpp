@@ -1,0 +1,250 @@
+/*
+ * simulate --seed N | --seeds N | --file SEEDS [--days D] [--faults LIST] [--jobs J] [--shrink]
+ *
+ * Each seed is run in a process of its own: the plug-in's state is that of a process. Leaves 1 when an invariant was
+ * broken.
+ */
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "tests/simulate/world.h"
+
+namespace keel {
+
+namespace {
+
+struct Options {
+    std::vector<std::uint64_t> seeds;
+    unsigned days = 30;
+    unsigned jobs = 2;
+    bool shrink = false;
+    bool quiet = false;
+    std::vector<std::string> faults = fault_groups();
+};
+
+struct Result {
+    bool failed = false;
+    std::string invariant; /* its words up to the colon */
+    std::string report;
+    std::size_t step = 0;
+};
+
+Result play(const Options &options, std::uint64_t seed, const Plan &plan, bool with_table) {
+    Result result;
+    World world(seed, PLUGIN_FILE, SOURCE_DIR "/share/gateway.json");
+    std::ostringstream report;
+    try {
+        world.run(plan);
+        char digest[32];
+        std::snprintf(digest, sizeof digest, "%016llx", static_cast<unsigned long long>(world.table().digest()));
+        report << "seed " << seed << ": " << options.days << " days, " << plan.size() << " steps, "
+               << world.table().events() << " events, digest " << digest << "\n";
+    } catch (const std::exception &broken) {
+        result.failed = true;
+        result.invariant = std::string(broken.what()).substr(0, std::string(broken.what()).find(':'));
+        result.step = world.step();
+        report << "seed " << seed << ", step " << world.step() << " of " << plan.size() << ": " << broken.what()
+               << "\n";
+        if (with_table)
+            report << world.table().text();
+    }
+    result.report = report.str();
+    return result;
+}
+
+/* In a process of its own, which may as well crash. */
+class Run {
+public:
+    Run(const Options &options, std::uint64_t seed, const Plan &plan, bool with_table) : seed_(seed) {
+        int ends[2];
+        if (pipe(ends) != 0)
+            throw std::runtime_error("no pipe");
+        std::fflush(stdout);
+        process_ = fork();
+        if (process_ == 0) {
+            close(ends[0]);
+            const Result result = play(options, seed, plan, with_table);
+            const std::string text = std::to_string(result.failed) + "\n" + std::to_string(result.step) + "\n" +
+                                     result.invariant + "\n" + result.report;
+            std::size_t at = 0;
+            while (at < text.size()) {
+                const ssize_t written = write(ends[1], text.data() + at, text.size() - at);
+                if (written <= 0)
+                    break;
+                at += static_cast<std::size_t>(written);
+            }
+            _exit(0); /* what a run has left is looked for by itself, not by the end of the process */
+        }
+        close(ends[1]);
+        from_ = ends[0];
+    }
+
+    Result wait() const {
+        std::string text;
+        char buffer[4096];
+        for (ssize_t size = 0; (size = read(from_, buffer, sizeof buffer)) > 0;)
+            text.append(buffer, static_cast<std::size_t>(size));
+        close(from_);
+        int status = 0;
+        waitpid(process_, &status, 0);
+        Result result;
+        if (status != 0 || text.empty()) {
+            result.failed = true;
+            result.invariant = "the process ends by itself";
+            result.report = "seed " + std::to_string(seed_) + ": the process ended with status " +
+                            std::to_string(status) + "\n" + text;
+            return result;
+        }
+        std::istringstream lines(text);
+        std::string line;
+        std::getline(lines, line);
+        result.failed = line == "1";
+        std::getline(lines, line);
+        result.step = std::strtoull(line.c_str(), nullptr, 10);
+        std::getline(lines, result.invariant);
+        result.report.assign(std::istreambuf_iterator<char>(lines), {});
+        return result;
+    }
+
+private:
+    std::uint64_t seed_;
+    pid_t process_;
+    int from_;
+};
+
+/* Without what is not needed for the same invariant to break: ever smaller pieces are left out. */
+Plan shrink(const Options &options, std::uint64_t seed, Plan plan, const Result &first) {
+    plan.resize(std::min(plan.size(), first.step + 1));
+    for (std::size_t piece = std::max<std::size_t>(plan.size() / 2, 1); piece > 0; piece /= 2)
+        for (std::size_t at = 0; at < plan.size();) {
+            Plan shorter = plan;
+            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(at);
+            shorter.erase(from, from + static_cast<std::ptrdiff_t>(std::min(piece, plan.size() - at)));
+            const Result result = Run(options, seed, shorter, false).wait();
+            if (result.failed && result.invariant == first.invariant)
+                plan = shorter;
+            else
+                at += piece;
+        }
+    return plan;
+}
+
+std::vector<std::string> parts(const std::string &list) {
+    std::vector<std::string> all;
+    std::istringstream words(list);
+    for (std::string word; std::getline(words, word, ',');)
+        all.push_back(word);
+    return all;
+}
+
+/* One seed a line, with a word on it behind. */
+void read_seeds(const std::string &file, std::vector<std::uint64_t> *seeds) {
+    std::ifstream lines(file);
+    if (!lines)
+        throw std::runtime_error(file + " cannot be read");
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty() && line[0] != '#')
+            seeds->push_back(std::strtoull(line.c_str(), nullptr, 10));
+}
+
+Options parse(int count, char **arguments) {
+    Options options;
+    for (int i = 1; i < count; ++i) {
+        const std::string name = arguments[i];
+        if (name == "--shrink") {
+            options.shrink = true;
+            continue;
+        }
+        if (name == "--quiet") {
+            options.quiet = true;
+            continue;
+        }
+        const char *value = i + 1 < count ? arguments[++i] : "";
+        const auto number = std::strtoull(value, nullptr, 10);
+        if (name == "--seed")
+            options.seeds.push_back(number);
+        else if (name == "--seeds")
+            for (std::uint64_t seed = 1; seed <= number; ++seed)
+                options.seeds.push_back(seed);
+        else if (name == "--file")
+            read_seeds(value, &options.seeds);
+        else if (name == "--days")
+            options.days = static_cast<unsigned>(number);
+        else if (name == "--jobs")
+            options.jobs = std::max(1U, static_cast<unsigned>(number));
+        else if (name == "--faults")
+            options.faults = parts(value);
+        else
+            throw std::runtime_error("unknown option " + name);
+    }
+    for (const std::string &group : options.faults)
+        if (group != "none" && std::find(fault_groups().begin(), fault_groups().end(), group) == fault_groups().end())
+            throw std::runtime_error("unknown faults \"" + group +
+                                     "\"; there are people, operator, line, ground, kill, clock and none");
+    if (options.seeds.empty())
+        throw std::runtime_error("--seed N, --seeds N or --file SEEDS is needed");
+    return options;
+}
+
+int simulate(const Options &options) {
+    const bool one = options.seeds.size() == 1;
+    std::vector<std::uint64_t> failed;
+    std::deque<Run> running;
+    const auto finish = [&] {
+        const Result result = running.front().wait();
+        running.pop_front();
+        if (result.failed || (one && !options.quiet))
+            std::cout << result.report << std::flush;
+        return result;
+    };
+    Result last;
+    std::deque<std::uint64_t> started;
+    const auto take = [&] {
+        last = finish();
+        if (last.failed)
+            failed.push_back(started.front());
+        started.pop_front();
+    };
+    for (const std::uint64_t seed : options.seeds) {
+        if (running.size() >= options.jobs)
+            take();
+        running.emplace_back(options, seed, draw_plan(seed, options.days, options.faults), true);
+        started.push_back(seed);
+    }
+    while (!running.empty())
+        take();
+    std::cout << options.seeds.size() << " seeds of " << options.days << " days, " << failed.size() << " failed";
+    for (const std::uint64_t seed : failed)
+        std::cout << " " << seed;
+    std::cout << "\n";
+    if (options.shrink && one && last.failed) {
+        const Plan plan =
+            shrink(options, options.seeds[0], draw_plan(options.seeds[0], options.days, options.faults), last);
+        std::cout << "\nthe shortest run that still fails:\n";
+        for (const Step &step : plan)
+            std::cout << to_text(step) << "\n";
+        std::cout << Run(options, options.seeds[0], plan, true).wait().report;
+    }
+    return failed.empty() ? 0 : 1;
+}
+
+} // namespace
+
+} // namespace keel
+
+int main(int count, char **arguments) {
+    try {
+        return keel::simulate(keel::parse(count, arguments));
+    } catch (const std::exception &error) {
+        std::cerr << "simulate: " << error.what() << "\n";
+        return 2;
+    }
+}

@@ -1,0 +1,312 @@
+#include "tests/simulate/world.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include "host/base/trace.h"
+#include "host/gateway/leftovers.h"
+#include "host/platform/plugin.h"
+
+namespace keel {
+
+namespace {
+
+constexpr const char *store_file = "simulated-keel.db";
+constexpr const char *gateway_address = "10.20.0.9";
+constexpr std::uint64_t script_ms = 50;
+constexpr std::size_t gateway_column = 0;
+constexpr std::size_t operator_column = 1;
+constexpr std::size_t first_device_column = 2;
+
+/* The devices of every run, of which a seed uses some; the habits are those of the usual DHCP clients. */
+std::vector<StbHabits> habits_of_devices(Chance &chance) {
+    const std::vector<StbHabits> makers{
+        {"udhcpc", "zep-stb", StbHabits::Tells::Always, {}, {3, 3, 20}, 0, false, 500},
+        {"dhclient", "zep-stb", StbHabits::Tells::Sometimes, {}, {3, 8, 15, 21, 13, 300}, 0, true, 3000},
+        {"dhcpcd", "zep-stb", StbHabits::Tells::InDiscoverAlone, {}, {4, 8, 16, 32, 64}, 4, true, 1000}};
+    std::vector<StbHabits> all;
+    const std::uint64_t stbs = 4 + chance.below(6);
+    for (std::uint64_t i = 0; i < stbs; ++i) {
+        StbHabits one = makers[chance.below(makers.size())];
+        one.vendor_class += chance.one_in(3) ? "$(reboot)" : "-4k";
+        if (chance.one_in(3))
+            one.client_id = {0, 'b', 'o', 'x', ';', static_cast<std::uint8_t>('a' + i)};
+        all.push_back(one);
+    }
+    for (std::uint64_t i = chance.below(3); i > 0; --i) {
+        all.push_back(makers[chance.below(2)]);
+        all.back().vendor_class = "zep-itf";
+    }
+    for (std::uint64_t i = chance.below(3); i > 0; --i) {
+        all.push_back(makers[1]);
+        all.back().vendor_class = "pc";
+    }
+    return all;
+}
+
+std::vector<std::string> columns() {
+    std::vector<std::string> names{"gateway", "operator"};
+    for (int i = 1; i <= 13; ++i)
+        names.push_back("device " + std::to_string(i));
+    return names;
+}
+
+} // namespace
+
+bool World::Scripts::run(const std::vector<std::string> &, OnExit on_exit) {
+    loop->start_timer(script_ms, [on_exit] { on_exit(0); });
+    return true;
+}
+
+World::World(std::uint64_t seed, const std::string &plugin, const std::string &model_file)
+    : plugin_(plugin), model_file_(model_file), table_(columns()) {
+    TraceLog::instance().set_print(std::getenv("ZEPHYRIN_TRACE") != nullptr);
+    setenv("WAN_ADDR", "02:1a:2b:3c:4d:5e", 1);
+    Ground::instance().set_up();
+    Ground::instance().secrets = {"reboot", "box;"};
+    Ground::instance().hold = [this](std::uint64_t ms) { loop_.hold(ms); };
+    options_ = {{42, "0a140002"}, {72, "0a140003"}, {121, "180a3c000a140001"}};
+    scripts_.loop = &loop_;
+    Chance chance(seed ^ 0x5eed);
+    for (const StbHabits &habits : habits_of_devices(chance))
+        add_device(chance.next(), habits);
+    power_on();
+    loop_.look_after_turns([this](bool idle) { after_turn(idle); });
+}
+
+World::~World() {
+    loop_.look_after_turns(nullptr);
+    if (life_)
+        power_off(true);
+    Ground::instance().hold = nullptr;
+}
+
+void World::add_device(std::uint64_t seed, const StbHabits &habits) {
+    const std::size_t place = devices_.size();
+    devices_.push_back(std::make_unique<SimStb>(loop_, segment_, static_cast<unsigned>(place + 1), habits, seed));
+    SimStb &device = *devices_.back();
+    device.on_sent = [this, &device, place](const std::string &what) {
+        table_.add(loop_.now_ms(), first_device_column + place, what);
+        if (device.is_plugged())
+            set_present(device, true);
+    };
+    device.on_answer = [this, place](const SimStb::Answer &answer) { look_at_answer(place, answer); };
+}
+
+/* ------------------------------------------------------------------------------------------------ the gateway */
+
+World::Life::Life(World &world, SimLoop &loop) : model(loop) {
+    model.load_file(world.model_file_);
+    graph = std::make_unique<InterfaceGraph>(model);
+    model.add("Weft.Intf", "eth1.30", {{"Flags", std::string("netdev vlan")}});
+    model.set("Weft.Intf.dhcp_iptv", {{"LowerLayers", std::string("eth1.20 eth1.30")}});
+    store = std::make_unique<Store>(loop, model, store_file);
+    drop_leftovers(model);
+    settings = std::make_unique<Settings>(model);
+    kernel = std::make_unique<SimKernel>(loop, *graph);
+    interface_state = std::make_unique<InterfaceState>(loop, *graph);
+    wan = std::make_unique<SimOperator>(loop, *graph);
+    lan_server = std::make_unique<LanDhcpServer>(loop, model, world.segment_);
+}
+
+void World::power_on() {
+    Ground::instance().set_up();
+    life_ = std::make_unique<Life>(*this, loop_);
+    tell_operator();
+    segment_.plug_in(life_->lan_server.get());
+    for (const auto &[line, up] : lines_)
+        life_->kernel->set_link(line, up);
+    for (const auto &device : devices_)
+        if (device->is_on() && device->is_plugged())
+            set_present(*device, true);
+    host_attach(loop_, *life_->graph, scripts_);
+    loop_.run_until_idle();
+    std::string error;
+    if (!plugin_load(plugin_, &error))
+        throw std::runtime_error(error);
+    state_ = &routed_state_of(plugin_);
+    loaded_ = true;
+    stored_by_hand_ = false;
+    mono_switched_ = false;
+    seen_model_ = 0;
+    loop_.run_until_idle();
+    table_.add(loop_.now_ms(), gateway_column, "the host has started");
+}
+
+/* A host that is killed leaves on the disk what was there at that moment. */
+void World::power_off(bool killed) {
+    loaded_ = false;
+    state_ = nullptr;
+    TraceLog::instance().clear();
+    if (killed) {
+        disk_.cut();
+        plugin_drop();
+    } else {
+        plugin_unload();
+    }
+    host_detach();
+    if (is_loaded(plugin_))
+        throw std::runtime_error("the plug-in stays loaded: a new life would go on with the memory of the old one");
+    const auto &lines = TraceLog::instance().recent();
+    const auto left = std::find_if(lines.begin(), lines.end(), [](const TraceLine &line) {
+        return line.text.find("the plug-in left") != std::string::npos;
+    });
+    if (!killed && left != lines.end())
+        broken_ = "an orderly stop leaves nothing open: " + left->text;
+    if (!killed && !Ground::instance().rules_lost && Ground::instance().rules() != Ground::default_rules())
+        broken_ = "after an orderly stop the two default rules stand alone";
+    segment_.plug_in(nullptr);
+    life_.reset();
+    if (killed)
+        disk_.come_back();
+}
+
+void World::set(const std::string &path, const Values &values) {
+    if (life_)
+        life_->model.set(path, values);
+}
+
+void World::set_present(const SimStb &device, bool present) {
+    if (!life_)
+        return;
+    const std::string path = "Hosts.Host." + device.mac();
+    if (life_->model.find(path))
+        life_->model.set(path, {{"Active", present}});
+    else if (present)
+        life_->model.add("Hosts.Host", device.mac(), {{"MACAddress", device.mac()}, {"Active", true}});
+}
+
+void World::tell_operator() {
+    SimOperator &wan = *life_->wan;
+    wan.online = online_;
+    wan.answer_ms = answer_ms_;
+    wan.lease_s = lease_s_;
+    wan.renewal_retry_ms = 300000;
+    wan.mask = mask_;
+    wan.options = options_;
+    const std::string own = life_->model.text("Weft.Intf.dhcp_iptv.SentOption.61", "Value");
+    wan.vary = [this, own](const std::string &client_id, SimOperator::Terms &terms) {
+        std::string &address = address_book_[client_id];
+        if (client_id == own)
+            address = gateway_address;
+        else if (address.empty())
+            address = "10.20." + std::to_string(next_address_ / 200) + "." + std::to_string(20 + next_address_ % 200);
+        if (client_id != own && address_book_[client_id] == terms.address)
+            return;
+        if (client_id != own &&
+            address == "10.20." + std::to_string(next_address_ / 200) + "." + std::to_string(20 + next_address_ % 200))
+            ++next_address_;
+        terms.address = address;
+        table_.add(loop_.now_ms(), operator_column, "leases " + address);
+    };
+}
+
+/* ------------------------------------------------------------------------------------------------ looking on */
+
+Sight World::sight() const {
+    return {life_->model, *state_, Ground::instance(), life_->wan->running(), is_routed(life_->model), stored_by_hand_};
+}
+
+void World::after_turn(bool idle) {
+    if (!broken_.empty())
+        throw Violation(broken_);
+    if (!idle || !loaded_)
+        return;
+    const std::uint64_t model = life_->model.generation();
+    const std::uint64_t rules = Ground::instance().generation();
+    if (model == seen_model_ && rules == seen_rules_)
+        return;
+    seen_model_ = model;
+    seen_rules_ = rules;
+    if (const std::string broken = broken_safety(sight()); !broken.empty())
+        throw Violation(broken);
+}
+
+void World::look_at_answer(std::size_t place, const SimStb::Answer &answer) {
+    static const char *const names[] = {"", "", "offer ", "", "", "ack ", "nak "};
+    const SimStb &asker = *devices_[place];
+    table_.add(loop_.now_ms(), first_device_column + place, names[static_cast<int>(answer.type)] + answer.address);
+    if (answer.type == DhcpType::Ack)
+        moved_by_hand_.erase(&asker);
+    if (answer.type == DhcpType::Nak)
+        return;
+    for (const auto &other : devices_)
+        if (other.get() != &asker && other->is_on() && other->is_plugged() && other->address() == answer.address &&
+            !moved_by_hand_.contains(other.get()))
+            broken_ = "nobody is offered an address that another uses: " + asker.id() + " is offered " +
+                      answer.address + " of " + other->id();
+}
+
+std::vector<std::string> World::clients() const {
+    std::vector<std::string> all;
+    for (const std::string &name : life_->model.instances("Weft.Intf"))
+        if (name.starts_with("dhcp_zep_"))
+            all.push_back(name);
+    return all;
+}
+
+std::vector<std::string> World::leases() const {
+    std::vector<std::string> all;
+    for (const char *pool : {"zep_stb", "zep_itf", "lan"}) {
+        const std::string parent = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease";
+        for (const std::string &name : life_->model.instances(parent))
+            all.push_back(join_path(parent, name));
+    }
+    return all;
+}
+
+/* ------------------------------------------------------------------------------------------------ the calm */
+
+void World::make_well() {
+    online_ = true;
+    answer_ms_ = 10;
+    tell_operator();
+    disk_.full = false;
+    disk_.failing_write = 0;
+    segment_.dead = false;
+    Ground::instance().failing_command = 0;
+    Ground::instance().hanging_command = 0;
+    life_->kernel->lose_events(0);
+    lines_ = {{"eth1.20", true}, {"eth1.30", false}};
+    for (const auto &[line, up] : lines_)
+        life_->kernel->set_link(line, up);
+}
+
+void World::calm(bool by_people) {
+    constexpr std::uint64_t minute_ms = 60000;
+    make_well();
+    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost) {
+        set("Keel.Zephyrin", {{"Enable", false}});
+        loop_.advance(2000);
+        stored_by_hand_ = false;
+        mono_switched_ = false;
+    }
+    set("Keel.Zephyrin", {{"MonoClient", false}});
+    set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"Enable", true}});
+    loop_.advance(80 * minute_ms);
+    for (const auto &device : devices_)
+        if (device->is_on() && device->is_plugged())
+            if (const std::string broken = broken_liveness(sight(), *device); !broken.empty())
+                throw Violation(broken);
+    if (const std::string error = life_->model.text("KeelHost", "StoreError"); !error.empty())
+        throw Violation("a disk that can be written is written: " + error);
+}
+
+void World::run(const Plan &plan) {
+    for (step_ = 0; step_ < plan.size(); ++step_) {
+        const Step &step = plan[step_];
+        if (step.at_ms > loop_.now_ms())
+            loop_.advance(step.at_ms - loop_.now_ms());
+        table_.add(loop_.now_ms(), gateway_column, name_of(step.deed));
+        carry_out(step);
+        loop_.run_until_idle();
+        if (!broken_.empty())
+            throw Violation(broken_);
+    }
+    power_off(false);
+    if (!broken_.empty())
+        throw Violation(broken_);
+}
+
+} // namespace keel

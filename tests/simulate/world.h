@@ -1,0 +1,122 @@
+/*
+ * One run: a gateway through its lives, and all that is around it.
+ */
+#ifndef TESTS_SIMULATE_WORLD_H
+#define TESTS_SIMULATE_WORLD_H
+
+#include <map>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/base/process_runner.h"
+#include "host/dhcp/lan_server.h"
+#include "host/gateway/interface_state.h"
+#include "host/gateway/settings.h"
+#include "host/model/store.h"
+#include "host/sim/sim_disk.h"
+#include "host/sim/sim_kernel.h"
+#include "host/sim/sim_loop.h"
+#include "host/sim/sim_operator.h"
+#include "host/sim/sim_stb.h"
+#include "tests/simulate/invariants.h"
+#include "tests/simulate/plan.h"
+#include "tests/simulate/table.h"
+
+namespace keel {
+
+/* An invariant that is broken, in words. */
+class Violation : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class World {
+public:
+    World(std::uint64_t seed, const std::string &plugin, const std::string &model_file);
+    World(const World &) = delete;
+    World &operator=(const World &) = delete;
+    ~World();
+
+    /* Throws the first Violation. */
+    void run(const Plan &plan);
+    const Table &table() const { return table_; }
+    /* The place of the step that is carried out. */
+    std::size_t step() const { return step_; }
+    std::uint64_t now_ms() const { return loop_.now_ms(); }
+
+private:
+    /* From a start of the host to its end. */
+    struct Life {
+        Life(World &world, SimLoop &loop);
+
+        Model model;
+        std::unique_ptr<InterfaceGraph> graph;
+        std::unique_ptr<Store> store;
+        std::unique_ptr<Settings> settings;
+        std::unique_ptr<SimKernel> kernel;
+        std::unique_ptr<InterfaceState> interface_state;
+        std::unique_ptr<SimOperator> wan;
+        std::unique_ptr<LanDhcpServer> lan_server;
+    };
+    struct Scripts : ProcessRunner {
+        bool run(const std::vector<std::string> &argv, OnExit on_exit) override;
+        SimLoop *loop = nullptr;
+    };
+
+    void add_device(std::uint64_t number, const StbHabits &habits);
+    void power_on();
+    void power_off(bool killed);
+    void after_turn(bool idle);
+    Sight sight() const;
+    void look_at_answer(std::size_t device, const SimStb::Answer &answer);
+    void set_present(const SimStb &device, bool present);
+    void set(const std::string &path, const Values &values);
+
+    void carry_out(const Step &step);
+    void carry_out_on_device(const Step &step, SimStb &device);
+    void carry_out_as_operator(const Step &step);
+    void carry_out_as_person(const Step &step);
+    void carry_out_on_ground(const Step &step);
+    void make_well();
+    void calm(bool by_people);
+    void tell_operator();
+    std::vector<std::string> clients() const;
+    std::vector<std::string> leases() const;
+
+    std::string plugin_;
+    std::string model_file_;
+    SimLoop loop_;
+    SimDisk disk_;
+    SimSegment segment_{loop_};
+    Scripts scripts_;
+    Table table_;
+    std::vector<std::unique_ptr<SimStb>> devices_;
+    std::set<const SimStb *> moved_by_hand_; /* the server has been told something else than the device knows */
+    std::unique_ptr<Life> life_;
+    const RoutedState *state_ = nullptr;
+    bool loaded_ = false;
+
+    /* The operator's, whoever asks. */
+    bool online_ = true;
+    std::uint64_t answer_ms_ = 10;
+    std::uint64_t lease_s_ = 86400;
+    std::string mask_ = "255.255.255.0";
+    std::map<int, std::string> options_;
+    std::map<std::string, std::string> address_book_;
+    unsigned next_address_ = 0;
+    std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
+
+    bool stored_by_hand_ = false;
+    bool mono_switched_ = false;
+    std::string broken_; /* found where nothing can be thrown */
+    std::uint64_t seen_model_ = 0;
+    std::uint64_t seen_rules_ = 0;
+    std::size_t step_ = 0;
+};
+
+} // namespace keel
+
+#endif
