@@ -4,6 +4,7 @@
 
 #include "host/base/text_forms.h"
 #include "host/gateway/graph.h"
+#include "tests/simulate/known.h"
 
 namespace keel {
 
@@ -76,7 +77,7 @@ std::string broken_owners(const Sight &sight) {
         if (in_force(lease) && !wan.insert(lease->ip_address).second)
             return "a WAN address has one owner: " + name + " shares " + lease->ip_address;
         for (const Server_lease *device : devices_of(lease)) {
-            if (device->nat_mapped && !lan.insert(device->ip_address).second)
+            if (device->nat_mapped && !lan.insert(device->ip_address).second && !is_left_out(Known::MappedWhileAbsent))
                 return std::string("a LAN address is mapped once: ") + device->id + " shares " + device->ip_address;
             if (in_force(lease) && !device->nat_mapped && !sight.ground.rules_lost)
                 return std::string("a device of an identity in force is mapped: ") + device->id + " of " + name + ", " +
@@ -132,10 +133,10 @@ std::string broken_store(const Sight &sight) {
 std::string broken_remains(const Sight &sight) {
     std::set<std::string> clients;
     std::set<std::string> addresses;
-    bool any_in_force = false;
+    bool any = false;
     for (const Client_lease *lease : identities_of(sight.state)) {
         clients.insert(client_prefix + std::string(lease->name));
-        any_in_force = any_in_force || in_force(lease);
+        any = any || in_force(lease);
         if (in_force(lease) && *sight.state.iptv_intf)
             addresses.insert(std::string(sight.state.iptv_intf) + " " + lease->ip_address);
     }
@@ -152,7 +153,7 @@ std::string broken_remains(const Sight &sight) {
             addresses.erase(held);
         }
         for (const std::string &one : sight.model.instances(path + ".IPv4Route"))
-            if (one.starts_with("zep_") && (!any_in_force || name != sight.state.iptv_intf))
+            if (one.starts_with("zep_") && ((!any && !sight.restarting) || name != sight.state.iptv_intf))
                 return "no route is left when no identity is in force: " + name + " " + one;
     }
     if (!addresses.empty())
@@ -180,6 +181,11 @@ std::string broken_clean_up(const Sight &sight) {
 }
 
 } // namespace
+
+bool any_in_force(const RoutedState &state) {
+    const auto all = identities_of(state);
+    return std::any_of(all.begin(), all.end(), in_force);
+}
 
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan) {
     return {"raw PREROUTING_zep_ACCEPT -d " + wan + "/255.255.255.255 -j ACCEPT",
@@ -210,6 +216,8 @@ std::string broken_liveness(const Sight &sight, const SimStb &device) {
     }
     if (!sight.routed || (!stb && !itf))
         return device.address().empty() ? "a device that is no matter of the routed mode is served: " + who : "";
+    if (!identity && !device.address().empty() && is_left_out(Known::UnheldAndRefused))
+        return "";
     if (!identity)
         return slots < client_slots || itf ? "an STB is taken up once there is a free slot: " + who : "";
     if (identity->status != LeaseStatus::Connected)

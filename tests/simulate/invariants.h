@@ -23,12 +23,14 @@ struct Sight {
     std::set<std::string> running_clients;
     bool routed = false;         /* by the settings */
     bool stored_by_hand = false; /* somebody has deleted a stored identity */
+    bool restarting = false;     /* no identity has been in force since the start: routes may stand from before */
 };
 
 /* The invariant that is broken, in words with what breaks it; "" when all hold. */
 std::string broken_safety(const Sight &sight);
 /* The same for a device that has had all that it needs for long. */
 std::string broken_liveness(const Sight &sight, const SimStb &device);
+bool any_in_force(const RoutedState &state);
 /* The rules that stand for one mapped device. */
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);
 

@@ -22,7 +22,14 @@ void Table::add(std::uint64_t at_ms, std::size_t column, std::string text) {
     for (const char one : text)
         mix(static_cast<unsigned char>(one));
     ++events_;
-    rows_.push_back({at_ms, column, std::move(text)});
+    /* One that only says the same again, as who asks in vain does, is counted where it said so first. */
+    const auto before =
+        std::find_if(rows_.rbegin(), rows_.rend(), [&](const Row &row) { return row.column == column; });
+    if (column != 0 && before != rows_.rend() && before->text == text) {
+        ++before->times;
+        return;
+    }
+    rows_.push_back({at_ms, column, std::move(text), 1});
     if (rows_.size() > kept)
         rows_.pop_front();
 }
@@ -43,12 +50,13 @@ std::string Table::text() const {
         std::snprintf(time, sizeof time, "%3lud %02lu:%02lu:%02lu.%03lu  ", s / 86400, s / 3600 % 24, s / 60 % 60,
                       s % 60, row.at_ms % 1000);
         std::string line = time;
+        const std::string told = row.times > 1 ? row.text + " x" + std::to_string(row.times) : row.text;
         if (row.column == 0) {
             line += "-- " + row.text;
         } else {
             for (const std::size_t column : used)
                 if (column <= row.column)
-                    line += column == row.column ? row.text : std::string(width, ' ');
+                    line += column == row.column ? told : std::string(width, ' ');
         }
         all += line + "\n";
     }

@@ -28,6 +28,7 @@ private:
         std::uint64_t at_ms;
         std::size_t column;
         std::string text;
+        unsigned times;
     };
 
     std::vector<std::string> columns_;

@@ -129,6 +129,7 @@ void World::power_on() {
     loaded_ = true;
     stored_by_hand_ = false;
     mono_switched_ = false;
+    restarting_ = true;
     seen_model_ = 0;
     loop_.run_until_idle();
     table_.add(loop_.now_ms(), gateway_column, "the host has started");
@@ -205,7 +206,8 @@ void World::tell_operator() {
 /* ------------------------------------------------------------------------------------------------ looking on */
 
 Sight World::sight() const {
-    return {life_->model, *state_, Ground::instance(), life_->wan->running(), is_routed(life_->model), stored_by_hand_};
+    return {life_->model,    *state_,    Ground::instance(), life_->wan->running(), is_routed(life_->model),
+            stored_by_hand_, restarting_};
 }
 
 void World::after_turn(bool idle) {
@@ -219,6 +221,7 @@ void World::after_turn(bool idle) {
         return;
     seen_model_ = model;
     seen_rules_ = rules;
+    restarting_ = restarting_ && is_routed(life_->model) && !any_in_force(*state_);
     if (const std::string broken = broken_safety(sight()); !broken.empty())
         throw Violation(broken);
 }
@@ -286,7 +289,8 @@ void World::calm(bool by_people) {
     set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"Enable", true}});
     loop_.advance(80 * minute_ms);
     for (const auto &device : devices_)
-        if (device->is_on() && device->is_plugged())
+        if (device->is_on() && device->is_plugged() &&
+            !moved_by_hand_.contains(device.get())) /* it learns of it later */
             if (const std::string broken = broken_liveness(sight(), *device); !broken.empty())
                 throw Violation(broken);
     if (const std::string error = life_->model.text("KeelHost", "StoreError"); !error.empty())

@@ -111,7 +111,8 @@ private:
 
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
-    std::string broken_; /* found where nothing can be thrown */
+    bool restarting_ = false; /* no identity has been in force since the start */
+    std::string broken_;      /* found where nothing can be thrown */
     std::uint64_t seen_model_ = 0;
     std::uint64_t seen_rules_ = 0;
     std::size_t step_ = 0;
