@@ -23,7 +23,8 @@ const Ground::Rules &Ground::default_rules() {
 
 void Ground::set_up() {
     rules_ = default_rules();
-    rules_lost = false;
+    mappings_lost_ = false;
+    others_lost_ = false;
     failing_command = 0;
     hanging_command = 0;
     ++generation_;
@@ -31,7 +32,7 @@ void Ground::set_up() {
 
 void Ground::flush_by_hand() {
     std::erase_if(rules_, [](const auto &rule) { return rule.first.find("_zep") != std::string::npos; });
-    rules_lost = true;
+    others_lost_ = true;
     ++generation_;
 }
 
@@ -57,14 +58,17 @@ int Ground::run(const std::string &command) {
     if (!program.ends_with("/iptables"))
         return 0; /* the bridge's rules are looked at elsewhere */
     if (failing_command > 0 && --failing_command == 0) {
-        rules_lost = true;
+        (command.find("_zep -s ") != std::string::npos || command.find("--to-destination") != std::string::npos ||
+                 command.find("/255.255.255.255") != std::string::npos
+             ? mappings_lost_
+             : others_lost_) = true;
         return failed;
     }
     ++generation_;
     if (operation == "-F") {
         std::erase_if(rules_, [&](const auto &rule) { return rule.first.starts_with(table + " " + chain + " "); });
         if (chain == "PREROUTING_zep" && table == "nat") /* the last one of a clean-up */
-            rules_lost = false;
+            mappings_lost_ = false;
         return 0;
     }
     const std::string rule = table + " " + chain + rest;

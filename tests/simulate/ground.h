@@ -32,12 +32,17 @@ public:
     std::uint64_t failing_command = 0; /* the Nth from now fails; 0: none */
     std::uint64_t hanging_command = 0; /* the Nth from now takes ten seconds; 0: none */
     std::function<void(std::uint64_t ms)> hold;
-    bool rules_lost = false;       /* by a failed command or by hand: until the chains are emptied and set up anew */
+    /* A failed command or somebody's hand has left other rules than the plug-in knows of: those of mappings until the
+     * chains are emptied, others until they are set up anew. */
+    bool rules_lost() const { return mappings_lost_ || others_lost_; }
+
     std::string strange_line;      /* the first command that holds what no command may */
     std::set<std::string> secrets; /* what devices have sent, which no command may hold */
 
 private:
     Rules rules_;
+    bool mappings_lost_ = false;
+    bool others_lost_ = false;
     std::uint64_t generation_ = 0;
 };
 

@@ -39,7 +39,7 @@ std::vector<const Server_lease *> devices_of(const Client_lease *lease) {
 }
 
 std::string broken_rules(const Sight &sight) {
-    if (sight.ground.rules_lost)
+    if (sight.ground.rules_lost())
         return "";
     Ground::Rules wanted = Ground::default_rules();
     if (const std::string intf = sight.state.iptv_intf; sight.routed && !intf.empty())
@@ -79,7 +79,7 @@ std::string broken_owners(const Sight &sight) {
         for (const Server_lease *device : devices_of(lease)) {
             if (device->nat_mapped && !lan.insert(device->ip_address).second && !is_left_out(Known::MappedWhileAbsent))
                 return std::string("a LAN address is mapped once: ") + device->id + " shares " + device->ip_address;
-            if (in_force(lease) && !device->nat_mapped && !sight.ground.rules_lost)
+            if (in_force(lease) && !device->nat_mapped && !sight.ground.rules_lost())
                 return std::string("a device of an identity in force is mapped: ") + device->id + " of " + name + ", " +
                        name_of(lease->status);
         }
@@ -101,11 +101,13 @@ std::string broken_store(const Sight &sight) {
         names.insert(lease->name);
         std::map<std::string, std::string> held{{"Name", lease->name},
                                                 {"ClientIDOffset", std::to_string(lease->client_id_offset)}};
-        const bool restored = lease->status == LeaseStatus::Unconnected && ipv4_or_none(lease->ip_address) != 0;
+        if (lease->status != LeaseStatus::Unconnected ||
+            sight.model.text(path, "DHCPCStatus") == name_of(lease->status))
+            sight.restored->erase(lease->name);
         if (lease->client_id_offset != unsaved_slot) {
             held["IPAddress"] = lease->ip_address;
             held["SubnetMask"] = lease->subnet_mask;
-            if (!restored)
+            if (!sight.restored->contains(lease->name))
                 held["DHCPCStatus"] = name_of(lease->status);
         }
         for (const auto &[parameter, text] : held)
@@ -153,7 +155,9 @@ std::string broken_remains(const Sight &sight) {
             addresses.erase(held);
         }
         for (const std::string &one : sight.model.instances(path + ".IPv4Route"))
-            if (one.starts_with("zep_") && ((!any && !sight.restarting) || name != sight.state.iptv_intf))
+            if (one.starts_with("zep_") &&
+                !(name == sight.state.iptv_intf ? any || sight.restarting
+                                                : sight.restarting && !*sight.state.iptv_intf))
                 return "no route is left when no identity is in force: " + name + " " + one;
     }
     if (!addresses.empty())
@@ -172,7 +176,7 @@ std::string broken_clean_up(const Sight &sight) {
         return "";
     if (!sight.model.instances(identities).empty() || sight.state.client_leases.size > 0)
         return "outside the routed mode there are no identities";
-    if (!sight.ground.rules_lost && sight.ground.rules() != Ground::default_rules())
+    if (!sight.ground.rules_lost() && sight.ground.rules() != Ground::default_rules())
         return "after the clean-up the two default rules stand alone";
     for (const char *server : {"NTPServer", "WWWServer"})
         if (sight.model.text("Keel.Zephyrin", server) != "00000000")

@@ -130,6 +130,8 @@ void World::power_on() {
     stored_by_hand_ = false;
     mono_switched_ = false;
     restarting_ = true;
+    const auto stored = life_->model.instances("Keel.Zephyrin.ClientLease");
+    restored_ = {stored.begin(), stored.end()};
     seen_model_ = 0;
     loop_.run_until_idle();
     table_.add(loop_.now_ms(), gateway_column, "the host has started");
@@ -155,7 +157,7 @@ void World::power_off(bool killed) {
     });
     if (!killed && left != lines.end())
         broken_ = "an orderly stop leaves nothing open: " + left->text;
-    if (!killed && !Ground::instance().rules_lost && Ground::instance().rules() != Ground::default_rules())
+    if (!killed && !Ground::instance().rules_lost() && Ground::instance().rules() != Ground::default_rules())
         broken_ = "after an orderly stop the two default rules stand alone";
     segment_.plug_in(nullptr);
     life_.reset();
@@ -205,9 +207,9 @@ void World::tell_operator() {
 
 /* ------------------------------------------------------------------------------------------------ looking on */
 
-Sight World::sight() const {
+Sight World::sight() {
     return {life_->model,    *state_,    Ground::instance(), life_->wan->running(), is_routed(life_->model),
-            stored_by_hand_, restarting_};
+            stored_by_hand_, &restored_, restarting_};
 }
 
 void World::after_turn(bool idle) {
@@ -279,7 +281,7 @@ void World::make_well() {
 void World::calm(bool by_people) {
     constexpr std::uint64_t minute_ms = 60000;
     make_well();
-    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost) {
+    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost()) {
         set("Keel.Zephyrin", {{"Enable", false}});
         loop_.advance(2000);
         stored_by_hand_ = false;

@@ -70,7 +70,7 @@ private:
     void power_on();
     void power_off(bool killed);
     void after_turn(bool idle);
-    Sight sight() const;
+    Sight sight();
     void look_at_answer(std::size_t device, const SimStb::Answer &answer);
     void set_present(const SimStb &device, bool present);
     void set(const std::string &path, const Values &values);
@@ -111,6 +111,7 @@ private:
 
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
+    std::set<std::string> restored_;
     bool restarting_ = false; /* no identity has been in force since the start */
     std::string broken_;      /* found where nothing can be thrown */
     std::uint64_t seen_model_ = 0;
