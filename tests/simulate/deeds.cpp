@@ -1,6 +1,7 @@
 /* What each step of a plan does to the world. */
 #include <utility>
 
+#include "tests/simulate/known.h"
 #include "tests/simulate/world.h"
 
 namespace keel {
@@ -163,6 +164,7 @@ void World::carry_out_as_person(const Step &step) {
         Ground::instance().flush_by_hand();
         break;
     default:
+        clock_was_set_ = true;
         loop_.set_wall_clock(step.value % 3 == 0 ? loop_.now_ms() / 1000 : 1700000000 + step.value % 100000000);
     }
 }
@@ -205,7 +207,8 @@ void World::carry_out_on_ground(const Step &step) {
         break;
     case Deed::Kill:
     case Deed::Restart: {
-        const bool unsaved = !life_->model.text("KeelHost", "StoreError").empty();
+        const bool unsaved = !life_->model.text("KeelHost", "StoreError").empty() ||
+                             (std::exchange(clock_was_set_, false) && is_left_out(Known::ClockAndRestart));
         if (unsaved)
             for (const auto &device : devices_)
                 moved_by_hand_.insert(device.get());

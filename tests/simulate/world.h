@@ -109,6 +109,7 @@ private:
     unsigned next_address_ = 0;
     std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
 
+    bool clock_was_set_ = false; /* since the start of the host */
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
     std::set<std::string> restored_;
