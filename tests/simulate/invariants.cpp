@@ -155,12 +155,13 @@ std::string broken_remains(const Sight &sight) {
             addresses.erase(held);
         }
         for (const std::string &one : sight.model.instances(path + ".IPv4Route"))
-            if (one.starts_with("zep_") && !(name != sight.state.iptv_intf && is_left_out(Known::StaleRoutes)) &&
+            if (one.starts_with("zep_") && !sight.started_without_line &&
+                !(name != sight.state.iptv_intf && is_left_out(Known::StaleRoutes)) &&
                 !(name == sight.state.iptv_intf ? any || sight.restarting
                                                 : sight.restarting && !*sight.state.iptv_intf))
                 return "no route is left when no identity is in force: " + name + " " + one;
     }
-    if (!addresses.empty())
+    if (!addresses.empty() && !sight.started_without_line)
         return "the WAN address of an identity in force is on the IPTV interface: " + *addresses.begin();
     for (const std::string &name : clients)
         if (!sight.model.find(interface_path(name)))

@@ -24,7 +24,8 @@ struct Sight {
     bool routed = false;             /* by the settings */
     bool stored_by_hand = false;     /* somebody has deleted a stored identity */
     std::set<std::string> *restored; /* identities of which the state stored is still that of an earlier life */
-    bool restarting = false;         /* no identity has been in force since the start: routes may stand from before */
+    bool started_without_line = false;
+    bool restarting = false; /* no identity has been in force since the start: routes may stand from before */
 };
 
 /* The invariant that is broken, in words with what breaks it; "" when all hold. */

@@ -7,6 +7,7 @@
 #include "host/base/trace.h"
 #include "host/gateway/leftovers.h"
 #include "host/platform/plugin.h"
+#include "tests/simulate/known.h"
 
 namespace keel {
 
@@ -26,7 +27,8 @@ std::vector<StbHabits> habits_of_devices(Chance &chance) {
         {"dhclient", "zep-stb", StbHabits::Tells::Sometimes, {}, {3, 8, 15, 21, 13, 300}, 0, true, 3000},
         {"dhcpcd", "zep-stb", StbHabits::Tells::InDiscoverAlone, {}, {4, 8, 16, 32, 64}, 4, true, 1000}};
     std::vector<StbHabits> all;
-    const std::uint64_t stbs = 4 + chance.below(6);
+    const std::uint64_t stbs =
+        4 + (chance.one_in(4) ? chance.below(6) : 0); /* more than four are refused, and ask on */
     for (std::uint64_t i = 0; i < stbs; ++i) {
         StbHabits one = makers[chance.below(makers.size())];
         one.vendor_class += chance.one_in(3) ? "$(reboot)" : "-4k";
@@ -130,6 +132,9 @@ void World::power_on() {
     stored_by_hand_ = false;
     mono_switched_ = false;
     restarting_ = true;
+    started_without_line_ = !lines_["eth1.20"] && !lines_["eth1.30"] && is_left_out(Known::InternalWithoutLine);
+    if (started_without_line_)
+        Ground::instance().forgive_mappings();
     const auto stored = life_->model.instances("Keel.Zephyrin.ClientLease");
     restored_ = {stored.begin(), stored.end()};
     seen_model_ = 0;
@@ -208,8 +213,15 @@ void World::tell_operator() {
 /* ------------------------------------------------------------------------------------------------ looking on */
 
 Sight World::sight() {
-    return {life_->model,    *state_,    Ground::instance(), life_->wan->running(), is_routed(life_->model),
-            stored_by_hand_, &restored_, restarting_};
+    return {life_->model,
+            *state_,
+            Ground::instance(),
+            life_->wan->running(),
+            is_routed(life_->model),
+            stored_by_hand_,
+            &restored_,
+            started_without_line_,
+            restarting_};
 }
 
 void World::after_turn(bool idle) {
@@ -281,9 +293,10 @@ void World::make_well() {
 void World::calm(bool by_people) {
     constexpr std::uint64_t minute_ms = 60000;
     make_well();
-    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost()) {
+    if (by_people || stored_by_hand_ || mono_switched_ || started_without_line_ || Ground::instance().rules_lost()) {
         set("Keel.Zephyrin", {{"Enable", false}});
         loop_.advance(2000);
+        started_without_line_ = false;
         stored_by_hand_ = false;
         mono_switched_ = false;
     }

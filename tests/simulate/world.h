@@ -110,6 +110,7 @@ private:
     std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
 
     bool clock_was_set_ = false; /* since the start of the host */
+    bool started_without_line_ = false;
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
     std::set<std::string> restored_;
