@@ -155,7 +155,7 @@ std::string broken_remains(const Sight &sight) {
             addresses.erase(held);
         }
         for (const std::string &one : sight.model.instances(path + ".IPv4Route"))
-            if (one.starts_with("zep_") && !sight.started_without_line &&
+            if (one.starts_with("zep_") && !sight.started_without_line && !sight.stale_routes &&
                 !(name != sight.state.iptv_intf && is_left_out(Known::StaleRoutes)) &&
                 !(name == sight.state.iptv_intf ? any || sight.restarting
                                                 : sight.restarting && !*sight.state.iptv_intf))
@@ -171,6 +171,19 @@ std::string broken_remains(const Sight &sight) {
             return "no process runs of a WAN client that is gone: " + name;
     return "";
 }
+
+} // namespace
+
+bool any_stale_route(const Sight &sight) {
+    for (const std::string &name : sight.model.instances(interfaces_path))
+        if (name != sight.state.iptv_intf)
+            for (const std::string &route : sight.model.instances(interface_path(name) + ".IPv4Route"))
+                if (route.starts_with("zep_"))
+                    return true;
+    return false;
+}
+
+namespace {
 
 std::string broken_clean_up(const Sight &sight) {
     if (sight.routed)

@@ -25,6 +25,7 @@ struct Sight {
     bool stored_by_hand = false;     /* somebody has deleted a stored identity */
     std::set<std::string> *restored; /* identities of which the state stored is still that of an earlier life */
     bool started_without_line = false;
+    bool stale_routes = false;
     bool restarting = false; /* no identity has been in force since the start: routes may stand from before */
 };
 
@@ -32,6 +33,8 @@ struct Sight {
 std::string broken_safety(const Sight &sight);
 /* The same for a device that has had all that it needs for long. */
 std::string broken_liveness(const Sight &sight, const SimStb &device);
+/* Whether a route stands on an interface that is not the IPTV one. */
+bool any_stale_route(const Sight &sight);
 bool any_in_force(const RoutedState &state);
 /* The rules that stand for one mapped device. */
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);

@@ -138,7 +138,9 @@ void World::power_on() {
     const auto stored = life_->model.instances("Keel.Zephyrin.ClientLease");
     restored_ = {stored.begin(), stored.end()};
     seen_model_ = 0;
+    stale_routes_ = is_left_out(Known::StaleRoutes); /* until the first look */
     loop_.run_until_idle();
+    stale_routes_ = stale_routes_ && any_stale_route(sight());
     table_.add(loop_.now_ms(), gateway_column, "the host has started");
 }
 
@@ -213,15 +215,8 @@ void World::tell_operator() {
 /* ------------------------------------------------------------------------------------------------ looking on */
 
 Sight World::sight() {
-    return {life_->model,
-            *state_,
-            Ground::instance(),
-            life_->wan->running(),
-            is_routed(life_->model),
-            stored_by_hand_,
-            &restored_,
-            started_without_line_,
-            restarting_};
+    return {life_->model,    *state_,    Ground::instance(),    life_->wan->running(), is_routed(life_->model),
+            stored_by_hand_, &restored_, started_without_line_, stale_routes_,         restarting_};
 }
 
 void World::after_turn(bool idle) {

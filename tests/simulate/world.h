@@ -111,6 +111,7 @@ private:
 
     bool clock_was_set_ = false; /* since the start of the host */
     bool started_without_line_ = false;
+    bool stale_routes_ = false;
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
     std::set<std::string> restored_;
