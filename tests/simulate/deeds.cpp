@@ -125,6 +125,7 @@ void World::carry_out_as_person(const Step &step) {
     case Deed::SetMonoClient: /* while the service is off, as docs and people do it */
         set(service, {{"Enable", false}});
         loop_.advance(1000);
+        mono_switched_ = true;
         set(service, {{"MonoClient", step.value % 2 == 0}, {"Enable", true}});
         break;
     case Deed::SetLeaseTime:

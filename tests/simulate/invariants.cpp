@@ -77,7 +77,8 @@ std::string broken_owners(const Sight &sight) {
         if (in_force(lease) && !wan.insert(lease->ip_address).second)
             return "a WAN address has one owner: " + name + " shares " + lease->ip_address;
         for (const Server_lease *device : devices_of(lease)) {
-            if (device->nat_mapped && !lan.insert(device->ip_address).second && !is_left_out(Known::MappedWhileAbsent))
+            if (device->nat_mapped && !lan.insert(device->ip_address).second &&
+                !(sight.crowded && is_left_out(Known::MappedWhileAbsent)))
                 return std::string("a LAN address is mapped once: ") + device->id + " shares " + device->ip_address;
             if (in_force(lease) && !device->nat_mapped && !sight.ground.rules_lost())
                 return std::string("a device of an identity in force is mapped: ") + device->id + " of " + name + ", " +
@@ -245,6 +246,21 @@ std::string broken_liveness(const Sight &sight, const SimStb &device) {
     for (const std::string &rule : rules_of(device.address(), identity->ip_address))
         if (!sight.ground.rules().contains(rule))
             return "an STB that is served is mapped: " + who + " lacks " + rule;
+    return "";
+}
+
+std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer) {
+    const bool itf = device.habits().vendor_class.starts_with("zep-itf");
+    if (!sight.routed || !(itf || device.habits().vendor_class.starts_with("zep-stb")))
+        return "";
+    const std::string wanted = answer.lease_s == unleased_lease_time_s
+                                   ? " "
+                                   : std::string(sight.state.ntp_server) + " " + sight.state.www_server;
+    for (const Client_lease *lease : identities_of(sight.state))
+        if (lease->name == (itf ? "itf" : device.id()) && in_force(lease) &&
+            wanted.find("00000000") == std::string::npos && answer.servers != wanted)
+            return "an answer of the whole lease time has the operator's servers, a short one none: " + device.id() +
+                   " is told \"" + answer.servers + "\", not \"" + wanted + "\"";
     return "";
 }
 

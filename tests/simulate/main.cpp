@@ -28,6 +28,7 @@ struct Options {
     unsigned jobs = 2;
     bool shrink = false;
     bool quiet = false;
+    bool first = false; /* no more seeds once one has failed */
     std::vector<std::string> faults = fault_groups();
 };
 
@@ -175,6 +176,10 @@ Options parse(int count, char **arguments) {
             options.shrink = true;
             continue;
         }
+        if (name == "--first") {
+            options.first = true;
+            continue;
+        }
         if (name == "--quiet") {
             options.quiet = true;
             continue;
@@ -230,6 +235,8 @@ int simulate(const Options &options) {
     for (const std::uint64_t seed : options.seeds) {
         if (running.size() >= options.jobs)
             take();
+        if (options.first && !failed.empty())
+            break;
         running.emplace_back(options, seed, draw_plan(seed, options.days, options.faults), true);
         started.push_back(seed);
     }

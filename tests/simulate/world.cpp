@@ -73,6 +73,9 @@ World::World(std::uint64_t seed, const std::string &plugin, const std::string &m
     Chance chance(seed ^ 0x5eed);
     for (const StbHabits &habits : habits_of_devices(chance))
         add_device(chance.next(), habits);
+    crowded_ = std::count_if(devices_.begin(), devices_.end(), [](const auto &device) {
+                   return device->habits().vendor_class.starts_with("zep-stb");
+               }) > client_slots;
     power_on();
     loop_.look_after_turns([this](bool idle) { after_turn(idle); });
 }
@@ -132,6 +135,7 @@ void World::power_on() {
     stored_by_hand_ = false;
     mono_switched_ = false;
     restarting_ = true;
+    ++lives_;
     started_without_line_ = !lines_["eth1.20"] && !lines_["eth1.30"] && is_left_out(Known::InternalWithoutLine);
     if (started_without_line_)
         Ground::instance().forgive_mappings();
@@ -215,8 +219,9 @@ void World::tell_operator() {
 /* ------------------------------------------------------------------------------------------------ looking on */
 
 Sight World::sight() {
-    return {life_->model,    *state_,    Ground::instance(),    life_->wan->running(), is_routed(life_->model),
-            stored_by_hand_, &restored_, started_without_line_, stale_routes_,         restarting_};
+    return {life_->model,    *state_,    Ground::instance(),     life_->wan->running(), is_routed(life_->model),
+            stored_by_hand_, &restored_, crowded_ || lives_ > 1, started_without_line_, stale_routes_,
+            restarting_};
 }
 
 void World::after_turn(bool idle) {
@@ -243,6 +248,9 @@ void World::look_at_answer(std::size_t place, const SimStb::Answer &answer) {
         moved_by_hand_.erase(&asker);
     if (answer.type == DhcpType::Nak)
         return;
+    if (loaded_)
+        if (std::string broken = broken_answer(sight(), asker, answer); !broken.empty())
+            broken_ = std::move(broken);
     for (const auto &other : devices_)
         if (other.get() != &asker && other->is_on() && other->is_plugged() && other->address() == answer.address &&
             !moved_by_hand_.contains(other.get()))

@@ -110,6 +110,8 @@ private:
     std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
 
     bool clock_was_set_ = false; /* since the start of the host */
+    bool crowded_ = false;
+    unsigned lives_ = 0;
     bool started_without_line_ = false;
     bool stale_routes_ = false;
     bool stored_by_hand_ = false;
