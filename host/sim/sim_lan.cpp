@@ -21,17 +21,18 @@ void SimLan::send(const Bytes &message, const DhcpDestination &destination) {
 }
 
 void SimLan::probe(std::uint32_t address) {
-    std::vector<HardwareAddress> owners;
     if (const auto squatter = squatters.find(address); squatter != squatters.end())
-        owners.push_back(squatter->second);
+        claim(address, squatter->second);
     for (const SimDevice *device : devices_)
         if (device->running_ && device->address_ == format_ipv4(address))
-            owners.push_back(device->hardware);
-    for (const HardwareAddress &owner : owners)
-        loop_.start_timer(answers_probes_after_ms, [this, address, owner] {
-            if (server_)
-                server_->address_used(address, owner);
-        });
+            claim(address, device->hardware);
+}
+
+void SimLan::claim(std::uint32_t address, const HardwareAddress &owner) {
+    loop_.start_timer(answers_probes_after_ms, [this, address, owner] {
+        if (server_)
+            server_->address_used(address, owner);
+    });
 }
 
 std::string SimLan::port_of(const HardwareAddress &hardware) {

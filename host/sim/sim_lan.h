@@ -31,6 +31,10 @@ public:
     std::string port_of_others;                         /* behind which the bridge has seen who is no device here */
     std::vector<DhcpDestination> sent;                  /* where each reply went */
 
+protected:
+    /* This device answers a probe. */
+    void claim(std::uint32_t address, const HardwareAddress &owner);
+
 private:
     friend class SimDevice;
 

@@ -29,6 +29,22 @@ void SimSegment::send(const Bytes &message, const DhcpDestination &destination) 
     });
 }
 
+void SimSegment::probe(std::uint32_t address) {
+    if (dead)
+        return;
+    SimLan::probe(address);
+    for (const SimStb *station : stations_)
+        if (station->is_on() && station->plugged_ && station->address_ == format_ipv4(address))
+            claim(address, station->hardware_);
+}
+
+std::string SimSegment::port_of(const HardwareAddress &device) {
+    for (const SimStb *station : stations_)
+        if (station->is_on() && station->plugged_ && station->hardware_ == device)
+            return "lan" + std::to_string(station->hardware_.back());
+    return SimLan::port_of(device);
+}
+
 SimStb::SimStb(Loop &loop, SimSegment &segment, unsigned number, StbHabits habits, std::uint64_t seed)
     : loop_(loop), segment_(segment),
       hardware_{0x02, 0xab, 1, 0, static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number)},

@@ -52,6 +52,8 @@ public:
     explicit SimSegment(Loop &loop) : SimLan(loop), loop_(loop) {}
 
     void send(const Bytes &message, const DhcpDestination &destination) override;
+    void probe(std::uint32_t address) override;
+    std::string port_of(const HardwareAddress &device) override;
     /* While the server's socket is dead, nothing comes through. */
     bool dead = false;
 
