@@ -133,7 +133,8 @@ void World::power_on() {
     state_ = &routed_state_of(plugin_);
     loaded_ = true;
     stored_by_hand_ = false;
-    mono_switched_ = false;
+    mono_switched_ = life_->model.boolean("Keel.Zephyrin", "MonoClient") ||
+                     life_->model.find("Keel.Zephyrin.ClientLease.iptv") != nullptr;
     restarting_ = true;
     ++lives_;
     started_without_line_ = !lines_["eth1.20"] && !lines_["eth1.30"] && is_left_out(Known::InternalWithoutLine);
