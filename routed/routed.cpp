@@ -87,7 +87,12 @@ void enter_interface() {
         weft_linkIntfs(client.name, routed_state.iptv_intf);
         weft_linkIntfs("iptv", client.name);
         zep_dhcp_client_start_stop(client.name, lease->dhcp_started);
+        /* It came into force while there was no interface, where it could not be put on one. */
+        if (routed_holds_address(lease))
+            zep_ipv4_addr_add(routed_state.iptv_intf, lease->ip_address, lease->subnet_mask);
     }
+    if (zep_routed_has_connected_lease())
+        routed_install_routes();
 }
 
 } // namespace

@@ -11,10 +11,6 @@ namespace {
 /* Whether mappings were made since the chains were emptied last; one that succeeded in part has left rules, too. */
 bool chains_used = false;
 
-bool holds_address(const Client_lease *lease) {
-    return lease->status == LeaseStatus::Connected || lease->status == LeaseStatus::Internal;
-}
-
 void empty_chains() {
     zep_firewall_static_chain_flush();
     zep_firewall_static_chain_default();
@@ -22,6 +18,10 @@ void empty_chains() {
 }
 
 } // namespace
+
+bool routed_holds_address(const Client_lease *lease) {
+    return lease->status == LeaseStatus::Connected || lease->status == LeaseStatus::Internal;
+}
 
 void zep_routed_set_ntpwwwserver(const char *ntp, const char *www) {
     if (ntp)
@@ -52,7 +52,7 @@ void routed_empty_used_chains(void) {
 
 bool zep_routed_has_connected_lease(void) {
     for (const Client_lease *lease : RecordsOf<Client_lease>(&routed_state.client_leases))
-        if (holds_address(lease))
+        if (routed_holds_address(lease))
             return true;
     return false;
 }
@@ -101,7 +101,7 @@ void zep_routed_slease_offer_leased(const char *lease_path) {
 void routed_drop_address(const Client_lease *lease, const char *address, const char *mask) {
     const uint8_t prefix = zep_ipv4_mask_to_prefixlen(mask);
     for (const Client_lease *other : RecordsOf<Client_lease>(&routed_state.client_leases))
-        if (other != lease && holds_address(other) && strcmp(other->ip_address, address) == 0 &&
+        if (other != lease && routed_holds_address(other) && strcmp(other->ip_address, address) == 0 &&
             zep_ipv4_mask_to_prefixlen(other->subnet_mask) == prefix)
             return;
     zep_ipv4_addr_del(routed_state.iptv_intf, address, mask);

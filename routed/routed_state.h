@@ -55,7 +55,9 @@ int zep_routed_iptv_intf_cleanup(const char *name);
 /* Takes away the rules of devices that were mapped while the IPTV path was on no interface, which no cleanup of an
  * interface finds. Does nothing when there are none. */
 void routed_empty_used_chains(void);
-/* Whether any identity holds a WAN address in force. */
+/* Whether an identity holds a WAN address in force. */
+bool routed_holds_address(const Client_lease *lease);
+/* Whether any does. */
 bool zep_routed_has_connected_lease(void);
 /* Without one, the routes leave the IPTV interface. */
 void routed_drop_unused_routes(void);
@@ -98,6 +100,8 @@ bool zep_routed_slease_ipaddress_handler(request_t *request, reply_item_t *item,
 bool zep_routed_dhcp_option121_handle(Client_lease *lease, uint8_t force);
 void zep_routed_add_routes(void *list);
 bool zep_routed_route_status_handler(request_t *request, reply_item_t *item, sysbus_t *from, sysbus_t *to, void *data);
+/* Installs the set that is in force on the interface of this moment, a second later. */
+void routed_install_routes(void);
 /* An installation that is still to come is not wanted any more. */
 void routed_cancel_route_installation(void);
 

@@ -116,6 +116,11 @@ bool zep_routed_route_status_handler(request_t *request, reply_item_t *item, sys
     return true;
 }
 
+void routed_install_routes(void) {
+    if (llist_size(&routed_state.routes) > 0)
+        defer_installation(&routed_state.routes);
+}
+
 void routed_cancel_route_installation(void) {
     installation_wanted = false;
 }

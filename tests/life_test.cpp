@@ -314,6 +314,28 @@ TEST_F(Life, StoredIdentitiesServeAgainAfterAPowerCut) {
     EXPECT_EQ(routes().size(), 2U) << "the stored set does not differ, so the routes themselves must come back";
 }
 
+TEST_F(Life, AnAddressHeldWithoutALineIsInForceOnceThereIsOne) {
+    power_on();
+    const std::string id = serve(1).id();
+    loop->advance(2 * second);
+    power_cut();
+    build();
+    kernel->set_link("eth1.20", false);
+    load_plugin();
+    SimDevice &stb = serve(1);
+    loop->advance(70 * second);
+    EXPECT_EQ(identity(id, "DHCPCStatus"), "Internal");
+
+    kernel->set_link("eth1.20", true);
+    loop->advance(2 * second);
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.10/24"});
+    EXPECT_TRUE(firewall.mapped(stb.address(), "10.20.0.10"));
+    loop->advance(31 * minute);
+    EXPECT_EQ(identity(id, "DHCPCStatus"), "Connected");
+    EXPECT_EQ(addresses(), std::vector<std::string>{"10.20.0.10/24"});
+    EXPECT_EQ(routes().size(), 2U) << "those of the binding do not differ from those in force";
+}
+
 TEST_F(Life, ARefusedStbThatKeepsAskingIsServedOnceTheReasonIsGone) {
     power_on();
     set("Keel.Zephyrin", {{"MonoClient", true}});
