@@ -114,6 +114,7 @@ public:
                                 const std::string &said) { note_script(loop_, model_, argv, status, said); }),
           firewall_check_(std::make_unique<FirewallCheck>(loop_, graph_, options.share + "/chains.sh",
                                                           std::filesystem::path(options.socket).parent_path())) {
+        drop_stray_routes(graph_);
         host_attach(loop_, graph_, runner_);
         provide_wan_address(graph_);
     }

@@ -314,6 +314,22 @@ TEST_F(Life, StoredIdentitiesServeAgainAfterAPowerCut) {
     EXPECT_EQ(routes().size(), 2U) << "the stored set does not differ, so the routes themselves must come back";
 }
 
+TEST_F(Life, RoutesFollowTheIptvPathToAnotherInterfaceAfterAPowerCut) {
+    power_on();
+    serve(1);
+    loop->advance(2 * second);
+    EXPECT_EQ(routes("eth1.20").size(), 2U);
+    power_cut();
+    build();
+    kernel->set_link("eth1.30", true);
+    kernel->set_link("eth1.20", false);
+    load_plugin();
+    serve(1);
+    loop->advance(2 * second);
+    EXPECT_EQ(routes("eth1.30").size(), 2U) << "the same set as before, but it stood elsewhere";
+    EXPECT_TRUE(routes("eth1.20").empty());
+}
+
 TEST_F(Life, AnAddressHeldWithoutALineIsInForceOnceThereIsOne) {
     power_on();
     const std::string id = serve(1).id();

@@ -177,6 +177,7 @@ protected:
 
     void load_plugin() {
         std::string error;
+        drop_stray_routes(*graph);
         ASSERT_TRUE(plugin_load(PLUGIN_FILE, &error)) << error;
         loop->run_until_idle();
     }

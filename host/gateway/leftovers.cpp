@@ -23,14 +23,11 @@ std::vector<std::string> instance_paths(const Model &model, const std::string &p
     return paths;
 }
 
-std::vector<std::string> installed_routes(const Model &model) {
+std::vector<std::string> installed_routes(const Model &model, const std::string &interface) {
     std::vector<std::string> paths;
-    for (const std::string &interface : model.instances(interfaces_path)) {
-        const std::string parent = interface_path(interface) + ".IPv4Route";
-        for (const std::string &name : model.instances(parent))
-            if (name.starts_with(own_route_prefix))
-                paths.push_back(join_path(parent, name));
-    }
+    for (const std::string &path : instance_paths(model, interface_path(interface) + ".IPv4Route"))
+        if (path.substr(path.rfind('.') + 1).starts_with(own_route_prefix))
+            paths.push_back(path);
     return paths;
 }
 
@@ -64,17 +61,24 @@ void release_holds(Model &model) {
 } // namespace
 
 void drop_leftovers(Model &model) {
-    const std::vector<std::string> installed = installed_routes(model);
-    if (is_routed(model)) {
-        if (installed.empty())
-            remove(model, instance_paths(model, received_routes_path), "received routes that are not installed");
+    if (is_routed(model))
         return;
-    }
     remove(model, instance_paths(model, identities_path), "identities of the routed mode");
     remove(model, instance_paths(model, received_routes_path), "received routes of the routed mode");
-    remove(model, installed, "routes of the routed mode");
+    for (const std::string &interface : model.instances(interfaces_path))
+        remove(model, installed_routes(model, interface), "routes of the routed mode");
     forget_servers(model);
     release_holds(model);
+}
+
+void drop_stray_routes(const InterfaceGraph &graph) {
+    Model &model = graph.model();
+    const std::string iptv = graph.live_netdev_below("iptv");
+    for (const std::string &interface : model.instances(interfaces_path))
+        if (interface != iptv)
+            remove(model, installed_routes(model, interface), "routes on another interface than the IPTV one");
+    if (iptv.empty() || installed_routes(model, iptv).empty())
+        remove(model, instance_paths(model, received_routes_path), "received routes that are not installed");
 }
 
 } // namespace keel

@@ -125,6 +125,7 @@ void World::power_on() {
     for (const auto &device : devices_)
         if (device->is_on() && device->is_plugged())
             set_present(*device, true);
+    drop_stray_routes(*life_->graph);
     host_attach(loop_, *life_->graph, scripts_);
     loop_.run_until_idle();
     std::string error;
