@@ -12,30 +12,45 @@ bool LanAddresses::is_free(std::uint32_t address) {
            (aside == aside_until_.end() || aside->second <= loop_.now_ms());
 }
 
-std::uint32_t LanAddresses::choose(const LanRule &rule, std::initializer_list<std::uint32_t> wanted) {
+bool LanAddresses::is_free_for(const std::string &device, std::uint32_t address) {
+    return is_free(address) && !mapped_.is_anothers(address, device);
+}
+
+std::uint32_t LanAddresses::choose(const LanRule &rule, const std::string &device,
+                                   std::initializer_list<std::uint32_t> wanted) {
+    const auto fits = [&](std::uint32_t address) {
+        return address >= rule.low && address <= rule.high && address != 0 && is_free_for(device, address);
+    };
+    if (const std::uint32_t own = mapped_.of(device); fits(own))
+        return own;
     for (const std::uint32_t address : wanted)
-        if (address >= rule.low && address <= rule.high && address != 0 && is_free(address))
+        if (fits(address))
             return address;
     if (rule.low == 0)
         return 0;
-    const auto fits = [&](std::uint32_t address) {
-        return address >= rule.low && address <= rule.high && is_free(address);
+    const std::uint32_t address = unused_longest(rule, fits);
+    return address != 0 ? address : unused_longest(rule, [this](std::uint32_t one) { return is_free(one); });
+}
+
+std::uint32_t LanAddresses::unused_longest(const LanRule &rule, const Fits &fits) {
+    const auto may_be = [&](std::uint32_t address) {
+        return address >= rule.low && address <= rule.high && fits(address);
     };
     const auto &unused = leases_.unused();
     const auto used_before = unused.lower_bound({1, 0});
     for (auto at = unused.begin(); at != used_before; ++at)
-        if (fits(at->second))
+        if (may_be(at->second))
             return at->second;
     std::uint32_t &first = never_used_.try_emplace({rule.low, rule.high}, rule.low).first->second;
     for (std::uint32_t address = first; address >= rule.low && address <= rule.high; ++address) {
         const bool used = leases_.is_leased(address) || leases_.freed(address) != 0;
         if (used && address == first)
             ++first;
-        else if (!used && is_free(address))
+        else if (!used && fits(address))
             return address;
     }
     for (auto at = used_before; at != unused.end(); ++at)
-        if (fits(at->second))
+        if (may_be(at->second))
             return at->second;
     return 0;
 }

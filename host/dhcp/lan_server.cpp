@@ -71,7 +71,7 @@ std::string lease_path(const LanRule &rule, const std::string &id) {
 } // namespace
 
 LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port)
-    : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), addresses_(loop, pools_, leases_),
+    : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), addresses_(loop, model, pools_, leases_),
       ends_(loop, model, leases_), waiting_(loop, model), reports_(loop), start_(model.latest_event()) {
     watch_ = model_.watch(lan_pools_path, [this](const Event &event) { on_event(event); });
 }
@@ -169,7 +169,8 @@ void LanDhcpServer::request(const Request &request) {
         ipv4_or_none(model_.text(request.lease, "IPAddress")) == wanted)
         park_or_answer(request, DhcpType::Ack);
     /* A device that comes back with an address that is free is given it; any other must begin anew. */
-    else if (!known && wanted >= request.rule.low && wanted <= request.rule.high && addresses_.is_free(wanted))
+    else if (!known && wanted >= request.rule.low && wanted <= request.rule.high &&
+             addresses_.is_free_for(request.id, wanted))
         begin_lease(request);
     else
         answer(request.message, pool, {DhcpType::Nak, 0, 0, {}});
@@ -202,8 +203,8 @@ void LanDhcpServer::begin_lease(const Request &request) {
     if (identifier_is_in_use(request) || (request.rule.pool->on_hold && !may_be_reported(request)))
         return;
     drop_leases_before(request);
-    const std::uint32_t address =
-        addresses_.choose(request.rule, {request.message.requested_address, request.message.client_address});
+    const std::uint32_t address = addresses_.choose(
+        request.rule, request.id, {request.message.requested_address, request.message.client_address});
     if (address == 0) {
         drop("the range of " + request.rule.path + " is used up");
         wait_without_lease(request, "no address is free", "");
@@ -318,7 +319,7 @@ void LanDhcpServer::address_used(std::uint32_t address, const HardwareAddress &b
     const auto places = leases_.leases_of(id);
     const auto place = std::find_if(places.begin(), places.end(), [&](const auto &one) { return one.first == lease; });
     const LanRule *rule = pools_.rule(place->second.pool, place->second.rule);
-    const std::uint32_t other = rule ? addresses_.choose(*rule, {}) : 0;
+    const std::uint32_t other = rule ? addresses_.choose(*rule, id, {}) : 0;
     if (other == 0) {
         model_.remove(lease);
         return;

@@ -1,0 +1,72 @@
+#include "host/dhcp/mapped_addresses.h"
+
+#include <algorithm>
+
+#include "host/base/text_forms.h"
+#include "host/gateway/settings.h"
+
+namespace keel {
+
+namespace {
+
+constexpr std::size_t longest_name = 35; /* of a device in the plug-in's records; a longer one is cut */
+
+std::string stored_name(const std::string &device) {
+    return device.substr(0, longest_name);
+}
+
+/* "Keel.Zephyrin.ClientLease.<identity>.ServerLease.<device>" */
+bool is_of_device(const Event &event) {
+    return event.steps.size() == 6 && event.steps[4] == "ServerLease" && event.steps[2] == "ClientLease" &&
+           event.steps[1] == "Zephyrin" && event.steps[0] == "Keel";
+}
+
+} // namespace
+
+MappedAddresses::MappedAddresses(Model &model) : model_(model) {
+    const std::string identities = join_path(service_path, "ClientLease");
+    for (const std::string &identity : model_.instances(identities)) {
+        const std::string devices = join_path(identities, identity) + ".ServerLease";
+        for (const std::string &device : model_.instances(devices))
+            set(device, model_.text(join_path(devices, device), "IPAddress"));
+    }
+    model_.observe(this, [this](const Event &event) { observe(event); });
+}
+
+MappedAddresses::~MappedAddresses() {
+    model_.observe(this, nullptr);
+}
+
+std::uint32_t MappedAddresses::of(const std::string &device) const {
+    const auto found = by_device_.find(stored_name(device));
+    return found == by_device_.end() ? 0 : found->second;
+}
+
+bool MappedAddresses::is_anothers(std::uint32_t address, const std::string &device) const {
+    const auto [first, end] = by_address_.equal_range(address);
+    return std::any_of(first, end, [&](const auto &one) { return one.second != stored_name(device); });
+}
+
+void MappedAddresses::observe(const Event &event) {
+    if (!is_of_device(event))
+        return;
+    const auto address = event.values.find("IPAddress");
+    if (event.kind == Event::Kind::Deleted)
+        set(event.steps[5], "");
+    else if (address != event.values.end())
+        set(event.steps[5], to_text(address->second));
+}
+
+void MappedAddresses::set(const std::string &device, const std::string &address) {
+    if (const auto found = by_device_.find(device); found != by_device_.end()) {
+        const auto [first, end] = by_address_.equal_range(found->second);
+        by_address_.erase(std::find_if(first, end, [&](const auto &one) { return one.second == device; }));
+        by_device_.erase(found);
+    }
+    if (const auto parsed = parse_ipv4(address); parsed && *parsed != 0) {
+        by_device_[device] = *parsed;
+        by_address_.emplace(*parsed, device);
+    }
+}
+
+} // namespace keel
