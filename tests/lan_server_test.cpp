@@ -254,6 +254,24 @@ TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
     EXPECT_EQ(lease_count(), 0U) << "but bounded";
 }
 
+TEST_F(LanServerTest, AClockThatWasSetIsNoTimeThatHasPassedAtTheNextStart) {
+    loop.set_wall_clock(1800000000);
+    stb.start();
+    loop.advance(3600000);
+    for (const std::uint64_t clock : {1900000000, 1700000000, 3600, 1800000000}) {
+        loop.set_wall_clock(clock);
+        loop.advance(61000);
+        restart();
+        ASSERT_EQ(lease_count(), 1U) << clock;
+    }
+    const std::uint64_t written = model.generation();
+    loop.advance(600000);
+    EXPECT_EQ(model.generation(), written) << "a clock that goes right";
+    stb.stop();
+    loop.advance(std::uint64_t{24} * 3600 * 1000);
+    EXPECT_EQ(lease_count(), 0U);
+}
+
 TEST_F(LanServerTest, ADeviceThatWaitsIsNotWrittenAtEachOfItsRequests) {
     hold(true);
     stb.start();

@@ -1,13 +1,16 @@
 #include "host/dhcp/lease_ends.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace keel {
 
 namespace {
 
 constexpr std::uint64_t longest_wait_ms =
-    std::uint64_t{24} * 3600 * 1000;                 /* for the end of a lease; then it is looked again */
+    std::uint64_t{24} * 3600 * 1000; /* for the end of a lease; then it is looked again */
+constexpr std::uint64_t clock_look_ms = 60000;
+constexpr std::int64_t leap_s = 5;                   /* what is less is the two clocks' own */
 constexpr std::uint64_t clock_is_set_s = 1577836800; /* a gateway without a clock of its own starts in 1970 */
 
 /* Somebody else has set when a lease ends: the server always writes both. */
@@ -21,9 +24,12 @@ LeaseEnds::LeaseEnds(Loop &loop, Model &model, LeaseTable &leases) : loop_(loop)
     for (const std::string &path : leases_.all())
         take_up(path);
     expire();
+    lead_s_ = wall_clock_lead_s();
+    follow_wall_clock();
 }
 
 LeaseEnds::~LeaseEnds() {
+    loop_.cancel_timer(look_at_clock_);
     loop_.cancel_timer(expiry_);
 }
 
@@ -84,6 +90,24 @@ void LeaseEnds::expire() {
     for (auto first = leases_.first_end(); first && first->first <= now; first = leases_.first_end())
         model_.remove(first->second);
     follow_expiry();
+}
+
+std::int64_t LeaseEnds::wall_clock_lead_s() const {
+    return static_cast<std::int64_t>(loop_.wall_clock_s()) - static_cast<std::int64_t>(loop_.now_ms() / 1000);
+}
+
+void LeaseEnds::follow_wall_clock() {
+    look_at_clock_ = loop_.start_timer(clock_look_ms, [this] { follow_wall_clock(); });
+    const std::int64_t lead_s = wall_clock_lead_s();
+    if (std::abs(lead_s - lead_s_) < leap_s)
+        return;
+    lead_s_ = lead_s;
+    const auto now = static_cast<std::int64_t>(loop_.wall_clock_s());
+    for (const std::string &path : leases_.all())
+        if (const auto end_ms = leases_.end_of(path)) {
+            const std::uint64_t left_s = (*end_ms - std::min(*end_ms, loop_.now_ms())) / 1000;
+            model_.set(path, {{"Expires", now + static_cast<std::int64_t>(left_s)}, {"Written", now}});
+        }
 }
 
 } // namespace keel

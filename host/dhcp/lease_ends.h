@@ -15,7 +15,8 @@ namespace keel {
 
 /* Deletes each lease when its time is up on the loop's clock. Leases that there are at the start are taken up for what
  * was left of them: "Expires" less "Written", when it was written, less the time since as far as the wall clock tells
- * it. From then on the wall clock ends no lease and prolongs none. */
+ * it. From then on the wall clock ends no lease and prolongs none; once it was set, both are written anew within a
+ * minute, since the next start would take the leap for time that has passed. */
 class LeaseEnds {
 public:
     LeaseEnds(Loop &loop, Model &model, LeaseTable &leases);
@@ -34,12 +35,16 @@ private:
     std::uint64_t remaining_s(const std::string &path) const;
     void follow_expiry();
     void expire();
+    void follow_wall_clock();
+    std::int64_t wall_clock_lead_s() const;
 
     Loop &loop_;
     Model &model_;
     LeaseTable &leases_;
     Loop::TimerId expiry_ = 0;
     std::uint64_t expiry_ms_ = 0; /* when it runs */
+    Loop::TimerId look_at_clock_ = 0;
+    std::int64_t lead_s_ = 0; /* of the wall clock over the loop's, by which the ends in the model are written */
 };
 
 } // namespace keel
