@@ -21,7 +21,6 @@ public:
     /* As the set-up of the chains leaves them. */
     void set_up();
     /* The rules of mappings are not looked at until the chains are emptied. */
-    void forgive_mappings() { mappings_lost_ = true; }
     /* Somebody empties the chains by hand. */
     void flush_by_hand();
     int run(const std::string &command);

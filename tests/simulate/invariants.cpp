@@ -4,7 +4,6 @@
 
 #include "host/base/text_forms.h"
 #include "host/gateway/graph.h"
-#include "tests/simulate/known.h"
 
 namespace keel {
 
@@ -78,7 +77,7 @@ std::string broken_owners(const Sight &sight) {
             return "a WAN address has one owner: " + name + " shares " + lease->ip_address;
         for (const Server_lease *device : devices_of(lease)) {
             if (device->nat_mapped && !lan.insert(device->ip_address).second &&
-                !(sight.crowded && is_left_out(Known::MappedWhileAbsent)))
+                !sight.stored_by_hand) /* what is mapped for whom is stored with it */
                 return std::string("a LAN address is mapped once: ") + device->id + " shares " + device->ip_address;
             if (in_force(lease) && !device->nat_mapped && !sight.ground.rules_lost())
                 return std::string("a device of an identity in force is mapped: ") + device->id + " of " + name + ", " +
@@ -156,13 +155,12 @@ std::string broken_remains(const Sight &sight) {
             addresses.erase(held);
         }
         for (const std::string &one : sight.model.instances(path + ".IPv4Route"))
-            if (one.starts_with("zep_") && !sight.started_without_line && !sight.stale_routes &&
-                !(name != sight.state.iptv_intf && is_left_out(Known::StaleRoutes)) &&
+            if (one.starts_with("zep_") &&
                 !(name == sight.state.iptv_intf ? any || sight.restarting
                                                 : sight.restarting && !*sight.state.iptv_intf))
                 return "no route is left when no identity is in force: " + name + " " + one;
     }
-    if (!addresses.empty() && !sight.started_without_line)
+    if (!addresses.empty())
         return "the WAN address of an identity in force is on the IPTV interface: " + *addresses.begin();
     for (const std::string &name : clients)
         if (!sight.model.find(interface_path(name)))
@@ -172,19 +170,6 @@ std::string broken_remains(const Sight &sight) {
             return "no process runs of a WAN client that is gone: " + name;
     return "";
 }
-
-} // namespace
-
-bool any_stale_route(const Sight &sight) {
-    for (const std::string &name : sight.model.instances(interfaces_path))
-        if (name != sight.state.iptv_intf)
-            for (const std::string &route : sight.model.instances(interface_path(name) + ".IPv4Route"))
-                if (route.starts_with("zep_"))
-                    return true;
-    return false;
-}
-
-namespace {
 
 std::string broken_clean_up(const Sight &sight) {
     if (sight.routed)
@@ -235,8 +220,6 @@ std::string broken_liveness(const Sight &sight, const SimStb &device) {
     }
     if (!sight.routed || (!stb && !itf))
         return device.address().empty() ? "a device that is no matter of the routed mode is served: " + who : "";
-    if (!identity && !device.address().empty() && is_left_out(Known::UnheldAndRefused))
-        return "";
     if (!identity)
         return slots < client_slots || itf ? "an STB is taken up once there is a free slot: " + who : "";
     if (identity->status != LeaseStatus::Connected)

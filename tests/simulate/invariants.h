@@ -24,10 +24,7 @@ struct Sight {
     bool routed = false;             /* by the settings */
     bool stored_by_hand = false;     /* somebody has deleted a stored identity */
     std::set<std::string> *restored; /* identities of which the state stored is still that of an earlier life */
-    bool crowded = false;            /* there are more STBs than slots, or the host has started again */
-    bool started_without_line = false;
-    bool stale_routes = false;
-    bool restarting = false; /* no identity has been in force since the start: routes may stand from before */
+    bool restarting = false;         /* no identity has been in force since the start: routes may stand from before */
 };
 
 /* The invariant that is broken, in words with what breaks it; "" when all hold. */
@@ -36,8 +33,6 @@ std::string broken_safety(const Sight &sight);
 std::string broken_liveness(const Sight &sight, const SimStb &device);
 /* The same for an answer that a device has just got. */
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer);
-/* Whether a route stands on an interface that is not the IPTV one. */
-bool any_stale_route(const Sight &sight);
 bool any_in_force(const RoutedState &state);
 /* The rules that stand for one mapped device. */
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);

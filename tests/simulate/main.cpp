@@ -15,7 +15,6 @@
 #include <iostream>
 #include <sstream>
 
-#include "tests/simulate/known.h"
 #include "tests/simulate/world.h"
 
 namespace keel {
@@ -147,17 +146,6 @@ std::vector<std::string> parts(const std::string &list) {
     return all;
 }
 
-/* Looks for these, although they are known. */
-void look_for_known(const std::vector<std::string> &names) {
-    for (const std::string &name : names) {
-        const auto *found = std::find_if(std::begin(known_faults), std::end(known_faults),
-                                         [&](const KnownFault &fault) { return name == fault.name; });
-        if (found == std::end(known_faults))
-            throw std::runtime_error("no fault is known as \"" + name + "\"");
-        left_out[found - std::begin(known_faults)] = false;
-    }
-}
-
 /* One seed a line, with a word on it behind. */
 void read_seeds(const std::string &file, std::vector<std::uint64_t> *seeds) {
     std::ifstream lines(file);
@@ -197,8 +185,6 @@ Options parse(int count, char **arguments) {
             options.days = static_cast<unsigned>(number);
         else if (name == "--jobs")
             options.jobs = std::max(1U, static_cast<unsigned>(number));
-        else if (name == "--known")
-            look_for_known(parts(value));
         else if (name == "--faults")
             options.faults = parts(value);
         else
@@ -246,9 +232,6 @@ int simulate(const Options &options) {
     for (const std::uint64_t seed : failed)
         std::cout << " " << seed;
     std::cout << "\n";
-    for (std::size_t i = 0; i < std::size(known_faults); ++i)
-        if (left_out[i])
-            std::cout << "known, not looked for: " << known_faults[i].name << ": " << known_faults[i].words << "\n";
     if (options.shrink && one && last.failed) {
         const Plan plan =
             shrink(options, options.seeds[0], draw_plan(options.seeds[0], options.days, options.faults), last);

@@ -7,7 +7,6 @@
 #include "host/base/trace.h"
 #include "host/gateway/leftovers.h"
 #include "host/platform/plugin.h"
-#include "tests/simulate/known.h"
 
 namespace keel {
 
@@ -73,9 +72,6 @@ World::World(std::uint64_t seed, const std::string &plugin, const std::string &m
     Chance chance(seed ^ 0x5eed);
     for (const StbHabits &habits : habits_of_devices(chance))
         add_device(chance.next(), habits);
-    crowded_ = std::count_if(devices_.begin(), devices_.end(), [](const auto &device) {
-                   return device->habits().vendor_class.starts_with("zep-stb");
-               }) > client_slots;
     power_on();
     loop_.look_after_turns([this](bool idle) { after_turn(idle); });
 }
@@ -137,16 +133,10 @@ void World::power_on() {
     mono_switched_ = life_->model.boolean("Keel.Zephyrin", "MonoClient") ||
                      life_->model.find("Keel.Zephyrin.ClientLease.iptv") != nullptr;
     restarting_ = true;
-    ++lives_;
-    started_without_line_ = !lines_["eth1.20"] && !lines_["eth1.30"] && is_left_out(Known::InternalWithoutLine);
-    if (started_without_line_)
-        Ground::instance().forgive_mappings();
     const auto stored = life_->model.instances("Keel.Zephyrin.ClientLease");
     restored_ = {stored.begin(), stored.end()};
     seen_model_ = 0;
-    stale_routes_ = is_left_out(Known::StaleRoutes); /* until the first look */
     loop_.run_until_idle();
-    stale_routes_ = stale_routes_ && any_stale_route(sight());
     table_.add(loop_.now_ms(), gateway_column, "the host has started");
 }
 
@@ -221,9 +211,8 @@ void World::tell_operator() {
 /* ------------------------------------------------------------------------------------------------ looking on */
 
 Sight World::sight() {
-    return {life_->model,    *state_,    Ground::instance(),     life_->wan->running(), is_routed(life_->model),
-            stored_by_hand_, &restored_, crowded_ || lives_ > 1, started_without_line_, stale_routes_,
-            restarting_};
+    return {life_->model,    *state_,    Ground::instance(), life_->wan->running(), is_routed(life_->model),
+            stored_by_hand_, &restored_, restarting_};
 }
 
 void World::after_turn(bool idle) {
@@ -298,10 +287,9 @@ void World::make_well() {
 void World::calm(bool by_people) {
     constexpr std::uint64_t minute_ms = 60000;
     make_well();
-    if (by_people || stored_by_hand_ || mono_switched_ || started_without_line_ || Ground::instance().rules_lost()) {
+    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost()) {
         set("Keel.Zephyrin", {{"Enable", false}});
         loop_.advance(2000);
-        started_without_line_ = false;
         stored_by_hand_ = false;
         mono_switched_ = false;
     }

@@ -109,11 +109,7 @@ private:
     unsigned next_address_ = 0;
     std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
 
-    bool clock_was_set_ = false; /* since the start of the host */
-    bool crowded_ = false;
-    unsigned lives_ = 0;
-    bool started_without_line_ = false;
-    bool stale_routes_ = false;
+    std::uint64_t clock_set_ms_ = 0;
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
     std::set<std::string> restored_;
