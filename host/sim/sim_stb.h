@@ -91,6 +91,8 @@ public:
 
     bool is_on() const { return state_ != State::Off; }
     bool is_plugged() const { return plugged_; }
+    /* Whether it wants an answer: not while it is content with its lease. */
+    bool is_asking() const { return is_on() && state_ != State::Bound; }
     const StbHabits &habits() const { return habits_; }
     std::string mac() const { return format_mac(hardware_.data()); }
     std::string id() const; /* the name of its lease */

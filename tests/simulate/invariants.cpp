@@ -220,6 +220,8 @@ std::string broken_liveness(const Sight &sight, const SimStb &device) {
     }
     if (!sight.routed || (!stb && !itf))
         return device.address().empty() ? "a device that is no matter of the routed mode is served: " + who : "";
+    if (!identity && !device.is_asking())
+        return ""; /* it has a lease of a time without holds, and is looked at when it renews it */
     if (!identity)
         return slots < client_slots || itf ? "an STB is taken up once there is a free slot: " + who : "";
     if (identity->status != LeaseStatus::Connected)
