@@ -8,6 +8,7 @@ namespace keel {
 namespace {
 
 constexpr const char *service = "Keel.Zephyrin";
+constexpr std::uint64_t longest_fault_ms = 2 * 3600 * 1000;
 constexpr std::uint64_t clock_noticed_ms = 61000; /* the ends of leases are written by the clock of then */
 
 template <typename Choices> auto pick(const Choices &choices, std::uint64_t number) {
@@ -201,10 +202,14 @@ void World::carry_out_on_ground(const Step &step) {
     case Deed::DiskFull:
     case Deed::DiskMended:
         disk_.full = step.deed == Deed::DiskFull;
+        if (disk_.full) /* somebody makes room: what is tried again each minute tells no more after hours */
+            loop_.start_timer(step.value % longest_fault_ms, [this] { disk_.full = false; });
         break;
     case Deed::LanDead:
     case Deed::LanAlive:
         segment_.dead = step.deed == Deed::LanDead;
+        if (segment_.dead)
+            loop_.start_timer(step.value % longest_fault_ms, [this] { segment_.dead = false; });
         break;
     case Deed::Kill:
     case Deed::Restart: {
