@@ -7,6 +7,11 @@ namespace keel {
 
 namespace {
 constexpr std::size_t few = 8; /* children that are sooner walked than indexed */
+
+bool has_dot(const Node &node) {
+    return node.name.find('.') != std::string::npos;
+}
+
 } // namespace
 
 const ParameterShape *Shape::parameter(std::string_view name) const {
@@ -30,6 +35,8 @@ Node *Children::find(std::string_view name) const {
 }
 
 Node *Children::first_on(std::string_view path) const {
+    if (with_dots_ == 0)
+        return find(path.substr(0, path.find('.')));
     Node *longest = nullptr;
     for (std::size_t end = path.find('.');; end = path.find('.', end + 1)) {
         if (Node *node = find(path.substr(0, end)))
@@ -48,6 +55,7 @@ std::string Children::free_number() const {
 Node &Children::append(std::string name) {
     Node &node = nodes_.emplace_back();
     node.name = std::move(name);
+    with_dots_ += has_dot(node);
     if (index_) {
         index_->emplace(node.name, std::prev(nodes_.end()));
     } else if (nodes_.size() > few) {
@@ -62,6 +70,7 @@ void Children::remove(const Node &child) {
     if (const auto number = parse_value(Type::UInt32, child.name))
         lowest_free_ =
             std::clamp<std::uint32_t>(static_cast<std::uint32_t>(std::get<std::int64_t>(*number)), 1, lowest_free_);
+    with_dots_ -= has_dot(child);
     if (!index_) {
         nodes_.remove_if([&](const Node &node) { return &node == &child; });
         return;

@@ -86,6 +86,7 @@ private:
 
     std::list<Node> nodes_;
     std::unique_ptr<std::unordered_map<std::string_view, Position>> index_; /* null while there are few */
+    std::size_t with_dots_ = 0;                                             /* in their names */
     mutable std::uint32_t lowest_free_ = 1;                                 /* every number below it is taken */
 };
 

@@ -220,7 +220,8 @@ void World::after_turn(bool idle) {
         throw Violation(broken_);
     if (!idle || !loaded_)
         return;
-    const std::uint64_t model = life_->model.generation();
+    /* What the LAN server writes of devices that wait is not looked at each time. */
+    const std::uint64_t model = std::max(life_->model.find("Keel")->generation, life_->model.find("Weft")->generation);
     const std::uint64_t rules = Ground::instance().generation();
     if (model == seen_model_ && rules == seen_rules_)
         return;
