@@ -12,6 +12,7 @@
 
 #include "host/base/trace.h"
 #include "host/base/uv_loop.h"
+#include "host/config/box_settings.h"
 #include "host/control/control.h"
 #include "host/dhcp/lan_server.h"
 #include "host/gateway/graph.h"
@@ -43,6 +44,8 @@ constexpr std::uint64_t settle_ms = 3000; /* at the end, for what the plug-in's 
 
 struct Options {
     std::string model;
+    std::string settings = "/etc/keel/keelhost.toml";
+    bool settings_given = false; /* else the file need not be there */
     std::string store = "/var/lib/keel/keel.db";
     std::string socket = "/run/keel/keel.sock";
     std::string plugin;
@@ -58,14 +61,20 @@ std::string default_place(const std::string &installed, const std::string &built
     return std::filesystem::exists(beside) ? beside.string() : (program / built).lexically_normal().string();
 }
 
-/* The WAN MAC address is the base of the client identifiers; the environment has the first word. */
-void provide_wan_address(const InterfaceGraph &graph) {
+/* The WAN MAC address is the base of the client identifiers; the environment has the first word, the settings file the
+ * next. */
+void provide_wan_address(const InterfaceGraph &graph, const std::string &set) {
     if (std::getenv("WAN_ADDR"))
         return;
+    if (!set.empty()) {
+        setenv("WAN_ADDR", set.c_str(), 1);
+        return;
+    }
     const std::string device = graph.netdev_below("iptv");
     const std::string mac = link_address(device);
     if (mac.empty()) {
-        trace(Level::Error, "host", "WAN_ADDR is not set and %s has no MAC address: the routed mode stays off",
+        trace(Level::Error, "host",
+              "neither wan.mac nor WAN_ADDR is set, and %s has no MAC address: the routed mode stays off",
               device.empty() ? "no device below iptv" : device.c_str());
         return;
     }
@@ -93,10 +102,11 @@ void note_script(Loop &loop, Model &model, const std::vector<std::string> &argv,
 class Host {
 public:
     Host(UvLoop &loop, const Options &options)
-        : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)), graph_(model_),
-          store_(loop_, model_, options.store), cleaned_((drop_leftovers(model_), true)), settings_(model_),
-          control_(loop_, model_, options.socket,
-                   {[this] { return store_.flush(); }, [this] { look_at_groups(graph_, tables_); }}),
+        : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)),
+          box_settings_(model_, options.settings, !options.settings_given), graph_(model_),
+          store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
+          settings_(model_), control_(loop_, model_, options.socket,
+                                      {[this] { return store_.flush(); }, [this] { look_at_groups(graph_, tables_); }}),
           tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
           presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
@@ -116,7 +126,7 @@ public:
                                                           std::filesystem::path(options.socket).parent_path())) {
         drop_stray_routes(graph_);
         host_attach(loop_, graph_, runner_);
-        provide_wan_address(graph_);
+        provide_wan_address(graph_, box_settings_.wan_mac());
     }
 
     /* What is taken away from here on is to go. */
@@ -126,6 +136,7 @@ private:
     UvLoop &loop_;
     Model model_;
     bool loaded_;
+    BoxSettings box_settings_;
     InterfaceGraph graph_;
     Store store_;
     bool cleaned_;
@@ -191,6 +202,8 @@ int main(int argc, char **argv) {
     CLI::App app{"Runs the plug-in of a gateway's network manager on this machine.", "keelhost"};
     app.set_version_flag("--version", "keelhost 1.0");
     app.add_option("--model", options.model, "data-model file (default: gateway.json of the share folder)");
+    auto *settings = app.add_option("--settings", options.settings, "what was set for this machine, if it is there");
+    settings->capture_default_str();
     app.add_option("--store", options.store, "SQLite file of what survives")->capture_default_str();
     app.add_option("--socket", options.socket, "Unix socket for keelctl")->capture_default_str();
     app.add_option("--plugin", options.plugin, "the plug-in")->capture_default_str();
@@ -198,6 +211,7 @@ int main(int argc, char **argv) {
     app.add_option("--udhcpc", options.udhcpc, "the DHCP client program")->capture_default_str();
     app.add_option("--igmpproxy", options.igmpproxy, "the multicast daemon's program")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
+    options.settings_given = settings->count() > 0;
     if (options.model.empty())
         options.model = options.share + "/gateway.json";
 
@@ -205,6 +219,10 @@ int main(int argc, char **argv) {
     std::signal(SIGCHLD, SIG_DFL); /* where a parent ignored it, no program's status would be told */
     try {
         return run(options);
+    } catch (const BoxConfigError &mistakes) {
+        std::fprintf(stderr, "%s\nkeelhost: %s is not used like this, and nothing is started\n", mistakes.what(),
+                     options.settings.c_str());
+        return 1;
     } catch (const std::exception &failure) {
         std::fprintf(stderr, "keelhost: %s\n", failure.what());
         return 1;

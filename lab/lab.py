@@ -7,7 +7,6 @@
                203.0.113.10
 """
 
-import json
 import os
 import signal
 import socket
@@ -146,16 +145,13 @@ class Lab:
 
     def launch_gateway(self):
         """Starts keelhost, and waits for nothing."""
-        with open(os.path.join(self.share, "gateway.json"), encoding="utf-8") as file:
-            model = json.load(file)
-        model["objects"]["Keel"]["objects"]["Zephyrin"]["parameters"]["Mode"][1] = self.mode
-        model_file = os.path.join(self.folder, "gateway.json")
-        with open(model_file, "w", encoding="utf-8") as file:
-            json.dump(model, file)
+        settings = os.path.join(self.folder, "keelhost.toml")
+        with open(settings, "w", encoding="utf-8") as file:
+            file.write(f'[service]\nmode = "{self.mode}"\n')
         self.gateway = self.network.spawn(
             "gateway", os.path.join(self.programs, "keelhost"),
             "--share", self.share,
-            "--model", model_file,
+            "--settings", settings,
             "--store", os.path.join(self.folder, "keel.db"),
             "--socket", self.socket,
             "--plugin", os.path.join(self.programs, "zephyrin.so"), log="gateway.log")

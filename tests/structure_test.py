@@ -18,13 +18,15 @@ ROOMS = {
     "host/base": [],
     "host/model": ["host/base"],
     "host/gateway": ["host/base", "host/model"],
+    "host/config": ["host/base", "host/model", "host/gateway"],
     "host/platform": ["platform", "host/base", "host/model", "host/gateway"],
     "host/control": ["host/base", "host/model"],
     "host/dhcp": ["host/base", "host/model", "host/gateway"],
     "host/linux": ["host/base", "host/model", "host/gateway", "host/dhcp"],
     "host/sim": ["host/base", "host/model", "host/gateway", "host/dhcp"],
     "keelctl": ["host/base"],
-    "keelhost": ["host/base", "host/model", "host/gateway", "host/platform", "host/control", "host/dhcp", "host/linux"],
+    "keelhost": ["host/base", "host/model", "host/gateway", "host/platform", "host/config", "host/control", "host/dhcp",
+                 "host/linux"],
 }
 ROOMS["tests"] = list(ROOMS)
 ROOMS["tests/fuzz"] = list(ROOMS)

@@ -35,6 +35,19 @@ TEST(TextForms, Masks) {
     EXPECT_EQ(mask_of(33), 0xffffffff);
 }
 
+TEST(TextForms, Networks) {
+    const auto network = parse_network("192.168.1.1/23");
+    ASSERT_TRUE(network);
+    EXPECT_EQ(format_network(*network), "192.168.1.1/23");
+    EXPECT_EQ(format_ipv4(network->first_host()) + " " + format_ipv4(network->last_host()),
+              "192.168.0.1 192.168.1.254");
+    EXPECT_FALSE(network->has_host(parse_ipv4("192.168.0.0").value()));
+    EXPECT_FALSE(network->has_host(parse_ipv4("192.168.1.255").value()));
+    for (const char *text : {"", "/", "192.168.1.1", "192.168.1.1/", "/24", "192.168.1.1/33", "192.168.1.1/-1",
+                             "192.168.1.1/2 ", "192.168.1.1/024", "192.168.1.1/24/1"})
+        EXPECT_FALSE(parse_network(text)) << text;
+}
+
 TEST(TextForms, Mac) {
     const HardwareAddress address = {0x02, 0x1a, 0x2b, 0x3c, 0x4d, 0xef};
     EXPECT_EQ(format_mac(address.data()), "02:1A:2B:3C:4D:EF");

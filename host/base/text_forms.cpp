@@ -101,6 +101,22 @@ int prefix_length_of(std::uint32_t mask) {
     return std::popcount(mask);
 }
 
+std::string format_network(const Network &network) {
+    return format_ipv4(network.address) + "/" + std::to_string(network.prefix);
+}
+
+std::optional<Network> parse_network(const std::string &text) {
+    const auto slash = text.find('/');
+    const auto address = parse_ipv4(text.substr(0, slash));
+    if (!address || slash == std::string::npos)
+        return std::nullopt;
+    const std::string number = text.substr(slash + 1);
+    if (number.empty() || number.size() > 2 || number.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    const int prefix = std::stoi(number);
+    return prefix <= 32 ? std::optional(Network{*address, prefix}) : std::nullopt;
+}
+
 std::string format_mac(const std::uint8_t *six_bytes) {
     std::string text;
     for (int i = 0; i < 6; ++i) {

@@ -44,6 +44,20 @@ std::uint32_t mask_of(int prefix_length);
 /* 255.255.255.0 -> 24; the number of bits set. */
 int prefix_length_of(std::uint32_t mask);
 
+/* An address and its subnet. */
+struct Network {
+    std::uint32_t address = 0;
+    int prefix = 32;
+
+    std::uint32_t first_host() const { return (address & mask_of(prefix)) + 1; }
+    std::uint32_t last_host() const { return (address | ~mask_of(prefix)) - 1; }
+    /* Whether a device of the subnet can have it: not its first or last address, which stand for the subnet. */
+    bool has_host(std::uint32_t other) const { return first_host() <= other && other <= last_host(); }
+};
+/* "192.168.1.1/24" */
+std::string format_network(const Network &network);
+std::optional<Network> parse_network(const std::string &text);
+
 /* "02:1A:2B:3C:4D:5E" */
 std::string format_mac(const std::uint8_t *six_bytes);
 /* Either case. */
