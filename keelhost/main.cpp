@@ -35,6 +35,7 @@
 #include "host/linux/wan_clients.h"
 #include "host/model/store.h"
 #include "host/platform/plugin.h"
+#include "keelhost/check.h"
 
 using namespace keel;
 
@@ -204,6 +205,8 @@ int main(int argc, char **argv) {
     app.add_option("--model", options.model, "data-model file (default: gateway.json of the share folder)");
     auto *settings = app.add_option("--settings", options.settings, "what was set for this machine, if it is there");
     settings->capture_default_str();
+    bool only_check = false;
+    app.add_flag("--check", only_check, "say what is wrong with model, settings and machine, and start nothing");
     app.add_option("--store", options.store, "SQLite file of what survives")->capture_default_str();
     app.add_option("--socket", options.socket, "Unix socket for keelctl")->capture_default_str();
     app.add_option("--plugin", options.plugin, "the plug-in")->capture_default_str();
@@ -214,6 +217,10 @@ int main(int argc, char **argv) {
     options.settings_given = settings->count() > 0;
     if (options.model.empty())
         options.model = options.share + "/gateway.json";
+
+    const bool has_settings = options.settings_given || std::filesystem::exists(options.settings);
+    if (only_check)
+        return check({options.model, has_settings ? options.settings : "", options.udhcpc, options.igmpproxy});
 
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL); /* where a parent ignored it, no program's status would be told */

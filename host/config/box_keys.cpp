@@ -163,7 +163,7 @@ constexpr const char *a_vlan = "a number from 1 to 4094 is allowed";
 
 const BoxKey all_keys[] = {
     {"service.enable", "true or false is allowed", yes_or_no, {service_path, "Enable", Type::Bool}, nullptr},
-    {"service.mode",
+    {mode_key,
      "\"Bridged\", \"Routed\", \"Simplified\" or \"SimplifiedV2\" is allowed",
      mode,
      {service_path, "Mode", Type::Text},

@@ -16,6 +16,7 @@
 namespace keel {
 
 /* Those with a meaning of their own for who starts the host. */
+constexpr const char *mode_key = "service.mode";
 constexpr const char *iptv_interface_key = "iptv.interface";
 constexpr const char *iptv_address_key = "iptv.address";
 constexpr const char *data_interface_key = "data.interface";

@@ -12,6 +12,8 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <sstream>
 
 namespace keel {
 
@@ -149,6 +151,20 @@ bool Program::wait(int milliseconds) const {
         if (poll(&ended, 1, std::min(left, slice_ms)) > 0)
             return true;
     return poll(&ended, 1, 0) > 0;
+}
+
+std::string find_program(const std::string &name) {
+    std::error_code error;
+    const auto is_there = [&](const std::string &file) {
+        return std::filesystem::is_regular_file(file, error) && access(file.c_str(), X_OK) == 0;
+    };
+    if (name.find('/') != std::string::npos)
+        return is_there(name) ? name : "";
+    std::istringstream folders(std::strchr(path, '=') + 1);
+    for (std::string folder; std::getline(folders, folder, ':');)
+        if (is_there(folder + "/" + name))
+            return folder + "/" + name;
+    return "";
 }
 
 std::optional<int> run_and_wait(const std::vector<std::string> &argv, int milliseconds, std::string *error) {

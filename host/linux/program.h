@@ -56,6 +56,9 @@ private:
     std::optional<int> status_;
 };
 
+/* Where Program would find one of that name, or path; "" when it would not. */
+std::string find_program(const std::string &name);
+
 /* Runs a program and waits for it, for what is done while the loop does not turn. Nothing when it cannot be started, or
  * was killed because it ran for longer than that; then the reason is in *error. */
 std::optional<int> run_and_wait(const std::vector<std::string> &argv, int milliseconds, std::string *error);
