@@ -130,6 +130,7 @@ public:
         provide_wan_address(graph_, box_settings_.wan_mac());
     }
 
+    void reload() { box_settings_.reload(); }
     /* What is taken away from here on is to go. */
     void end() { firewall_check_.reset(); }
 
@@ -158,7 +159,7 @@ private:
 };
 
 /* With everything that is made here gone again. */
-int serve(const Options &options, UvLoop &loop) {
+int serve(const Options &options, UvLoop &loop, StopSignals &signals) {
     std::string error;
     if (!set_up_chains(options.share + "/chains.sh", &error)) {
         std::fprintf(stderr, "keelhost: %s\n", error.c_str());
@@ -171,7 +172,9 @@ int serve(const Options &options, UvLoop &loop) {
         return 1;
     }
     trace(Level::Info, "host", "up");
+    signals.on_reload([&host] { host.reload(); });
     loop.run();
+    signals.on_reload(nullptr);
     trace(Level::Info, "host", "stopping");
     host.end();
     plugin_unload();
@@ -186,8 +189,8 @@ int run(const Options &options) {
         return 2;
     }
     UvLoop loop;
-    const StopSignals signals(loop);
-    const int status = serve(options, loop);
+    StopSignals signals(loop);
+    const int status = serve(options, loop, signals);
     const auto killed = signals.killed();
     for (const std::string &command : killed)
         std::fprintf(stderr, "keelhost: what this was to undo may be left: %s\n", command.c_str());

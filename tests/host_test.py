@@ -64,7 +64,7 @@ class HostTest(unittest.TestCase):
 
     def test_no_signal_ends_it_halfway(self):
         gateway = self.lab.gateway
-        for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM):
+        for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGHUP):
             gateway.send_signal(number)
         time.sleep(0.3)
         self.assertIsNone(gateway.poll())
@@ -76,6 +76,34 @@ class HostTest(unittest.TestCase):
         self.assertEqual(gateway.wait(20), 0, self.lab.network.log("gateway.log")[-2000:])
         self.assertEqual(self.own_rules(), [])
         self.assertEqual(self.lab.addresses("gateway", IPTV), [])
+
+    def test_a_changed_file_is_taken_over_while_it_runs(self):
+        keel, rule = self.lab.keel, "DHCPv4.Server.Pool.zep_stb.Rule.1"
+        settings = os.path.join(self.folder, "keelhost.toml")
+
+        def reload(text):
+            with open(settings, "w", encoding="utf-8") as file:
+                file.write(text)
+            self.lab.gateway.send_signal(signal.SIGHUP)
+
+        def told(text):
+            self.assertTrue(wait_for(lambda: text in self.lab.network.log("gateway.log"), 5),
+                            f"{text} is not told\n{self.lab.network.log('gateway.log')[-2000:]}")
+
+        self.assertTrue(keel.set("Keel.Zephyrin", MonoClient="true"))
+        reload('[service]\nmode = "Routed"\nmono-client = false\n[stb]\nlast = "192.168.2.1"\n')
+        told(f"{settings}:5: stb.last is 192.168.2.1")
+        told("nothing of")
+        self.assertEqual((keel.get(rule, "MaxAddress"), keel.get("Keel.Zephyrin", "MonoClient")), ("192.168.1.39", True))
+
+        reload('[service]\nmode = "Routed"\n[stb]\nlast = "192.168.1.30"\n[lan]\nbridge = "br9"\n')
+        told("stb.last is 192.168.1.30 now")
+        told("lan.bridge is br9 now: restart keelhost")
+        self.assertEqual((keel.get(rule, "MaxAddress"), keel.get("Keel.Zephyrin", "MonoClient")), ("192.168.1.30", True))
+        self.assertTrue(self.lab.served_as(STB1))
+
+        reload('[service]\nmode = "Bridged"\n')
+        self.assertTrue(wait_for(lambda: not self.own_rules(), 10), "the routed mode is left")
 
     def test_it_ends_although_a_command_hangs(self):
         with wrapped_tables(self.folder, 'for word; do [ "$word" != PREROUTING_zep ] || sleep 60; done'):

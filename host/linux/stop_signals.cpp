@@ -89,17 +89,34 @@ void kill_tree(const std::vector<Process> &all, pid_t root) {
             kill_tree(all, one.pid);
 }
 
+/* How the thread wakes the loop, which does not stay for its sake. */
+uv_async_t *start_wake_up(UvLoop &loop, void *data, uv_async_cb call) {
+    auto *handle = new uv_async_t;
+    handle->data = data;
+    uv_async_init(loop.handle(), handle, call);
+    uv_unref(reinterpret_cast<uv_handle_t *>(handle));
+    return handle;
+}
+
+void end_wake_up(uv_async_t *handle) {
+    uv_close(reinterpret_cast<uv_handle_t *>(handle),
+             [](uv_handle_t *closed) { delete reinterpret_cast<uv_async_t *>(closed); });
+}
+
 } // namespace
 
-StopSignals::StopSignals(UvLoop &loop) : loop_(loop), asked_(new uv_async_t) {
+StopSignals::StopSignals(UvLoop &loop) : loop_(loop) {
     const sigset_t set = taken_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     if (signals_ < 0)
         throw std::runtime_error("no signalfd");
-    asked_->data = &loop_;
-    uv_async_init(loop_.handle(), asked_, [](uv_async_t *asked) { static_cast<UvLoop *>(asked->data)->stop(); });
-    uv_unref(reinterpret_cast<uv_handle_t *>(asked_));
+    asked_ = start_wake_up(loop_, &loop_, [](uv_async_t *asked) { static_cast<UvLoop *>(asked->data)->stop(); });
+    reload_asked_ = start_wake_up(loop_, this, [](uv_async_t *asked) {
+        auto *self = static_cast<StopSignals *>(asked->data);
+        if (self->reload_)
+            self->reload_();
+    });
     thread_ = std::thread([this] { wait_for_signals(); });
 }
 
@@ -107,8 +124,8 @@ StopSignals::~StopSignals() {
     over_ = true;
     thread_.join();
     close(signals_);
-    uv_close(reinterpret_cast<uv_handle_t *>(asked_),
-             [](uv_handle_t *closed) { delete reinterpret_cast<uv_async_t *>(closed); });
+    end_wake_up(asked_);
+    end_wake_up(reload_asked_);
 }
 
 std::vector<std::string> StopSignals::killed() const {
@@ -126,6 +143,8 @@ void StopSignals::wait_for_signals() {
             if (asks_for_the_end(signal.ssi_signo) && !asked_at) {
                 asked_at = Clock::now();
                 uv_async_send(asked_);
+            } else if (signal.ssi_signo == SIGHUP && !asked_at) {
+                uv_async_send(reload_asked_);
             }
         if (!asked_at)
             continue;

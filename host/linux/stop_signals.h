@@ -1,5 +1,5 @@
 /*
- * The signals that ask the host to end, and an end that comes whatever hangs.
+ * The signals that ask the host to end, or to read its settings again; and an end that comes whatever hangs.
  */
 #ifndef HOST_LINUX_STOP_SIGNALS_H
 #define HOST_LINUX_STOP_SIGNALS_H
@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -20,8 +21,8 @@
 
 namespace keel {
 
-/* SIGTERM, SIGINT and SIGQUIT stop the loop, once: more of them during the clean-up change nothing. SIGHUP, SIGUSR1,
- * SIGUSR2 and SIGALRM are taken and change nothing at all.
+/* SIGTERM, SIGINT and SIGQUIT stop the loop, once: more of them during the clean-up change nothing. SIGHUP has the
+ * settings read again; SIGUSR1, SIGUSR2 and SIGALRM are taken and change nothing at all.
  *
  * A thread of its own waits for them, since the plug-in's shell commands hold the loop. From the first one on it
  * watches these commands: one that hangs is killed, so that the clean-up goes on with the next; and when the clean-up
@@ -37,6 +38,8 @@ public:
     /* The clean-up is over. The signals stay blocked: what comes now is too late to change anything. */
     ~StopSignals();
 
+    /* What SIGHUP has done, on a turn of the loop; null for nothing. Several that come close together count as one. */
+    void on_reload(std::function<void()> reload) { reload_ = std::move(reload); }
     /* The command lines of the commands that were killed: what they were to undo may still be there. */
     std::vector<std::string> killed() const;
 
@@ -47,7 +50,9 @@ private:
     void watch_commands(Clock::time_point now);
 
     UvLoop &loop_;
+    std::function<void()> reload_; /* of the loop's thread alone */
     uv_async_t *asked_;
+    uv_async_t *reload_asked_;
     int signals_;
     std::atomic<bool> over_ = false;
     std::map<pid_t, Clock::time_point> commands_; /* that run, since when they are known */
