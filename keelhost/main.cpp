@@ -31,6 +31,7 @@
 #include "host/linux/lan_port.h"
 #include "host/linux/multicast.h"
 #include "host/linux/presence.h"
+#include "host/linux/service_manager.h"
 #include "host/linux/stop_signals.h"
 #include "host/linux/wan_clients.h"
 #include "host/model/store.h"
@@ -134,6 +135,19 @@ public:
     /* What is taken away from here on is to go. */
     void end() { firewall_check_.reset(); }
 
+    /* Tells the service manager once the LAN is served. */
+    void tell_when_served(ServiceManager &manager) {
+        const std::string lan = model_.text(lan_server_path, "Interface");
+        const auto served = [&manager, lan] {
+            manager.status("DHCP is served on " + lan);
+            manager.ready();
+        };
+        if (lan_port_.is_open())
+            return served();
+        manager.status("waiting for " + lan);
+        lan_port_.on_open(served);
+    }
+
 private:
     UvLoop &loop_;
     Model model_;
@@ -160,6 +174,7 @@ private:
 
 /* With everything that is made here gone again. */
 int serve(const Options &options, UvLoop &loop, StopSignals &signals) {
+    ServiceManager manager(loop);
     std::string error;
     if (!set_up_chains(options.share + "/chains.sh", &error)) {
         std::fprintf(stderr, "keelhost: %s\n", error.c_str());
@@ -172,10 +187,16 @@ int serve(const Options &options, UvLoop &loop, StopSignals &signals) {
         return 1;
     }
     trace(Level::Info, "host", "up");
-    signals.on_reload([&host] { host.reload(); });
+    host.tell_when_served(manager);
+    signals.on_reload([&] {
+        manager.reloading();
+        host.reload();
+        manager.reloaded();
+    });
     loop.run();
     signals.on_reload(nullptr);
     trace(Level::Info, "host", "stopping");
+    manager.stopping();
     host.end();
     plugin_unload();
     loop.settle(settle_ms); /* what the plug-in has written last reaches kernel, clients and store */

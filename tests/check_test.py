@@ -35,7 +35,8 @@ class CheckTest(unittest.TestCase):
         """The exit status, and what is said."""
         before = (sorted(os.listdir("/run")), os.listdir(self.folder))
         done = subprocess.run((os.path.join(PROGRAMS, "keelhost"), "--check", "--settings", self.settings, "--share",
-                               os.path.join(ROOT, "share"), *options), capture_output=True, text=True, timeout=20, check=False)
+                               os.path.join(ROOT, "share"), *options),
+                              capture_output=True, text=True, timeout=20, check=False)
         self.assertEqual(done.stderr, "")
         self.assertEqual((sorted(os.listdir("/run")), os.listdir(self.folder)), before, "it touches nothing")
         return done.returncode, done.stdout.splitlines()
@@ -50,7 +51,7 @@ class CheckTest(unittest.TestCase):
     def test_what_the_machine_lacks_is_told(self):
         for make, lacks in (("", "the IPTV device eth1.20 does not exist: eth1 does not exist either"),
                             ("ip link add eth1 type veth peer name far", "type vlan id 20"),
-                            ("ip link add eth1.20 type veth peer name far20; ip link set eth1.20 up", "eth1.10 does not"),
+                            ("ip link add eth1.20 type veth peer name far20; ip link set eth1.20 up", "eth1.10 does"),
                             ("ip link add eth1.10 type veth peer name far10", "the LAN bridge br-lan does not exist"),
                             ("ip link add br-lan type bridge", "br-lan is down"),
                             ("ip link set br-lan up", "ip address add 192.168.1.1/24 dev br-lan"),
@@ -65,11 +66,12 @@ class CheckTest(unittest.TestCase):
         self.assertFalse(ready[1][0].startswith(("error", "warning")))
 
         for spoil, mend, level, words in (
-                ("echo 0 >/proc/sys/net/ipv4/ip_forward", "echo 1 >/proc/sys/net/ipv4/ip_forward", "error", "must be 1"),
+                ("echo 0 >/proc/sys/net/ipv4/ip_forward", "echo 1 >/proc/sys/net/ipv4/ip_forward", "error",
+                 "must be 1"),
                 ("cd /proc/sys/net/ipv4/conf; echo 0 >all/rp_filter; echo 1 >eth1.20/rp_filter",
                  "echo 0 >/proc/sys/net/ipv4/conf/eth1.20/rp_filter", "error", "rp_filter of eth1.20 is 1"),
-                ("echo 1 >/proc/sys/net/ipv4/conf/all/rp_filter", "echo 0 >/proc/sys/net/ipv4/conf/all/rp_filter", "error",
-                 "rp_filter of eth1.20 is 1"),
+                ("echo 1 >/proc/sys/net/ipv4/conf/all/rp_filter", "echo 0 >/proc/sys/net/ipv4/conf/all/rp_filter",
+                 "error", "rp_filter of eth1.20 is 1"),
                 ("ip link set eth1.20 down", "ip link set eth1.20 up", "warning", "eth1.20 is down"),
                 ("mount --bind /dev/null /usr/bin/zep_firewall.sh", "umount /usr/bin/zep_firewall.sh", "warning",
                  "zep_firewall.sh is not there")):

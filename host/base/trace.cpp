@@ -1,11 +1,31 @@
 #include "host/base/trace.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <vector>
 
 namespace keel {
+
+namespace {
+
+/* It names the file that the journal reads from; a stderr that somebody has led elsewhere since is another one. */
+bool stderr_is_the_journal() {
+    const char *journal = std::getenv("JOURNAL_STREAM");
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    struct stat own {};
+    return journal && std::sscanf(journal, "%llu:%llu", &device, &inode) == 2 && fstat(STDERR_FILENO, &own) == 0 &&
+           own.st_dev == device && own.st_ino == inode;
+}
+
+} // namespace
+
+TraceLog::TraceLog() : to_journal_(stderr_is_the_journal()) {}
 
 TraceLog &TraceLog::instance() {
     static TraceLog log;
@@ -21,19 +41,28 @@ void TraceLog::write(Level level, std::string zone, std::string text) {
     if (lines_.size() > max_lines)
         lines_.pop_front();
     const TraceLine &line = lines_.back();
-    if (print_) {
-        tm local{};
-        localtime_r(&now.tv_sec, &local);
-        const char letter = level == Level::Error ? 'x' : level == Level::Warning ? '!' : 'i';
-        std::fprintf(stderr, "%02d:%02d:%02d.%03ld %c %s%s%s\n", local.tm_hour, local.tm_min, local.tm_sec,
-                     now.tv_nsec / 1000000, letter, line.zone.c_str(), line.zone.empty() ? "" : ": ",
-                     line.text.c_str());
-    }
+    if (print_)
+        print(line);
     if (followers_.empty())
         return;
     const auto followers = followers_; /* a follower may end itself */
     for (const auto &[id, follower] : followers)
         follower(line);
+}
+
+void TraceLog::print(const TraceLine &line) const {
+    const char *colon = line.zone.empty() ? "" : ": ";
+    if (to_journal_) {
+        const int priority = line.level == Level::Error ? 3 : line.level == Level::Warning ? 4 : 6;
+        std::fprintf(stderr, "<%d>%s%s%s\n", priority, line.zone.c_str(), colon, line.text.c_str());
+        return;
+    }
+    const auto seconds = static_cast<std::time_t>(line.wall_clock_ms / 1000);
+    tm local{};
+    localtime_r(&seconds, &local);
+    const char letter = line.level == Level::Error ? 'x' : line.level == Level::Warning ? '!' : 'i';
+    std::fprintf(stderr, "%02d:%02d:%02d.%03u %c %s%s%s\n", local.tm_hour, local.tm_min, local.tm_sec,
+                 static_cast<unsigned>(line.wall_clock_ms % 1000), letter, line.zone.c_str(), colon, line.text.c_str());
 }
 
 std::uint64_t TraceLog::follow(Follower follower) {

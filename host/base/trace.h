@@ -23,7 +23,8 @@ struct TraceLine {
     std::string text;
 };
 
-/* Keeps the latest lines, prints each to stderr unless told not to, and hands each to its followers. */
+/* Keeps the latest lines, prints each to stderr unless told not to, and hands each to its followers. Where stderr is
+ * the journal, a line begins with its priority ("<3>") in the place of the time, which the journal has itself. */
 class TraceLog {
 public:
     using Follower = std::function<void(const TraceLine &)>;
@@ -39,12 +40,16 @@ public:
     void set_print(bool print) { print_ = print; }
 
 private:
+    TraceLog();
+    void print(const TraceLine &line) const;
+
     static constexpr std::size_t max_lines = 2000;
     std::deque<TraceLine> lines_;
     std::map<std::uint64_t, Follower> followers_;
     std::uint64_t written_ = 0;
     std::uint64_t last_follower_ = 0;
     bool print_ = true;
+    bool to_journal_;
 };
 
 /* The text of a printf format with its arguments, of any length. */

@@ -76,6 +76,8 @@ void PacketLanPort::state_changed(int error) {
         port_.close();
     else
         take_port(); /* it may be another device of that name */
+    if (const auto opened = error ? nullptr : std::exchange(opened_, nullptr))
+        opened();
 }
 
 void PacketLanPort::send(const Bytes &message, const DhcpDestination &destination) {

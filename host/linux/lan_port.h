@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "host/dhcp/lan_server.h"
 #include "host/linux/kernel_tables.h"
@@ -27,6 +28,10 @@ public:
     PacketLanPort(const PacketLanPort &) = delete;
     PacketLanPort &operator=(const PacketLanPort &) = delete;
 
+    bool is_open() const { return socket_.is_open(); }
+    /* Called once, the next time that the interface is open again. */
+    void on_open(std::function<void()> opened) { opened_ = std::move(opened); }
+
     /* Nothing is sent while the interface is not open. */
     void send(const Bytes &message, const DhcpDestination &destination) override;
     void probe(std::uint32_t address) override;
@@ -41,6 +46,7 @@ private:
 
     std::string interface_;
     Receiver receiver_;
+    std::function<void()> opened_;
     KernelTables &tables_;
     UdpPort port_; /* so that the kernel refuses nobody what the packet socket takes */
     PacketSocket socket_;
