@@ -207,24 +207,36 @@ TEST_F(ConfigTest, EveryMistakeIsToldWithItsLine) {
     EXPECT_EQ(mistakes("[service\n").size(), 1U);
     EXPECT_EQ(mistakes("[service]\nmode = \"Routed\"\nmode = \"Bridged\"\n").at(0).substr(0, 3), "3: ");
     EXPECT_EQ(
-        mistakes("[service]\nmode = \"Rooted\"\nmono-client = 1\nlease-time = 1.5\nlease_time = 60\n"
-                 "[stb]\nfirst = 20\nlast = [\"192.168.1.30\"]\n[sbt]\nfirst = \"192.168.1.20\"\n"
-                 "[lan]\naddress = \"192.168.1.0/24\"\ndns = [\"192.168.1.1\", \"dns.example\"]\n"),
-        (Lines{"2: service.mode is \"Rooted\": \"Bridged\", \"Routed\", \"Simplified\" or \"SimplifiedV2\" is "
-               "allowed",
-               "3: service.mono-client is 1: true or false is allowed",
-               "4: service.lease-time is nothing that is used here: a number of seconds from 60 to 31536000 is "
-               "allowed",
-               "5: there is no \"service.lease_time\": there are service.enable, service.mode, service.interface, "
-               "service.mono-client, service.lease-time",
-               "7: stb.first is 20: an address such as \"192.168.1.20\" is allowed",
-               "8: stb.last is [\"192.168.1.30\"]: an address such as \"192.168.1.20\" is allowed",
-               "10: there is no \"sbt.first\": there are the tables [service], [iptv], [data], [wan], [lan], "
-               "[stb], [itf], [others]",
-               "12: lan.address is \"192.168.1.0/24\": an address with the length of its subnet's prefix, 8 to 30, "
-               "such as \"192.168.1.1/24\", is allowed, and not the subnet's first or last address",
-               "13: lan.dns is [\"192.168.1.1\", \"dns.example\"]: a list of up to 8 addresses, such as "
-               "[\"192.168.1.1\"], is allowed"}));
+        mistakes(R"([service]
+mode = "Rooted"
+mono-client = 1
+lease-time = 1.5
+lease_time = 60
+[stb]
+first = 20
+last = ["192.168.1.30"]
+[sbt]
+first = "192.168.1.20"
+[lan]
+address = "192.168.1.0/24"
+dns = ["192.168.1.1", "dns.example"]
+)"),
+        (Lines{
+            R"(2: service.mode is "Rooted": "Bridged", "Routed", "Simplified" or "SimplifiedV2" is allowed)",
+            "3: service.mono-client is 1: true or false is allowed",
+            "4: service.lease-time is nothing that is used here: a number of seconds from 60 to 31536000 is allowed",
+            std::string(R"(5: there is no "service.lease_time": there are service.enable, service.mode, )") +
+                "service.interface, service.mono-client, service.lease-time",
+            R"(7: stb.first is 20: an address such as "192.168.1.20" is allowed)",
+            R"(8: stb.last is ["192.168.1.30"]: an address such as "192.168.1.20" is allowed)",
+            std::string(
+                R"(10: there is no "sbt.first": there are the tables [service], [iptv], [data], [wan], [lan], [stb], )") +
+                "[itf], [others]",
+            std::string(
+                R"(12: lan.address is "192.168.1.0/24": an address with the length of its subnet's prefix, 8 to 30, )") +
+                R"(such as "192.168.1.1/24", is allowed, and not the subnet's first or last address)",
+            std::string(R"(13: lan.dns is ["192.168.1.1", "dns.example"]: a list of up to 8 addresses, such as )") +
+                R"(["192.168.1.1"], is allowed)"}));
     const Lines bad_values = {"[iptv]\ninterface = \"eth1;reboot\"",
                               "[iptv]\ninterface = \"a-name-too-long1\"",
                               "[iptv]\ninterface = \"\"",

@@ -17,7 +17,7 @@ namespace {
 
 std::string take_variable(const char *name) {
     const char *value = std::getenv(name);
-    const std::string text = value ? value : "";
+    std::string text = value ? value : "";
     unsetenv(name);
     return text;
 }
