@@ -290,6 +290,13 @@ TEST_F(ConfigTest, RangesFitTheSubnetAndEachOther) {
     EXPECT_EQ(moved[1].substr(0, moved[1].find(": a")), "2: itf.first is 192.168.1.40 by default");
 }
 
+TEST_F(ConfigTest, WhatWasRefusedIsNotBlamedForMore) {
+    EXPECT_EQ(mistakes("[service]\nmode = 1\n[others]\nfirst = \"192.168.1.49\"\n").size(), 2U) << "the overlap, too";
+    EXPECT_EQ(mistakes("[lan]\naddress = \"10.0.0.1\"\n[stb]\nfirst = \"10.0.0.2\"\nlast = \"10.0.0.9\"\n").size(), 1U);
+    EXPECT_EQ(mistakes("[iptv]\ndevice = 1\nvlan = 20\n[data]\ninterface = \"eth1.20\"\n").size(), 1U);
+    EXPECT_EQ(mistakes("[stb]\nfirst = 1\nlast = \"192.168.1.10\"\n").size(), 1U);
+}
+
 TEST_F(ConfigTest, AMistakeKeepsTheHostFromStarting) {
     write("[service]\nmode = \"x\"\nenable = 1\n");
     Model model(loop);

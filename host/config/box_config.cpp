@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <set>
 
 #include "host/base/text_forms.h"
 #include "host/config/toml_file.h"
@@ -44,8 +45,14 @@ public:
             join_vlan(table);
     }
 
+    /* The keys whose values were not taken. */
+    const std::set<std::string> &refused() const { return refused_; }
+
 private:
-    void refuse(unsigned line, const std::string &reason) {
+    void refuse(const std::string &key, unsigned line, const std::string &reason) {
+        refused_.insert(key);
+        if (key.ends_with(".device") || key.ends_with(".vlan"))
+            refused_.insert(table_of(key) + ".interface");
         config_.errors.push_back(config_.file + ":" + std::to_string(line) + ": " + reason);
     }
 
@@ -53,16 +60,16 @@ private:
         const BoxKey *key = find_box_key(entry.key);
         if (!key) {
             if (entry.shown != "a table" || !keys_beside(entry.key).starts_with("there are " + entry.key + "."))
-                refuse(entry.line, "there is no \"" + entry.key + "\": " + keys_beside(entry.key));
+                refuse(entry.key, entry.line, "there is no \"" + entry.key + "\": " + keys_beside(entry.key));
             return;
         }
         const auto text = key->read(entry);
         if (!text) {
-            refuse(entry.line, entry.key + " is " + entry.shown + ": " + key->allowed);
+            refuse(entry.key, entry.line, entry.key + " is " + entry.shown + ": " + key->allowed);
             return;
         }
         if (key->in_model() && !defaults_.keys.contains(entry.key)) {
-            refuse(entry.line,
+            refuse(entry.key, entry.line,
                    entry.key + " has no place in the data-model file: it needs " + key->writes(*text).front().path);
             return;
         }
@@ -74,23 +81,25 @@ private:
         const auto device = config_.settings.extract(table + ".device");
         const auto vlan = config_.settings.extract(table + ".vlan");
         const std::string key = table + ".interface";
-        if (!device && vlan)
-            refuse(vlan.mapped().line, vlan.key() + " is of no device: give " + table + ".device, too");
+        if (!device && vlan && !refused_.contains(table + ".device"))
+            refuse(vlan.key(), vlan.mapped().line, vlan.key() + " is of no device: give " + table + ".device, too");
         if (!device)
             return;
         if (config_.settings.contains(key)) {
-            refuse(device.mapped().line, "there are both " + device.key() + " and " + key + ": give one of them");
+            refuse(device.key(), device.mapped().line,
+                   "there are both " + device.key() + " and " + key + ": give one of them");
             return;
         }
         const std::string name = device.mapped().text + (vlan ? "." + vlan.mapped().text : "");
         if (is_device_name(name))
             config_.settings[key] = {name, device.mapped().line};
         else
-            refuse(device.mapped().line, name + " is too long: 15 characters are allowed");
+            refuse(device.key(), device.mapped().line, name + " is too long: 15 characters are allowed");
     }
 
     BoxConfig &config_;
     const BoxDefaults &defaults_;
+    std::set<std::string> refused_;
 };
 
 /* -------------------------------------------------------------------------------------------- what fits together */
@@ -98,7 +107,8 @@ private:
 /* Checks values that concern each other. Where none of those in question is set, they are the model's own. */
 class Together {
 public:
-    Together(BoxConfig &config, const BoxDefaults &defaults) : config_(config), defaults_(defaults) {}
+    Together(BoxConfig &config, const BoxDefaults &defaults, const std::set<std::string> &refused)
+        : config_(config), defaults_(defaults), refused_(refused) {}
 
     void check() {
         check_interfaces();
@@ -125,11 +135,13 @@ private:
         std::string shown;
     };
 
-    /* At the last of these keys that is set; nothing when none is. */
+    /* At the last of these keys that is set; nothing when none is, or when what one of them says is not known. */
     void refuse(const std::vector<std::string> &about, const std::string &reason) {
         unsigned line = 0;
         for (const std::string &key : about)
-            if (const auto setting = config_.settings.find(key); setting != config_.settings.end())
+            if (refused_.contains(key))
+                return;
+            else if (const auto setting = config_.settings.find(key); setting != config_.settings.end())
                 line = std::max(line, setting->second.line);
         if (line != 0)
             config_.errors.push_back(config_.file + ":" + std::to_string(line) + ": " + reason);
@@ -190,6 +202,7 @@ private:
 
     BoxConfig &config_;
     const BoxDefaults &defaults_;
+    const std::set<std::string> &refused_;
     std::optional<Network> lan_;
     std::vector<Range> ranges_;
 };
@@ -205,9 +218,9 @@ std::string BoxConfig::text(const std::string &key, const BoxDefaults &defaults)
 
 BoxConfig read_box_config(const std::string &file, const BoxDefaults &defaults) {
     BoxConfig config{file, {}, {}};
-    ConfigReader(config, defaults).read();
-    if (config.errors.empty()) /* else what was refused would count as not set */
-        Together(config, defaults).check();
+    ConfigReader reader(config, defaults);
+    reader.read();
+    Together(config, defaults, reader.refused()).check();
     return config;
 }
 
