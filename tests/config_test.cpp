@@ -229,12 +229,10 @@ dns = ["192.168.1.1", "dns.example"]
                 "service.interface, service.mono-client, service.lease-time",
             R"(7: stb.first is 20: an address such as "192.168.1.20" is allowed)",
             R"(8: stb.last is ["192.168.1.30"]: an address such as "192.168.1.20" is allowed)",
-            std::string(
-                R"(10: there is no "sbt.first": there are the tables [service], [iptv], [data], [wan], [lan], [stb], )") +
-                "[itf], [others]",
-            std::string(
-                R"(12: lan.address is "192.168.1.0/24": an address with the length of its subnet's prefix, 8 to 30, )") +
-                R"(such as "192.168.1.1/24", is allowed, and not the subnet's first or last address)",
+            std::string(R"(10: there is no "sbt.first": there are the tables [service], [iptv], )") +
+                "[data], [wan], [lan], [stb], [itf], [others]",
+            std::string(R"(12: lan.address is "192.168.1.0/24": an address with the length of its subnet's )") +
+                R"(prefix, 8 to 30, such as "192.168.1.1/24", is allowed, and not the subnet's first or last address)",
             std::string(R"(13: lan.dns is ["192.168.1.1", "dns.example"]: a list of up to 8 addresses, such as )") +
                 R"(["192.168.1.1"], is allowed)"}));
     const Lines bad_values = {"[iptv]\ninterface = \"eth1;reboot\"",
