@@ -73,6 +73,8 @@ void drop_leftovers(Model &model) {
 
 void drop_stray_routes(const InterfaceGraph &graph) {
     Model &model = graph.model();
+    if (!is_routed(model))
+        return; /* there are none */
     const std::string iptv = graph.live_netdev_below("iptv");
     for (const std::string &interface : model.instances(interfaces_path))
         if (interface != iptv)
