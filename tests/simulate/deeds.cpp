@@ -147,6 +147,10 @@ void World::carry_out_as_person(const Step &step) {
                 taken.insert(life_->model.text(one, "IPAddress"));
             for (const auto &device : devices_)
                 taken.insert(device->address());
+            const std::string identities = "Keel.Zephyrin.ClientLease"; /* devices that are away have theirs mapped */
+            for (const std::string &identity : life_->model.instances(identities))
+                for (const std::string &one : life_->model.instances(identities + "." + identity + ".ServerLease"))
+                    taken.insert(life_->model.text(identities + "." + identity + ".ServerLease." + one, "IPAddress"));
             for (std::uint64_t tries = 0; tries < 20; ++tries) {
                 const std::string free = "192.168.1." + std::to_string(200 + (step.value + tries) % 50);
                 if (taken.contains(free))
@@ -213,8 +217,8 @@ void World::carry_out_on_ground(const Step &step) {
         break;
     case Deed::Kill:
     case Deed::Restart: {
-        const bool unsaved = !life_->model.text("KeelHost", "StoreError").empty() ||
-                             loop_.now_ms() < clock_set_ms_ + clock_noticed_ms;
+        const bool unsaved =
+            !life_->model.text("KeelHost", "StoreError").empty() || loop_.now_ms() < clock_set_ms_ + clock_noticed_ms;
         if (unsaved)
             for (const auto &device : devices_)
                 moved_by_hand_.insert(device.get());
