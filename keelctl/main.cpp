@@ -248,7 +248,7 @@ int fail(const Options &options, int status, const std::string &reason) {
 int main(int argc, char **argv) {
     Options options;
     CLI::App app{"Without a command: the IPTV service at a glance.", "keelctl"};
-    app.set_version_flag("--version", "keelctl 1.0");
+    app.set_version_flag("--version", "keelctl " KEEL_VERSION);
     app.add_option("--socket", options.socket, "the host's socket")->capture_default_str();
     app.add_flag("-S", options.script, "print JSON lines, for scripts, errors on stderr among them");
     app.footer("Exit status: 0 done, 1 refused or not understood, 2 the host cannot be reached, 3 an STB is not served "

@@ -225,7 +225,7 @@ int main(int argc, char **argv) {
     options.share = default_place("../share/keel", "../../share");
     options.plugin = default_place("../lib/keel/zephyrin.so", "zephyrin.so");
     CLI::App app{"Runs the plug-in of a gateway's network manager on this machine.", "keelhost"};
-    app.set_version_flag("--version", "keelhost 1.0");
+    app.set_version_flag("--version", "keelhost " KEEL_VERSION);
     app.add_option("--model", options.model, "data-model file (default: gateway.json of the share folder)");
     auto *settings = app.add_option("--settings", options.settings, "what was set for this machine, if it is there");
     settings->capture_default_str();
