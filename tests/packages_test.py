@@ -28,8 +28,8 @@ NOT_OURS = ("packages", "proc", "run", "dev", "tmp", "var/cache", "var/lib/apt",
 
 
 def run(*argv, cwd=None):
-    done = subprocess.run(argv, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False, cwd=cwd,
-                          env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
+    done = subprocess.run(argv, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False,
+                          cwd=cwd, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
     assert done.returncode == 0, f"{' '.join(argv)}: status {done.returncode}\n{done.stdout}{done.stderr}"
     return done.stdout
 
