@@ -127,7 +127,6 @@ TEST_F(ControlTest, Transcripts) {
         {"get Keel.Zephyrin.Mode", "Bridged\n[0]"},
         {"get Keel.Zephyrin.MonoClient -S", "{\"MonoClient\":true}\n[0]"},
         {"-S get Keel.Zephyrin.Mood", "{\"error\":\"Keel.Zephyrin.Mood: no such object\",\"status\":1}\n[1]"},
-        {"--version", "keelctl 1.0\n[0]"},
         {"set Keel.Zephyrin.DHCPConfig LeaseTime=4294967296",
          "keelctl: Keel.Zephyrin.DHCPConfig: \"LeaseTime\" wants a value of type uint32, not \"4294967296\"\n[1]"},
     };
