@@ -16,6 +16,7 @@ import unittest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
+from keel import Keel  # noqa: E402
 from lab import DEVICES, IPTV, Lab  # noqa: E402
 from network import wait_for  # noqa: E402
 
@@ -46,7 +47,7 @@ class Box(Lab):
         os.chmod(keelctl, 0o755)
         super().__init__(programs, None, folder, devices=(STB1,))
         self.root = root
-        self.keel._socket = "/run/keel/keel.sock"
+        self.keel = Keel(keelctl, "/run/keel/keel.sock")
 
     def unit_command(self):
         """What the unit starts, in folders that systemd would make."""
@@ -123,7 +124,17 @@ class PackagesTest(unittest.TestCase):
         self.assertFalse(self.there(ENABLED), "it serves DHCP as soon as it runs: the administrator starts it")
         run(f"{ROOT}/tests/symbols_test.sh", f"{self.root}/usr/lib/keel/zephyrin.so", ROOT)
 
-    def test_2_service(self):
+    def test_2_box_that_does_not_fit_yet(self):
+        """Without any device of the data model the service runs and waits, so that nothing starts it again and again."""
+        host = subprocess.Popen(("chroot", self.root, *self.lab.unit_command()), stdout=subprocess.DEVNULL,
+                                stderr=subprocess.PIPE, text=True)
+        answers = wait_for(lambda: self.lab.keel.answers() or host.poll() is not None, 15)
+        host.terminate()
+        _, said = host.communicate(timeout=20)
+        self.assertTrue(answers, said)
+        self.assertEqual(host.returncode, 0, said)
+
+    def test_3_service(self):
         self.lab.build()
         if "--check" in self.inside("keelhost", "--help"):
             self.lab.network.run("gateway", "chroot", self.root, *self.lab.unit_command(), "--check")
@@ -132,7 +143,7 @@ class PackagesTest(unittest.TestCase):
         self.lab.start_device(STB1)
         self.await_service()
 
-    def test_3_upgrade(self):
+    def test_4_upgrade(self):
         """Of a box that serves, with settings of its own."""
         before = self.await_service()
         settings = os.path.join(self.root, "etc/keel/gateway.json")
@@ -168,7 +179,7 @@ class PackagesTest(unittest.TestCase):
         self.lab.start_gateway()
         self.assertEqual(self.await_service(), before)
 
-    def test_4_purge(self):
+    def test_5_purge(self):
         self.assertEqual(self.lab.stop_gateway(), 0)
         self.assertEqual(self.lab.addresses("gateway", IPTV), [])
         self.assertTrue(self.there("var/lib/keel/keel.db"))
@@ -179,7 +190,7 @@ class PackagesTest(unittest.TestCase):
         self.assertEqual(sorted(self.files() - self.before), [])
         self.assertEqual(sorted(self.before - self.files()), [])
 
-    def test_5_plugin_of_ones_own(self):
+    def test_6_plugin_of_ones_own(self):
         """From the packages to an example that runs, by the commands that docs/plugin.md tells."""
         with open(os.path.join(ROOT, "docs/plugin.md"), encoding="utf-8") as file:
             *commands, look = re.search(r"^```\n(apt-get install .*?)^```$", file.read(), re.S | re.M)[1].splitlines()
