@@ -471,6 +471,19 @@ TEST_F(LanServerTest, AnIdentifierOfADeviceThatIsThereGetsNobodyElseALeaseInAnyP
     EXPECT_TRUE(model.find(lease(*many.front(), "zep_itf"))) << "it is on the LAN alone now";
 }
 
+TEST_F(LanServerTest, AnAddressMappedForADeviceThatIsAwayWaitsForIt) {
+    SimDevice other(loop, lan, 2, "zep-stb");
+    const std::string devices = "Keel.Zephyrin.ClientLease." + stb.id() + ".ServerLease";
+    model.add("Keel.Zephyrin.ClientLease", stb.id(), {});
+    model.add(devices, stb.id(), {{"Id", stb.id()}, {"IPAddress", std::string("192.168.1.20")}});
+    other.start();
+    loop.advance(probe_ms);
+    EXPECT_EQ(other.address(), "192.168.1.21");
+    stb.start();
+    loop.advance(probe_ms);
+    EXPECT_EQ(stb.address(), "192.168.1.20");
+}
+
 TEST_F(LanServerTest, RelaysOfAPoolsSubnetAreServed) {
     stb.relay = 0xc0a80107; /* 192.168.1.7 */
     stb.port = "";
