@@ -124,6 +124,8 @@ Conversation::~Conversation() {
 }
 
 void Conversation::end() {
+    if (ended_)
+        return; /* its model may be gone by now */
     ended_ = true;
     model_.unwatch(std::exchange(watch_, 0));
     TraceLog::instance().unfollow(std::exchange(follower_, 0));
