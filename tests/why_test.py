@@ -13,6 +13,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -175,7 +176,7 @@ class WhyTest(unittest.TestCase):
         lab.renew_wan_leases()
         self.await_served(STB1)
 
-    def test_7_rules_taken_away(self):
+    def test_7a_rules_taken_away(self):
         lab = self.lab
         flush = ("iptables", "-t", "nat", "-F")
         before = sorted(lab.rules("nat") + lab.rules("raw") + lab.rules("filter"))
@@ -193,6 +194,27 @@ class WhyTest(unittest.TestCase):
         lab.network.run("gateway", "iptables", "-t", "raw", "-D", "PREROUTING", "-i", IPTV, "-j", "PREROUTING_zep_ACCEPT")
         self.await_served(STB1, 70)
         self.assertEqual(sorted(lab.rules("nat") + lab.rules("raw") + lab.rules("filter")), before)
+
+    def test_7b_slow_look(self):
+        """Changes that are told while the rules are being read keep nobody from hearing of the next."""
+        lab = self.lab
+        program = os.path.realpath("/usr/sbin/iptables-save")  # of several names
+        copy = os.path.join(lab.folder, "copy")
+        shutil.copy(program, copy)
+        slow = os.path.join(lab.folder, "slow")
+        with open(slow, "w", encoding="utf-8") as file:
+            file.write('#!/bin/bash\n[ "${0##*/}" != iptables-save ] || sleep 2\n'
+                       f'exec -a "${{0##*/}}" {copy} "$@"\n')
+        os.chmod(slow, 0o755)
+        subprocess.run(("mount", "--bind", slow, program), check=True)
+        for operation in ("-N", "-X"):  # the second one while the first is looked at
+            lab.network.run("gateway", "iptables", operation, "foreign")
+            time.sleep(0.5)
+        time.sleep(4)
+        subprocess.run(("umount", "--lazy", program), check=True)  # it may just be in use
+        lab.network.run("gateway", "iptables", "-t", "nat", "-F")
+        self.assertTrue(wait_for(lambda: self.headline().startswith("0 of "), 5), self.headline())
+        self.await_served(STB1, 70)
 
     def test_8_simplified(self):
         lab = self.lab

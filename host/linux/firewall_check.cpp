@@ -117,18 +117,23 @@ void FirewallCheck::read_plan() {
             process_.reset();
             if (status == 0)
                 planned_ = planned_rules(lines_);
-            look_in(planned_.empty() ? look_without_ms : 0);
+            if (planned_.empty())
+                failed(script_ + " plan ended with status " + std::to_string(status) + " and tells no rules");
+            else
+                look_in(0);
         },
         &error);
     if (process_)
         process_->limit(command_limit_ms);
     else
-        look_in(look_without_ms);
+        failed(error);
 }
 
 void FirewallCheck::look() {
-    if (process_)
-        return;  /* looked() sees to the next */
+    if (process_) { /* what was told came while the rules were being read: they may have been read before it */
+        look_in(look_every_ms);
+        return;
+    }
     if (poll_) { /* what comes from here on is another change */
         std::array<char, 65536> rest;
         for (int count = 0; count < 10000; ++count)
@@ -143,19 +148,28 @@ void FirewallCheck::look() {
         loop_, {"/usr/sbin/iptables-save"}, [this](const std::string &line) { saved_.take(line); },
         [this](int status) {
             process_.reset();
-            if (status == 0 && saved_.is_whole()) /* else what it thinks is on stderr */
+            if (status == 0 && saved_.is_whole())
                 looked();
             else
-                look_in(look_without_ms);
+                failed("iptables-save ended with status " + std::to_string(status));
         },
         &error);
     if (process_)
         process_->limit(command_limit_ms);
     else
-        look_in(look_without_ms);
+        failed(error);
+}
+
+/* Told once, until the rules can be looked at again. */
+void FirewallCheck::failed(const std::string &why) {
+    if (!std::exchange(blind_, true))
+        trace(Level::Warning, "firewall", "whether the rules stand is not known: %s; it is tried again once a minute",
+              why.c_str());
+    look_in(look_without_ms);
 }
 
 void FirewallCheck::looked() {
+    blind_ = false;
     find_missing(expected_rules(planned_, graph_));
     tell();
     put_back();

@@ -50,6 +50,7 @@ private:
     void read_plan();
     void look();
     void looked();
+    void failed(const std::string &why);
     void find_missing(const std::vector<FirewallRule> &expected);
     void tell();
     void put_back();
@@ -73,6 +74,7 @@ private:
     std::set<std::string> stood_; /* the keys of those expected that have stood in an earlier look */
     std::map<std::string, Missing> missing_;
     bool traced_ = false;
+    bool blind_ = false; /* the last look failed */
     std::uint64_t next_put_back_ms_ = 0;
 };
 
