@@ -11,23 +11,42 @@
 
 namespace keelctl {
 
-Client::Client(const std::string &socket) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), name_(socket) {
+void Client::connect() {
+    if (socket_ >= 0)
+        return;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    socket.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (socket_ < 0 || connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0) {
+    name_.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fresh = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fresh < 0 || ::connect(fresh, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0) {
         const std::string reason = std::strerror(errno);
-        if (socket_ >= 0)
-            close(socket_);
-        throw Unreachable(socket + ": " + reason + "; is keelhost running, and is this its socket (--socket)?");
+        if (fresh >= 0)
+            close(fresh);
+        throw Unreachable(name_ + ": " + reason + "; is keelhost running, and is this its socket (--socket)?");
     }
+    socket_ = fresh;
 }
 
 Client::~Client() {
-    close(socket_);
+    if (socket_ >= 0)
+        close(socket_);
+}
+
+void Client::lost() {
+    close(std::exchange(socket_, -1));
+    input_.clear();
+    throw Unreachable(name_ + ": the host closed the connection");
+}
+
+int Client::host_process() {
+    connect();
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 void Client::send(const Json &message) {
+    connect();
     const std::string line = message.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
     std::size_t sent = 0;
     while (sent < line.size()) {
@@ -35,7 +54,7 @@ void Client::send(const Json &message) {
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
-            throw Unreachable(name_ + ": the host closed the connection");
+            lost();
         sent += static_cast<std::size_t>(count);
     }
 }
@@ -62,7 +81,7 @@ Json Client::ask(const Json &message) {
     send(message);
     const auto answer = next();
     if (!answer)
-        throw Unreachable(name_ + ": the host closed the connection");
+        lost();
     if (!answer->value("ok", false)) {
         const std::string path = answer->value("path", "");
         throw Refused((path.empty() ? "" : path + ": ") + answer->value("error", "refused"));

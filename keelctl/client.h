@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -27,9 +28,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/* Connects when it is first needed; throws Unreachable then, and at each later call, when that cannot be done. */
 class Client {
 public:
-    explicit Client(const std::string &socket);
+    explicit Client(std::string socket) : name_(std::move(socket)) {}
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
     ~Client();
@@ -43,9 +45,17 @@ public:
     void look();
     /* The tree at a path, empty when there is none; asked for once, so that all that is told of it is of one moment. */
     const Json &tree(const std::string &path);
+    /* Lets go of the trees, so that what is told from here on is of a later moment. */
+    void forget_trees() { trees_.clear(); }
+    /* The host's process, 0 when the kernel does not tell. */
+    int host_process();
 
 private:
-    int socket_;
+    void connect();
+    /* Lets go of the connection, so that the next call tries anew. */
+    [[noreturn]] void lost();
+
+    int socket_ = -1;
     std::string name_;
     std::string input_;
     std::map<std::string, Json> trees_;

@@ -6,13 +6,15 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <ctime>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "host/base/text_forms.h"
 #include "keelctl/client.h"
 #include "keelctl/diagnosis.h"
+#include "keelctl/evidence.h"
+#include "keelctl/output.h"
 #include "keelctl/status.h"
 
 using namespace keelctl;
@@ -30,11 +32,9 @@ struct Options {
     std::vector<std::string> words;
     bool follow = false;
     unsigned lines = 50;
+    std::string file;
+    bool full = false;
 };
-
-std::string value_text(const Json &value) {
-    return value.is_string() ? value.get<std::string>() : value.dump();
-}
 
 void print_json(const Json &json) {
     std::printf("%s\n", json.dump(-1, ' ', false, replace_bad_bytes).c_str());
@@ -51,13 +51,6 @@ Json values_of(const std::vector<std::string> &words) {
         values[word.substr(0, equals)] = word.substr(equals + 1);
     }
     return values;
-}
-
-void print_tree(const Json &tree, const std::string &path) {
-    for (const auto &[name, value] : tree["parameters"].items())
-        std::printf("%s.%s=%s\n", path.c_str(), name.c_str(), value_text(value).c_str());
-    for (const Json &one : tree["children"])
-        print_tree(one, path + "." + one["name"].get<std::string>());
 }
 
 int status(Client &client, const Options &options) {
@@ -132,7 +125,7 @@ int get(Client &client, const Options &told) {
         if (options.script)
             print_json(tree);
         else
-            print_tree(tree, options.path);
+            std::printf("%s", tree_text(tree, options.path).c_str());
         return done;
     }
     for (const std::string &name : options.words) {
@@ -200,38 +193,69 @@ int trace(Client &client, const Options &options) {
             print_json(*line);
             continue;
         }
-        const auto milliseconds = (*line)["time_ms"].get<std::uint64_t>();
-        const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
-        std::tm local{};
-        localtime_r(&seconds, &local);
-        const unsigned level = (*line)["level"].get<unsigned>();
-        std::printf("%02d:%02d:%02d.%03u %c %s: %s\n", local.tm_hour, local.tm_min, local.tm_sec,
-                    static_cast<unsigned>(milliseconds % 1000),
-                    level <= 100   ? 'x'
-                    : level <= 200 ? '!'
-                                   : 'i',
-                    (*line)["zone"].get<std::string>().c_str(), (*line)["text"].get<std::string>().c_str());
+        std::printf("%s", trace_text(*line).c_str());
         std::fflush(stdout);
     }
     throw Unreachable(options.socket + ": the host has gone");
 }
 
-/* A subcommand: its name, what it does, what its words are called ("" for none), and who does it. */
+int collect(Client &client, const Options &options) {
+    const std::string file = options.file.empty() ? timed_name("diagnose", ".tgz") : options.file;
+    const bool reached = collect_evidence(client, file, options.full);
+    if (options.script)
+        print_json({{"file", file}});
+    else
+        std::printf("%s\n", file.c_str());
+    if (!reached)
+        throw Unreachable(options.socket + ": the host does not answer; " + file + " holds all the rest");
+    return done;
+}
+
+/* A subcommand: its name, what it does, who does it, and what it takes. */
 struct Command {
     const char *name;
     const char *help;
-    const char *words;
     int (*run)(Client &client, const Options &options);
+    void (*take)(CLI::App &command, Options &options);
 };
 
+void take_path(CLI::App &command, Options &options) {
+    command.add_option("path", options.path, "an object, such as Keel.Zephyrin")->required();
+}
+
+/* The same with words behind it, called so in the help. */
+template <const char *const &words> void take_words(CLI::App &command, Options &options) {
+    take_path(command, options);
+    command.add_option("words", options.words, words);
+}
+
+constexpr const char *parameter_words = "PARAMETER";
+constexpr const char *value_words = "NAME=VALUE";
+constexpr const char *key_words = "[KEY] NAME=VALUE";
+
+void take_stb(CLI::App &command, Options &options) {
+    command.add_option("stb", options.path, "its host name, MAC address, IPv4 address or identifier");
+}
+
+void take_lines(CLI::App &command, Options &options) {
+    command.add_flag("-f,--follow", options.follow, "go on with those to come");
+    command.add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
+}
+
+void take_archive(CLI::App &command, Options &options) {
+    command.add_option("-o,--output", options.file, "the archive to write (default: its name has the time)");
+    command.add_flag("--full", options.full, "leave MAC addresses and client identifiers as they are");
+}
+
 const Command commands[] = {
-    {"why", "tell what keeps an STB from its service, or each that is not served", nullptr, why},
-    {"get", "print an object and what is below it, or single parameters of it", "PARAMETER", get},
-    {"set", "write parameters of an object; several at once are one change", "NAME=VALUE", set},
-    {"add", "add an instance, named by the key or by the model", "[KEY] NAME=VALUE", add},
-    {"del", "delete an instance", "", del},
-    {"watch", "print every change at and below a path, until interrupted", "", watch},
-    {"trace", "print the recent traces", nullptr, trace},
+    {"why", "tell what keeps an STB from its service, or each that is not served", why, take_stb},
+    {"diagnose", "write all that helps to find a fault into one archive", collect, take_archive},
+    {"get", "print an object and what is below it, or single parameters of it", get, take_words<parameter_words>},
+    {"set", "write parameters of an object; several at once are one change", set, take_words<value_words>},
+    {"add", "add an instance, named by the key or by the model", add, take_words<key_words>},
+    {"del", "delete an instance", del, take_path},
+    {"watch", "print every change at and below a path, until interrupted", watch, take_path},
+    {"trace", "print the recent traces", trace, take_lines},
 };
 
 /* What went wrong, on stderr; for scripts as a JSON line, too. */
@@ -259,18 +283,7 @@ int main(int argc, char **argv) {
     for (const Command &command : commands) {
         CLI::App *sub = app.add_subcommand(command.name, command.help);
         sub->callback([&run, &command] { run = command.run; });
-        if (command.run == why) {
-            sub->add_option("stb", options.path, "its host name, MAC address, IPv4 address or identifier");
-            continue;
-        }
-        if (!command.words) {
-            sub->add_flag("-f,--follow", options.follow, "go on with those to come");
-            sub->add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
-            continue;
-        }
-        sub->add_option("path", options.path, "an object, such as Keel.Zephyrin")->required();
-        if (*command.words)
-            sub->add_option("words", options.words, command.words);
+        command.take(*sub, options);
     }
     try {
         app.parse(argc, argv);
