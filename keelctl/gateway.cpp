@@ -171,4 +171,16 @@ std::vector<const Device *> Gateway::named(const std::string &name) const {
     return found;
 }
 
+std::vector<const Device *> Gateway::asked(const std::string &name, Device &stranger) const {
+    std::vector<const Device *> found = named(name);
+    if (found.empty() && keel::parse_mac(name)) {
+        stranger.mac = name;
+        found.push_back(&stranger);
+    }
+    if (found.empty())
+        throw Refused("no device is known by \"" + name +
+                      "\"; it may be named by its host name, MAC address, IPv4 address or identifier");
+    return found;
+}
+
 } // namespace keelctl

@@ -54,6 +54,9 @@ struct Gateway {
     const Device *device(const std::string &id) const;
     /* Those of that host name, MAC address, IPv4 address or identifier. */
     std::vector<const Device *> named(const std::string &name) const;
+    /* The same for what a person typed: a MAC address that nobody knows becomes the stranger, and is it. Throws Refused
+     * for anything else that is not known. */
+    std::vector<const Device *> asked(const std::string &name, Device &stranger) const;
 
     Client &client;
     Interfaces interfaces;

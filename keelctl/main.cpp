@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/base/text_forms.h"
+#include "keelctl/capture.h"
 #include "keelctl/client.h"
 #include "keelctl/diagnosis.h"
 #include "keelctl/evidence.h"
@@ -34,6 +34,7 @@ struct Options {
     unsigned lines = 50;
     std::string file;
     bool full = false;
+    unsigned seconds = 0;
 };
 
 void print_json(const Json &json) {
@@ -74,14 +75,7 @@ int why(Client &client, const Options &options) {
             if (device.is_there() && (gateway.is_stb(device) || gateway.looks_like_stb(device)))
                 asked.push_back(&device);
     } else {
-        asked = gateway.named(options.path);
-        if (asked.empty() && keel::parse_mac(options.path)) {
-            stranger.mac = options.path;
-            asked.push_back(&stranger);
-        }
-        if (asked.empty())
-            throw Refused("no device is known by \"" + options.path +
-                          "\"; it may be named by its host name, MAC address, IPv4 address or identifier");
+        asked = gateway.asked(options.path, stranger);
     }
     std::size_t dark = 0;
     for (const Device *device : asked) {
@@ -211,6 +205,16 @@ int collect(Client &client, const Options &options) {
     return done;
 }
 
+int capture_stb(Client &client, const Options &options) {
+    const std::string file = options.file.empty() ? timed_name("capture", ".pcapng") : options.file;
+    capture(client, options.path, options.seconds, file);
+    if (options.script)
+        print_json({{"file", file}});
+    else if (file != "-")
+        std::printf("%s\n", file.c_str());
+    return done;
+}
+
 /* A subcommand: its name, what it does, who does it, and what it takes. */
 struct Command {
     const char *name;
@@ -237,6 +241,13 @@ void take_stb(CLI::App &command, Options &options) {
     command.add_option("stb", options.path, "its host name, MAC address, IPv4 address or identifier");
 }
 
+void take_capture(CLI::App &command, Options &options) {
+    command.add_option("stb", options.path, "its host name, MAC address, IPv4 address or identifier")->required();
+    command.add_option("-t,--time", options.seconds, "for so many seconds (default: until Ctrl-C)");
+    command.add_option("-o,--output", options.file,
+                       "the file to write, - for standard output (default: named by the time)");
+}
+
 void take_lines(CLI::App &command, Options &options) {
     command.add_flag("-f,--follow", options.follow, "go on with those to come");
     command.add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
@@ -250,6 +261,7 @@ void take_archive(CLI::App &command, Options &options) {
 const Command commands[] = {
     {"why", "tell what keeps an STB from its service, or each that is not served", why, take_stb},
     {"diagnose", "write all that helps to find a fault into one archive", collect, take_archive},
+    {"capture", "capture an STB's packets on both sides of the gateway", capture_stb, take_capture},
     {"get", "print an object and what is below it, or single parameters of it", get, take_words<parameter_words>},
     {"set", "write parameters of an object; several at once are one change", set, take_words<value_words>},
     {"add", "add an instance, named by the key or by the model", add, take_words<key_words>},

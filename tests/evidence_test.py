@@ -7,6 +7,7 @@ import ipaddress
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tarfile
@@ -16,7 +17,7 @@ import unittest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
-from lab import DEVICES, IPTV, Lab  # noqa: E402
+from lab import DEVICE_PORT, DEVICES, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
 from network import NETNS, wait_for  # noqa: E402
 
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
@@ -59,7 +60,7 @@ class EvidenceTest(unittest.TestCase):
     def on_gateway(self, *words, check=True, env=None):
         """What keelctl prints on the gateway itself, where it sees its network."""
         done = subprocess.run(("nsenter", f"--net={NETNS}/gateway", KEELCTL, "--socket", self.lab.socket, *words),
-                              capture_output=True, text=True, timeout=60, check=False, env=env)
+                              capture_output=True, text=True, errors="replace", timeout=60, check=False, env=env)
         if check:
             self.assertEqual(done.returncode, 0, done.stderr)
         return done
@@ -134,6 +135,58 @@ class EvidenceTest(unittest.TestCase):
         self.assertIn("did not end within 10 s", texts["udp-ports.txt"])
         self.assertIn("there is no such program", texts["ebtables.txt"])
         self.assertIn("lo: ", texts["addresses.txt"])
+
+    # ------------------------------------------------------------------------------------------- capture
+
+    def read_capture(self, file, *words):
+        """What another program reads in a file of packets."""
+        done = subprocess.run(("tcpdump", "-n", "-e", "-v", "-r", file, *words), capture_output=True, text=True, timeout=20,
+                              check=True)
+        return done.stdout
+
+    def test_3_capture_of_both_sides(self):
+        """From an STB's first packet on: its own exchanges on both sides are in one file, and those of others are not."""
+        lab, file = self.lab, self.file("stb2.pcapng")
+        capture = lab.network.spawn("gateway", KEELCTL, "--socket", lab.socket, "capture", lab.mac(STB2), "-o", file,
+                                    log="capture.log")
+        self.assertTrue(wait_for(lambda: "capturing" in lab.network.log("capture.log"), 10))
+        lab.start_device(STB2)
+        wan = wait_for(lambda: lab.served_as(STB2), 60)
+        self.assertTrue(wan, lab.network.log("gateway.log")[-3000:])
+        lab.renew_wan_leases()  # of all clients
+        lab.connect(PC.name, STB1.name, lab.address(STB1), DEVICE_PORT)
+        lab.served_as(STB1)
+        self.assertTrue(wait_for(lambda: lab.connect(STB2.name, "server", SERVER_ADDRESS, SERVER_PORT), 10))
+        self.assertEqual(lab.network.stop(capture, signal.SIGINT), 0, lab.network.log("capture.log"))
+
+        told = self.read_capture(file)
+        address, other = lab.address(STB2), lab.mapped(lab.address(STB1))
+        for words in (f"{address}.* > {SERVER_ADDRESS}", f"{wan}.* > {SERVER_ADDRESS}", "DHCP-Message.*Discover",
+                      "Your-IP " + address, "Your-IP " + wan):
+            self.assertRegex(told, words)
+        for words in (other, lab.address(STB1), lab.address(PC), lab.mac(PC).lower()):
+            self.assertNotRegex(told, rf"{re.escape(words)}\b")
+        # Of the operator's answers those of this client alone, from the first on.
+        identifiers = set(re.findall(r"Client-ID[^\n]*ether (\S+)", told))
+        own = lab.keel.get(f"Weft.Intf.{self.client_of(STB2)}.SentOption.61", "Value")
+        self.assertEqual({one.replace(":", "") for one in identifiers} - {lab.mac(STB2).lower().replace(":", "")}, {own[2:]})
+        self.assertEqual(os.stat(file).st_mode & 0o777, 0o600)
+        with open(file, "rb") as raw:
+            names = re.findall(rb"\x02\0.\0(lan2|eth1\.20)", raw.read())
+        self.assertEqual(sorted(names), [IPTV.encode(), STB2.port.encode()])
+
+    def client_of(self, device):
+        """The interface of the device's WAN client."""
+        found = next(one for one in self.lab.keel.status()["identities"]
+                     for known in one["devices"] if known["mac"] == self.lab.mac(device))
+        return "dhcp_zep_" + found["name"]
+
+    def test_4_capture_ends_by_itself(self):
+        done = self.on_gateway("capture", self.lab.mac(STB1), "-t", "1", "-o", "-")
+        self.assertIn("IPTV side", done.stderr)
+        done = self.on_gateway("capture", "nobody", check=False)
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertIn('no device is known by "nobody"', done.stderr)
 
 
 if __name__ == "__main__":

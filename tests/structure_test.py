@@ -24,7 +24,7 @@ ROOMS = {
     "host/dhcp": ["host/base", "host/model", "host/gateway"],
     "host/linux": ["host/base", "host/model", "host/gateway", "host/dhcp"],
     "host/sim": ["host/base", "host/model", "host/gateway", "host/dhcp"],
-    "keelctl": ["host/base"],
+    "keelctl": ["host/base", "host/dhcp"],
     "keelhost": ["host/base", "host/model", "host/gateway", "host/platform", "host/config", "host/control", "host/dhcp",
                  "host/linux"],
 }
