@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -21,6 +20,7 @@
 #include "host/dhcp/frame.h"
 #include "host/dhcp/packet.h"
 #include "keelctl/gateway.h"
+#include "keelctl/interruption.h"
 #include "keelctl/pcapng.h"
 
 namespace keelctl {
@@ -37,8 +37,6 @@ constexpr int kernel_buffer = 8 << 20;
 constexpr std::size_t kept_of_stream = 128; /* bytes: its headers */
 constexpr int poll_ms = 200;
 constexpr auto look_again = std::chrono::seconds(2); /* for what is not known yet */
-
-volatile std::sig_atomic_t interrupted = 0;
 
 /* What is known of the STB, as far as it concerns what is captured. */
 struct Subject {
@@ -238,28 +236,6 @@ private:
     std::set<std::uint32_t> numbers_;
 };
 
-/* Both signals end the capture; what they did before stands again afterwards. */
-class Interruption {
-public:
-    Interruption() {
-        interrupted = 0;
-        struct sigaction act {};
-        act.sa_handler = [](int) { interrupted = 1; };
-        for (std::size_t i = 0; i < 2; ++i)
-            sigaction(signals[i], &act, &before_[i]);
-    }
-    Interruption(const Interruption &) = delete;
-    Interruption &operator=(const Interruption &) = delete;
-    ~Interruption() {
-        for (std::size_t i = 0; i < 2; ++i)
-            sigaction(signals[i], &before_[i], nullptr);
-    }
-
-private:
-    static constexpr int signals[2] = {SIGINT, SIGTERM};
-    struct sigaction before_[2]{};
-};
-
 } // namespace
 
 void capture(Client &client, const std::string &stb, unsigned seconds, const std::string &name) {
@@ -302,7 +278,7 @@ void capture(Client &client, const std::string &stb, unsigned seconds, const std
         } catch (const std::exception &) { /* without the host it goes on with what is known */
         }
     };
-    while (!interrupted && (seconds == 0 || Clock::now() - start < std::chrono::seconds(seconds))) {
+    while (!Interruption::wanted() && (seconds == 0 || Clock::now() - start < std::chrono::seconds(seconds))) {
         std::vector<pollfd> ready;
         for (const Tap *tap : taps)
             ready.push_back({tap->descriptor(), POLLIN, 0});

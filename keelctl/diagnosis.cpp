@@ -228,6 +228,15 @@ std::string since_text(const Gateway &gateway, const Diagnosis &diagnosis) {
     return diagnosis.since == 0 ? "" : " since " + duration(gateway.now - diagnosis.since);
 }
 
+/* Held: its request is kept until something is decided. Waiting: it has not even a lease that could be held. */
+const char *state_word(const Device &device, const Diagnosis &diagnosis) {
+    if (diagnosis.served())
+        return "served";
+    if (device.held)
+        return "held";
+    return device.pool.empty() && !device.because.empty() ? "waiting" : "broken";
+}
+
 } // namespace
 
 Diagnosis diagnose(Gateway &gateway, const Device &device) {
@@ -277,13 +286,18 @@ std::string headline(Gateway &gateway, Json *list) {
             continue;
         ++all;
         const Diagnosis diagnosis = diagnose(gateway, device);
-        list->push_back({{"name", device.name()}, {"mac", device.mac}, {"served", diagnosis.served()}});
+        list->push_back({{"name", device.name()},
+                         {"mac", device.mac},
+                         {"address", device.address},
+                         {"state", state_word(device, diagnosis)},
+                         {"served", diagnosis.served()}});
         if (diagnosis.served()) {
             ++served;
             continue;
         }
         list->back()["cause"] = diagnosis.cause;
         list->back()["since"] = diagnosis.since;
+        list->back()["brief"] = diagnosis.brief + since_text(gateway, diagnosis);
         broken +=
             (broken.empty() ? ": " : ", ") + device.name() + " " + diagnosis.brief + since_text(gateway, diagnosis);
     }

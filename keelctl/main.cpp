@@ -3,8 +3,6 @@
  */
 #include <CLI/CLI.hpp>
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -16,6 +14,7 @@
 #include "keelctl/evidence.h"
 #include "keelctl/output.h"
 #include "keelctl/status.h"
+#include "keelctl/top.h"
 
 using namespace keelctl;
 
@@ -60,7 +59,7 @@ int status(Client &client, const Options &options) {
     if (options.script)
         print_json(gathered);
     else
-        std::printf("%s", print_status(gathered, isatty(STDOUT_FILENO)).c_str());
+        std::printf("%s", print_status(gathered, colours_wanted()).c_str());
     return done;
 }
 
@@ -205,6 +204,11 @@ int collect(Client &client, const Options &options) {
     return done;
 }
 
+int top(Client &client, const Options &) {
+    show_live(client);
+    return done;
+}
+
 int capture_stb(Client &client, const Options &options) {
     const std::string file = options.file.empty() ? timed_name("capture", ".pcapng") : options.file;
     capture(client, options.path, options.seconds, file);
@@ -222,6 +226,8 @@ struct Command {
     int (*run)(Client &client, const Options &options);
     void (*take)(CLI::App &command, Options &options);
 };
+
+void take_nothing(CLI::App &, Options &) {}
 
 void take_path(CLI::App &command, Options &options) {
     command.add_option("path", options.path, "an object, such as Keel.Zephyrin")->required();
@@ -260,6 +266,7 @@ void take_archive(CLI::App &command, Options &options) {
 
 const Command commands[] = {
     {"why", "tell what keeps an STB from its service, or each that is not served", why, take_stb},
+    {"top", "the service at a glance, as it goes on, until Ctrl-C", top, take_nothing},
     {"diagnose", "write all that helps to find a fault into one archive", collect, take_archive},
     {"capture", "capture an STB's packets on both sides of the gateway", capture_stb, take_capture},
     {"get", "print an object and what is below it, or single parameters of it", get, take_words<parameter_words>},

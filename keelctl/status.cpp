@@ -1,6 +1,9 @@
 #include "keelctl/status.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <sstream>
 
@@ -98,6 +101,11 @@ Json device_json(const Json &stored, const std::map<std::string, Json> &leases, 
 }
 
 } // namespace
+
+bool colours_wanted() {
+    const char *plain = std::getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) && !(plain && *plain);
+}
 
 Json gather_status(Client &client) {
     const Json service = child(client.tree("Keel"), "Zephyrin");

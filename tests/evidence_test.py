@@ -3,15 +3,21 @@
 Runs inside namespaces of its own: script/in-namespaces python3 tests/evidence_test.py PROGRAMS
 """
 
+import fcntl
 import ipaddress
 import os
+import pty
 import re
+import select
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tarfile
 import tempfile
+import termios
+import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -187,6 +193,57 @@ class EvidenceTest(unittest.TestCase):
         done = self.on_gateway("capture", "nobody", check=False)
         self.assertEqual((done.returncode, done.stdout), (1, ""))
         self.assertIn('no device is known by "nobody"', done.stderr)
+
+    # ----------------------------------------------------------------------------------------------- top
+
+    def live_view(self, columns, rows, until, env=None):
+        """What "top" writes on a terminal until these words are on it, with Ctrl-C typed then."""
+        shown = ""
+        pid, terminal = pty.fork()
+        if pid == 0:
+            os.execve(KEELCTL, (KEELCTL, "--socket", self.lab.socket, "top"), {**os.environ, **(env or {})})
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        before = termios.tcgetattr(terminal)
+        end = time.monotonic() + 20
+        while until not in shown and time.monotonic() < end:
+            if select.select((terminal,), (), (), 0.2)[0]:
+                shown += os.read(terminal, 65536).decode()
+        os.write(terminal, b"\x03")
+        status = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+        after = termios.tcgetattr(terminal)
+        while select.select((terminal,), (), (), 0.2)[0]:
+            try:
+                shown += os.read(terminal, 65536).decode()
+            except OSError:
+                break
+        os.close(terminal)
+        self.assertEqual((status, after), (0, before), shown)
+        self.assertIn(until, shown)
+        self.assertTrue(shown.endswith("\x1b[?25h\x1b[?1049l"), "cursor and screen are as they were")
+        return shown
+
+    def test_5_live_view(self):
+        lab = self.lab
+        shown = self.live_view(60, 12, "served\x1b[0m")
+        screen = shown.split("\x1b[H")[-1].split("\x1b[J")[0].split("\r\n")
+        self.assertLessEqual(len(screen), 12)
+        self.assertLessEqual(max(len(re.sub(r"\x1b\[[0-9;]*[mK]", "", line)) for line in screen), 60)
+        self.assertRegex(shown, rf"{lab.mac(STB1)} \x1b\[32mserved  \x1b\[0m {lab.address(STB1)} +{lab.mapped(lab.address(STB1))}")
+        self.assertIn("lines more", screen[-1])
+        lab.stop_operator()
+        lab.start_device(ITF)
+        shown = self.live_view(80, 24, "waits for the operator since", {"NO_COLOR": "1"})
+        self.assertRegex(shown, rf"{lab.mac(ITF)} held ")
+        self.assertNotRegex(shown, r"\x1b\[[0-9]+m")
+        lab.start_operator()
+
+        piped = subprocess.Popen((KEELCTL, "--socket", lab.socket, "top"), stdout=subprocess.PIPE, text=True)
+        first = piped.stdout.readline()
+        piped.send_signal(signal.SIGINT)
+        self.assertEqual(piped.wait(5), 0)
+        self.assertRegex(first, "^IPTV  enabled, Routed over the Dedicated interface, device " + IPTV)
+        self.assertNotIn("\x1b", first + piped.stdout.read())
+        piped.stdout.close()
 
 
 if __name__ == "__main__":
