@@ -10,12 +10,14 @@
 #include <memory>
 #include <string>
 
+#include "host/base/timeline.h"
 #include "host/base/trace.h"
 #include "host/base/uv_loop.h"
 #include "host/config/box_settings.h"
 #include "host/control/control.h"
 #include "host/dhcp/lan_server.h"
 #include "host/gateway/graph.h"
+#include "host/gateway/history.h"
 #include "host/gateway/interface_state.h"
 #include "host/gateway/leftovers.h"
 #include "host/gateway/settings.h"
@@ -90,6 +92,7 @@ void note_script(Loop &loop, Model &model, const std::vector<std::string> &argv,
     std::string command = std::filesystem::path(argv.front()).filename();
     for (std::size_t i = 1; i < argv.size(); ++i)
         command += " " + argv[i];
+    Timeline::instance().note(TimelineEvent::Kind::Rule, "", status == 0 ? "done" : "failed", command);
     if (status != 0) {
         const std::string error = command + ": status " + std::to_string(status) + (said.empty() ? "" : ", " + said);
         trace(Level::Error, "process", "%s", error.c_str());
@@ -107,8 +110,9 @@ public:
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)),
           box_settings_(model_, options.settings, !options.settings_given), graph_(model_),
           store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
-          settings_(model_), control_(loop_, model_, options.socket,
-                                      {[this] { return store_.flush(); }, [this] { look_at_groups(graph_, tables_); }}),
+          settings_(model_), history_(loop_, model_),
+          control_(loop_, model_, options.socket,
+                   {[this] { return store_.flush(); }, [this] { look_at_groups(graph_, tables_); }}),
           tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
           presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
@@ -157,6 +161,7 @@ private:
     Store store_;
     bool cleaned_;
     Settings settings_;
+    History history_;
     Control control_;
     KernelTables tables_;
     Kernel kernel_;

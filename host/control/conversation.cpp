@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/base/text_forms.h"
+#include "host/base/timeline.h"
 #include "host/base/trace.h"
 
 namespace keel {
@@ -113,6 +115,18 @@ Json trace_json(const TraceLine &line) {
             {"text", line.text}};
 }
 
+Json timeline_json(const TimelineEvent &event) {
+    Json json{{"timeline", event.number},
+              {"time_ms", event.wall_clock_ms},
+              {"kind", kind_name(event.kind)},
+              {"who", event.who},
+              {"what", event.what},
+              {"text", event.text}};
+    if (!event.options.empty())
+        json["options"] = format_hex(event.options);
+    return json;
+}
+
 } // namespace
 
 Conversation::Conversation(Model &model, const ControlActions &actions,
@@ -150,6 +164,12 @@ void Conversation::tell_traces(std::size_t lines, bool follow) {
         follower_ = TraceLog::instance().follow([this](const TraceLine &one) { send(line_of(trace_json(one))); });
 }
 
+void Conversation::tell_timeline() {
+    for (const TimelineEvent &event : Timeline::instance().events())
+        send(line_of(timeline_json(event)));
+    send(line_of({{"ok", true}}));
+}
+
 void Conversation::watch(const std::string &path) {
     model_.unwatch(watch_);
     watch_ = model_.watch(path, [this](const Event &event) { send(line_of(event_json(event))); });
@@ -165,6 +185,10 @@ void Conversation::take(const std::string &line) {
         const std::string op = text_member(message, "op");
         if (op == "trace") {
             tell_traces(number_member(message, "lines", 100), message.value("follow", false));
+            return;
+        }
+        if (op == "timeline") {
+            tell_timeline();
             return;
         }
         if (op == "look") {

@@ -8,6 +8,7 @@
  *   {"op": "del", "path": "..."}                         -> {"ok": true}
  *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
  *   {"op": "look"}                                       -> {"ok": true}, with what only a look tells in the model
+ *   {"op": "timeline"}                                   -> {"timeline": ...} lines, {"ok": true}
  *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
  * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
  * parameter's type wants. A tree is {"name", "parameters": {...}, "children": [...]}.
@@ -48,6 +49,7 @@ public:
 
 private:
     void send(const std::string &line);
+    void tell_timeline();
     void tell_traces(std::size_t lines, bool follow);
     void watch(const std::string &path);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/base/trace.h"
+#include "host/dhcp/dhcp_note.h"
 
 namespace keel {
 
@@ -97,6 +98,7 @@ void LanDhcpServer::received(const std::uint8_t *data, std::size_t size) {
         drop(error);
         return;
     }
+    note_dhcp(TimelineEvent::Kind::LanDhcp, format_mac(message.hardware.data()), Bytes(data, data + size));
     const std::string id = id_of(message);
     const LanRule *rule = rule_for(message, id);
     if (!rule) {
@@ -426,7 +428,9 @@ void LanDhcpServer::answer(const DhcpMessage &message, const LanPool &pool, Dhcp
     } else {
         destination.address = message.client_address ? message.client_address : reply.your_address;
     }
-    port_.send(build_dhcp_reply(message, reply), destination);
+    const Bytes bytes = build_dhcp_reply(message, reply);
+    note_dhcp(TimelineEvent::Kind::LanDhcp, format_mac(message.hardware.data()), bytes);
+    port_.send(bytes, destination);
 }
 
 /* --------------------------------------------------------------------------------------------------- events */

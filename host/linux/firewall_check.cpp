@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "host/base/timeline.h"
 #include "host/base/trace.h"
 #include "host/base/whole_file.h"
 #include "host/linux/program.h"
@@ -276,6 +277,8 @@ bool FirewallCheck::restore(const std::vector<FirewallRule> &rules) {
     std::optional<int> status;
     if (write_whole_file(file_, restore_text(rules, saved_), &error))
         status = run_and_wait({"/usr/sbin/iptables-restore", "--noflush", "-w", "5", file_}, command_limit_ms, &error);
+    Timeline::instance().note(TimelineEvent::Kind::Rule, "", status == 0 ? "done" : "failed",
+                              "iptables-restore --noflush: " + std::to_string(rules.size()) + " rules are put back");
     if (status == 0)
         return true;
     trace(Level::Error, "firewall", "the rules cannot be put back: %s; it is tried again",

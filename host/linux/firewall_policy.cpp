@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/base/timeline.h"
 #include "host/base/trace.h"
 #include "host/gateway/graph.h"
 #include "host/linux/chains.h"
@@ -88,8 +89,12 @@ void FirewallPolicy::next() {
     std::string error;
     running_ = Child::start(
         loop_, command, nullptr,
-        [this](int status) {
+        [this, command](int status) {
             running_.reset();
+            std::string line;
+            for (const std::string &word : command)
+                line += (line.empty() ? "" : " ") + word;
+            Timeline::instance().note(TimelineEvent::Kind::Rule, "", status == 0 ? "done" : "failed", line);
             if (status == 0)
                 next();
             else

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/base/trace.h"
+#include "host/dhcp/dhcp_note.h"
 
 namespace keel {
 
@@ -140,6 +141,7 @@ void WanClients::seen(const std::string &device, const WanMessage &message) {
     if (found == clients_.end())
         return;
     const auto &[name, client] = *found;
+    note_dhcp(TimelineEvent::Kind::WanDhcp, name, message.payload);
     if (answer) {
         show_.answered(name, format_ipv4(message.server));
         return;

@@ -63,13 +63,14 @@ std::optional<WanMessage> read_wan_message(const std::uint8_t *data, std::size_t
         if (!parse_dhcp(payload->data(), payload->size(), &message, &reason))
             return std::nullopt;
         const bool to_everybody = network_number(data + at_destination) == everybody;
-        return WanMessage{kind_of(message, to_everybody), message.xid, message.client_id, 0};
+        return WanMessage{kind_of(message, to_everybody), message.xid, message.client_id, 0,
+                          Bytes(payload->begin(), payload->end())};
     }
     DhcpAnswer answer;
     if (!parse_dhcp_answer(payload->data(), payload->size(), &answer, &reason))
         return std::nullopt;
     const std::uint32_t server = answer.server_id ? answer.server_id : network_number(data + at_source);
-    return WanMessage{WanMessage::Kind::Answer, answer.xid, {}, server};
+    return WanMessage{WanMessage::Kind::Answer, answer.xid, {}, server, Bytes(payload->begin(), payload->end())};
 }
 
 /* The device's own socket hears what leaves only with the protocol of all frames. */

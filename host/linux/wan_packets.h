@@ -28,6 +28,7 @@ struct WanMessage {
     std::uint32_t xid = 0;
     Bytes client_id;          /* option 61 of a client's message */
     std::uint32_t server = 0; /* of an answer: the server's identifier, or where it came from */
+    Bytes payload = {};       /* the DHCP message as it is */
 };
 
 /* Reads an IPv4 packet: of those that leave a client's messages, of those that come a server's; nothing for any other.
