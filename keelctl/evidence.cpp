@@ -14,6 +14,7 @@
 
 #include "keelctl/archive.h"
 #include "keelctl/diagnosis.h"
+#include "keelctl/drawing.h"
 #include "keelctl/masking.h"
 #include "keelctl/output.h"
 #include "keelctl/status.h"
@@ -110,6 +111,7 @@ public:
         add("why.txt", [this] { return why(); });
         add("model.txt", [this] { return tree_text(client_.tree(""), ""); });
         add("traces.txt", [this] { return traces(); });
+        add("timeline.html", [this] { return draw_page(gather_story(client_, 0)); });
         add_daemon();
         for (const Look &look : looks)
             add(look.name, [&look] { return output_of(look.command); });

@@ -3,17 +3,23 @@
  */
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "keelctl/capture.h"
 #include "keelctl/client.h"
 #include "keelctl/diagnosis.h"
+#include "keelctl/drawing.h"
 #include "keelctl/evidence.h"
 #include "keelctl/output.h"
 #include "keelctl/status.h"
+#include "keelctl/timeline.h"
 #include "keelctl/top.h"
 
 using namespace keelctl;
@@ -33,6 +39,7 @@ struct Options {
     unsigned lines = 50;
     std::string file;
     bool full = false;
+    std::string since;
     unsigned seconds = 0;
 };
 
@@ -192,13 +199,18 @@ int trace(Client &client, const Options &options) {
     throw Unreachable(options.socket + ": the host has gone");
 }
 
-int collect(Client &client, const Options &options) {
-    const std::string file = options.file.empty() ? timed_name("diagnose", ".tgz") : options.file;
-    const bool reached = collect_evidence(client, file, options.full);
+/* What was written. */
+void tell_file(const Options &options, const std::string &file) {
     if (options.script)
         print_json({{"file", file}});
     else
         std::printf("%s\n", file.c_str());
+}
+
+int collect(Client &client, const Options &options) {
+    const std::string file = options.file.empty() ? timed_name("diagnose", ".tgz") : options.file;
+    const bool reached = collect_evidence(client, file, options.full);
+    tell_file(options, file);
     if (!reached)
         throw Unreachable(options.socket + ": the host does not answer; " + file + " holds all the rest");
     return done;
@@ -209,13 +221,30 @@ int top(Client &client, const Options &) {
     return done;
 }
 
+int draw(Client &client, const Options &options) {
+    const std::int64_t now_ms = std::int64_t{std::time(nullptr)} * 1000;
+    const std::int64_t since_ms = options.since.empty() ? 0 : time_since(options.since, now_ms);
+    if (options.script && options.file.empty()) {
+        for (const Json &event : timeline_events(client, since_ms))
+            print_json(event);
+        return done;
+    }
+    const std::string file = options.file.empty() ? timed_name("timeline", ".html") : options.file;
+    const TimelineStory story = gather_story(client, since_ms);
+    std::ofstream out(file, std::ios::binary);
+    out << (file.ends_with(".svg") ? draw_svg(story) : draw_page(story));
+    out.close();
+    if (!out)
+        throw Refused(file + " cannot be written: " + std::strerror(errno));
+    tell_file(options, file);
+    return done;
+}
+
 int capture_stb(Client &client, const Options &options) {
     const std::string file = options.file.empty() ? timed_name("capture", ".pcapng") : options.file;
     capture(client, options.path, options.seconds, file);
-    if (options.script)
-        print_json({{"file", file}});
-    else if (file != "-")
-        std::printf("%s\n", file.c_str());
+    if (file != "-")
+        tell_file(options, file);
     return done;
 }
 
@@ -254,6 +283,12 @@ void take_capture(CLI::App &command, Options &options) {
                        "the file to write, - for standard output (default: named by the time)");
 }
 
+void take_timeline(CLI::App &command, Options &options) {
+    command.add_option("--since", options.since, "10m (or s, h, d) ago, or a time of today such as 10:31");
+    command.add_option("-o,--output", options.file,
+                       "the page to write, or with .svg the picture (default: named by the time)");
+}
+
 void take_lines(CLI::App &command, Options &options) {
     command.add_flag("-f,--follow", options.follow, "go on with those to come");
     command.add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
@@ -269,6 +304,7 @@ const Command commands[] = {
     {"top", "the service at a glance, as it goes on, until Ctrl-C", top, take_nothing},
     {"diagnose", "write all that helps to find a fault into one archive", collect, take_archive},
     {"capture", "capture an STB's packets on both sides of the gateway", capture_stb, take_capture},
+    {"timeline", "draw what has happened lately as a page to look at", draw, take_timeline},
     {"get", "print an object and what is below it, or single parameters of it", get, take_words<parameter_words>},
     {"set", "write parameters of an object; several at once are one change", set, take_words<value_words>},
     {"add", "add an instance, named by the key or by the model", add, take_words<key_words>},

@@ -36,6 +36,10 @@ class Keel:
         lines = self._ask("get", path, name)
         return lines[0][name] if lines else None
 
+    def draw_timeline(self, file):
+        """Writes the picture of what has happened; False when it cannot be had."""
+        return self._ask("timeline", "-o", file) is not None
+
     def instances(self, path):
         lines = self._ask("get", path)
         return [child["name"] for child in lines[0]["children"]] if lines else []

@@ -56,6 +56,7 @@ class Lab:
         self.share = share
         self.mode = mode  # in which the gateway starts
         self.devices = devices
+        self.devices_tell_names = False  # whether their DHCP messages have a host name
         self.network = Network(folder)
         self.folder = folder
         self.socket = os.path.join(folder, "keel.sock")
@@ -172,8 +173,9 @@ class Lab:
 
     def spawn_device(self, namespace, vendor_class):
         """The DHCP client of a LAN device."""
+        names = ("-x", f"hostname:{namespace}") if self.devices_tell_names else ()
         return self.network.spawn(
-            namespace, "udhcpc", "-f", "-i", "eth0", "-s", f"{HERE}/device-dhcp.sh", "-V", vendor_class,
+            namespace, "udhcpc", *names, "-f", "-i", "eth0", "-s", f"{HERE}/device-dhcp.sh", "-V", vendor_class,
             "-O", "42", "-O", "72", "-t", "3", "-T", "2", "-A", "1", log=f"{namespace}.log")
 
     def start_device(self, device):

@@ -1,10 +1,11 @@
 """The main job of script/run: brings up an operator, a gateway and LAN devices in one of the gateway's IPTV modes, shows
 set-top boxes get their service, and proves with packets that the mode does what it is for.
 
-script/run [--mode routed|bridged|simplified|simplifiedv2] [--stay]
+script/run [--mode routed|bridged|simplified|simplifiedv2] [--stay] [--report FILE.html]
 """
 
 import argparse
+import os
 import signal
 import sys
 
@@ -31,6 +32,7 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--mode", choices=MODES, default="routed", help="the gateway's IPTV mode (default: routed)")
     parser.add_argument("--stay", action="store_true", help="leave the lab up until Ctrl-C, with a prompt to look around")
+    parser.add_argument("--report", metavar="FILE", help="write a page that shows all that happened, or with .svg its picture")
     parser.add_argument("--programs", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--share", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--folder", default="/run/keel-lab", help=argparse.SUPPRESS)
@@ -40,11 +42,14 @@ def main():
     view = View()
     start_mode, run_of = MODES[options.mode]
     lab = Lab(options.programs, options.share, options.folder, start_mode)
+    lab.devices_tell_names = options.report is not None
     run = run_of(lab, view)
     try:
         run.play()
         if options.stay:
             run.stay()
+        if options.report:
+            run.report(os.path.abspath(options.report))
         run.prove_cleanup()
         return run.summary()
     except KeyboardInterrupt:

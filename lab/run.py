@@ -112,6 +112,14 @@ and look around:
         except KeyboardInterrupt:
             self.view.say()
 
+    def report(self, file):
+        """While the gateway still runs: what has happened is in its memory alone."""
+        if self.lab.keel.draw_timeline(file):
+            self.view.say(f"  What happened is drawn in {file}")
+        else:
+            self.failures.append(f"the report {file} is written")
+            self.view.failed(self.failures[-1])
+
     def summary(self):
         self.view.say()
         if self.failures:

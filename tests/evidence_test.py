@@ -5,6 +5,7 @@ Runs inside namespaces of its own: script/in-namespaces python3 tests/evidence_t
 
 import fcntl
 import ipaddress
+import json
 import os
 import pty
 import re
@@ -19,11 +20,12 @@ import tempfile
 import termios
 import time
 import unittest
+import xml.etree.ElementTree
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
-from lab import DEVICE_PORT, DEVICES, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
+from lab import DEVICE_PORT, DEVICES, HERE, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
 from network import NETNS, wait_for  # noqa: E402
 
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
@@ -244,6 +246,54 @@ class EvidenceTest(unittest.TestCase):
         self.assertRegex(first, "^IPTV  enabled, Routed over the Dedicated interface, device " + IPTV)
         self.assertNotIn("\x1b", first + piped.stdout.read())
         piped.stdout.close()
+
+    # ------------------------------------------------------------------------------------------ timeline
+
+    def test_6_timeline(self):
+        lab = self.lab
+        lab.network.spawn(ITF.name, "udhcpc", "-f", "-i", "eth0", "-s", f"{HERE}/device-dhcp.sh", "-V", ITF.vendor_class,
+                          "-x", "hostname:<script>alert(1)</script>", log="named.log")
+        self.assertTrue(wait_for(lambda: lab.served_as(ITF), 100), "the ITF device that was held is not served")
+        events = [json.loads(line) for line in self.on_gateway("-S", "timeline").stdout.splitlines()]
+        self.assertEqual([event["timeline"] for event in events], sorted(event["timeline"] for event in events))
+
+        # The whole way of one STB, from its first packet to its picture.
+        mac, address, client = lab.mac(STB2), lab.address(STB2), self.client_of(STB2)
+        wan = lab.mapped(address)
+        way = [(event["kind"], event["what"], event["text"]) for event in events
+               if event["who"] in (mac, client) or (event["kind"] == "rule" and wan in event["text"])]
+        steps = [("lan", "DISCOVER", ""), ("lease", "held", address), ("state", "held", "dark"), ("wan", "DISCOVER", ""),
+                 ("wan", "ACK", wan), ("client", "Bound", wan),
+                 ("rule", "done", f"/usr/sbin/iptables -t nat -A POSTROUTING_zep -s {address} -j SNAT --to-source {wan}"),
+                 ("lease", "released", address), ("lan", "OFFER", address), ("state", "served", "held"),
+                 ("lan", "ACK", address)]
+        self.assertEqual([step for step in way if step in steps][:len(steps)], steps)
+        self.assertIn(("route", "Enabled", "10.60.0.0/24 via 10.20.0.1"),
+                      [(event["kind"], event["what"], event["text"]) for event in events])
+
+        page = self.file("timeline.html")
+        self.on_gateway("timeline", "-o", page)
+        with open(page, encoding="utf-8") as file:
+            told = file.read()
+        for side in ("lan", "wan"):
+            drawn = len(re.findall(f'class="arrow {side} ', told))
+            self.assertEqual(drawn, sum(event["kind"] == side and event["who"] != lab.mac(PC) for event in events))
+        self.assertEqual(len(re.findall('class="strip"', told)), 3)
+        self.assertEqual(len(re.findall('class="rule ', told)), sum(event["kind"] == "rule" for event in events))
+        self.assertIn(f"61 client identifier: 01{mac.replace(':', '').lower()}", told)
+        self.assertIn("42 NTP servers: 10.20.0.2", told)
+        self.assertRegex(told, r'class="arrow lan held"><title>DISCOVER ' + lab.mac(ITF))
+        self.assertIn("&lt;script&gt;alert(1)", told)
+        for foreign in ("<script", lab.mac(PC), "href", "src=", "url("):
+            self.assertNotIn(foreign, told)
+        picture = self.file("timeline.svg")
+        self.on_gateway("timeline", "-o", picture)
+        self.assertEqual(xml.etree.ElementTree.parse(picture).getroot().tag, "{http://www.w3.org/2000/svg}svg")
+
+        recent = self.on_gateway("-S", "timeline", "--since", "0s").stdout
+        self.assertLess(len(recent.splitlines()), len(events) / 2)
+        refused = self.on_gateway("timeline", "--since", "yesterday", check=False)
+        self.assertEqual((refused.returncode, "is no time" in refused.stderr), (1, True))
 
 
 if __name__ == "__main__":
