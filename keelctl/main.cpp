@@ -258,6 +258,35 @@ struct Command {
 
 void take_nothing(CLI::App &, Options &) {}
 
+/* What the words of the views mean. */
+constexpr const char *glossary =
+    R"(held       the LAN server keeps the STB's request, and answers once there is a WAN lease for it
+stop-gap   a short lease of 300 s without the operator's servers, while the operator does not answer
+served     the STB has its lease, a WAN address of its own, and its rules are in the kernel
+waiting    it has asked, and has no lease that could be held; keelctl why tells the reason
+broken     it has a lease, and something after that is wrong; keelctl why tells what
+absent     it has an identity, and is not on the LAN
+dark       it has no lease, or one without a way to the operator
+
+Unconnected  of an identity: its WAN client has no lease yet
+Connected    it has one
+Internal     its WAN client was stopped, and its last address is kept
+Unleased     its WAN client was stopped without an address: its STBs have the stop-gap lease
+
+x ! i      of a trace: an error, a warning, information
+)";
+
+int help(Client &, const Options &) {
+    std::printf("%s", glossary);
+    return done;
+}
+
+void take_topic(CLI::App &command, Options &options) {
+    command.add_option("topic", options.path, "words: what those of the views mean")
+        ->required()
+        ->check(CLI::IsMember({"words"}));
+}
+
 void take_path(CLI::App &command, Options &options) {
     command.add_option("path", options.path, "an object, such as Keel.Zephyrin")->required();
 }
@@ -311,6 +340,7 @@ const Command commands[] = {
     {"del", "delete an instance", del, take_path},
     {"watch", "print every change at and below a path, until interrupted", watch, take_path},
     {"trace", "print the recent traces", trace, take_lines},
+    {"help", "explain the words of the views: help words", help, take_topic},
 };
 
 /* What went wrong, on stderr; for scripts as a JSON line, too. */
@@ -328,7 +358,7 @@ int main(int argc, char **argv) {
     Options options;
     CLI::App app{"Without a command: the IPTV service at a glance.", "keelctl"};
     app.set_version_flag("--version", "keelctl " KEEL_VERSION);
-    app.add_option("--socket", options.socket, "the host's socket")->capture_default_str();
+    app.add_option("--socket", options.socket, "the host's socket")->envname("KEEL_SOCKET")->capture_default_str();
     app.add_flag("-S", options.script, "print JSON lines, for scripts, errors on stderr among them");
     app.footer("Exit status: 0 done, 1 refused or not understood, 2 the host cannot be reached, 3 an STB is not served "
                "(why).");

@@ -127,6 +127,8 @@ TEST_F(ControlTest, Transcripts) {
         {"get Keel.Zephyrin.Mode", "Bridged\n[0]"},
         {"get Keel.Zephyrin.MonoClient -S", "{\"MonoClient\":true}\n[0]"},
         {"-S get Keel.Zephyrin.Mood", "{\"error\":\"Keel.Zephyrin.Mood: no such object\",\"status\":1}\n[1]"},
+        {"watch Keel.Zephirin.Mode",
+         "keelctl: Keel.Zephirin: there is no such object, and there cannot be one: nothing to watch\n[1]"},
         {"set Keel.Zephyrin.DHCPConfig LeaseTime=4294967296",
          "keelctl: Keel.Zephyrin.DHCPConfig: \"LeaseTime\" wants a value of type uint32, not \"4294967296\"\n[1]"},
     };
@@ -134,6 +136,12 @@ TEST_F(ControlTest, Transcripts) {
         EXPECT_EQ(type(typed), printed) << typed;
     EXPECT_NE(type("trace").find(" ! test: a trace line\n[0]"), std::string::npos);
     EXPECT_TRUE(type("dance").ends_with("[1]"));
+    EXPECT_EQ(say("{\"op\": \"watch\", \"path\": \"Weft.Intf.not.yet.IPv4Addr\"}\n"), "{\"ok\":true}\n");
+    EXPECT_TRUE(type("help words").ends_with("information\n[0]"));
+    setenv("KEEL_SOCKET", path.c_str(), 1);
+    const std::string by_environment = std::string(KEELCTL) + " get Keel.Zephyrin.Mode";
+    EXPECT_EQ(std::system(by_environment.c_str()), 0);
+    unsetenv("KEEL_SOCKET");
 }
 
 TEST_F(ControlTest, TheStateIsTheDefaultView) {

@@ -127,6 +127,19 @@ Json timeline_json(const TimelineEvent &event) {
     return json;
 }
 
+/* Whether there may be an object at a path one day: what is missing of it then begins with an instance's name. What
+ * there cannot be goes to *missing. */
+bool may_exist(const Model &model, std::string path, std::string *missing) {
+    while (!model.find(path)) {
+        const auto dot = path.rfind('.');
+        *missing = path;
+        path.erase(dot == std::string::npos ? 0 : dot);
+        if (path.empty())
+            return false;
+    }
+    return missing->empty() || model.find(path)->multi;
+}
+
 } // namespace
 
 Conversation::Conversation(Model &model, const ControlActions &actions,
@@ -200,7 +213,11 @@ void Conversation::take(const std::string &line) {
         path = text_member(message, "path");
         const Node *node = model_.find(path);
         if (op == "watch") {
-            watch(path);
+            std::string missing;
+            if (may_exist(model_, path, &missing))
+                watch(path);
+            else
+                send(refusal_line(missing, "there is no such object, and there cannot be one: nothing to watch"));
             return;
         }
         if (!node) {

@@ -7,6 +7,7 @@
  *   {"op": "add", "path": "...", "key": "x", "values": {...}}   -> {"ok": true, "name": "x"}  (key optional)
  *   {"op": "del", "path": "..."}                         -> {"ok": true}
  *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
+ *                                                           also of an instance that is not there yet
  *   {"op": "look"}                                       -> {"ok": true}, with what only a look tells in the model
  *   {"op": "timeline"}                                   -> {"timeline": ...} lines, {"ok": true}
  *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
