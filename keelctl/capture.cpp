@@ -280,6 +280,7 @@ void capture(Client &client, const std::string &stb, unsigned seconds, const std
     };
     while (!Interruption::wanted() && (seconds == 0 || Clock::now() - start < std::chrono::seconds(seconds))) {
         std::vector<pollfd> ready;
+        ready.reserve(taps.size());
         for (const Tap *tap : taps)
             ready.push_back({tap->descriptor(), POLLIN, 0});
         poll(ready.data(), ready.size(), poll_ms);

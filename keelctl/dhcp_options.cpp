@@ -12,33 +12,33 @@ namespace {
 enum class Form { Hex, Text, Addresses, Seconds, Numbers };
 
 struct Option {
-    int number;
     const char *name;
+    int number;
     Form form;
 };
 
-const Option known[] = {{1, "subnet mask", Form::Addresses},
-                        {3, "router", Form::Addresses},
-                        {6, "name servers", Form::Addresses},
-                        {12, "host name", Form::Text},
-                        {15, "domain", Form::Text},
-                        {28, "broadcast address", Form::Addresses},
-                        {42, "NTP servers", Form::Addresses},
-                        {43, "vendor's own", Form::Hex},
-                        {50, "requested address", Form::Addresses},
-                        {51, "lease time", Form::Seconds},
-                        {53, "message type", Form::Numbers},
-                        {54, "server", Form::Addresses},
-                        {55, "wanted options", Form::Numbers},
-                        {56, "message", Form::Text},
-                        {57, "largest message", Form::Hex},
-                        {58, "renewal after", Form::Seconds},
-                        {59, "rebinding after", Form::Seconds},
-                        {60, "vendor class", Form::Text},
-                        {61, "client identifier", Form::Hex},
-                        {72, "WWW servers", Form::Addresses},
-                        {82, "relay's own", Form::Hex},
-                        {121, "classless routes", Form::Hex}};
+const Option known[] = {{"subnet mask", 1, Form::Addresses},
+                        {"router", 3, Form::Addresses},
+                        {"name servers", 6, Form::Addresses},
+                        {"host name", 12, Form::Text},
+                        {"domain", 15, Form::Text},
+                        {"broadcast address", 28, Form::Addresses},
+                        {"NTP servers", 42, Form::Addresses},
+                        {"vendor's own", 43, Form::Hex},
+                        {"requested address", 50, Form::Addresses},
+                        {"lease time", 51, Form::Seconds},
+                        {"message type", 53, Form::Numbers},
+                        {"server", 54, Form::Addresses},
+                        {"wanted options", 55, Form::Numbers},
+                        {"message", 56, Form::Text},
+                        {"largest message", 57, Form::Hex},
+                        {"renewal after", 58, Form::Seconds},
+                        {"rebinding after", 59, Form::Seconds},
+                        {"vendor class", 60, Form::Text},
+                        {"client identifier", 61, Form::Hex},
+                        {"WWW servers", 72, Form::Addresses},
+                        {"relay's own", 82, Form::Hex},
+                        {"classless routes", 121, Form::Hex}};
 
 std::string value_of(const std::uint8_t *data, std::size_t size, Form form) {
     std::string text;

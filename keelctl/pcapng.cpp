@@ -60,7 +60,7 @@ PcapngFile::~PcapngFile() {
         std::fclose(file_);
 }
 
-void PcapngFile::write(std::uint32_t type, std::string body) {
+void PcapngFile::write(std::uint32_t type, const std::string &body) {
     const std::string length = bytes_of(static_cast<std::uint32_t>(body.size() + 12));
     const std::string block = bytes_of(type) + length + body + length;
     if (std::fwrite(block.data(), 1, block.size(), file_) != block.size() || std::fflush(file_) != 0)

@@ -31,7 +31,7 @@ public:
     void add_counts(std::uint32_t interface, std::uint64_t seen, std::uint64_t lost);
 
 private:
-    void write(std::uint32_t type, std::string body);
+    void write(std::uint32_t type, const std::string &body);
 
     std::string name_;
     std::FILE *file_;
