@@ -97,7 +97,7 @@ class EvidenceTest(unittest.TestCase):
                             "ebtables.txt": "FORWARD_Isolation", "addresses.txt": IPTV, "routes.txt": "10.60.0.0/24 via",
                             "neighbours.txt": "br-lan", "bridge-addresses.txt": STB1.port,
                             "bridge-groups.txt": "br-lan", "daemon/command.txt": "--store",
-                            "daemon/process.txt": "VmRSS", "daemon/gateway.json": "Zephyrin",
+                            "daemon/process.txt": "VmRSS", "daemon/keelhost.toml": "mode",
                             "versions/iptables.txt": "iptables v"}.items():
             self.assertIn(words, texts[name], name)
 
