@@ -181,6 +181,7 @@ std::vector<std::string> screen_of(const Json &status, std::size_t columns, std:
 
 void show_live(Client &client) {
     const Interruption interruption;
+    client.look(); /* a host that was never there is an error; one that goes is waited for */
     if (!isatty(STDOUT_FILENO)) {
         std::vector<std::string> shown;
         for (; !Interruption::wanted(); poll(nullptr, 0, refresh_ms)) {

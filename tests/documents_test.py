@@ -66,8 +66,10 @@ def check_script(script, words):
 
 def check_keelctl(words):
     words = [word.strip("[]") for word in words if word != "..."]
-    if words and words[0] == "diagnose":  # which gathers what there is, with a host or without
+    # What is done without a host: evidence of the machine alone, and explaining words.
+    if words and words[0] in ("diagnose", "help"):
         return check_options("keelctl", words, words[0])
+    words = [{"SECONDS": "10", "T": "10m"}.get(word, word) for word in words]
     status, said = printed("keelctl", "--socket", "/nonexistent/socket", *words)
     if len(words) == 1 and "is required" in said:  # a command that is named alone
         return None

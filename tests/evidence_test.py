@@ -203,11 +203,12 @@ class EvidenceTest(unittest.TestCase):
         shown = ""
         pid, terminal = pty.fork()
         if pid == 0:
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
             os.execve(KEELCTL, (KEELCTL, "--socket", self.lab.socket, "top"), {**os.environ, **(env or {})})
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
         before = termios.tcgetattr(terminal)
         end = time.monotonic() + 20
-        while until not in shown and time.monotonic() < end:
+        # A typed Ctrl-C makes the terminal forget what it has not shown yet: the screen has to be whole.
+        while "\x1b[J" not in shown.partition(until)[2] and time.monotonic() < end:
             if select.select((terminal,), (), (), 0.2)[0]:
                 shown += os.read(terminal, 65536).decode()
         os.write(terminal, b"\x03")
