@@ -4,42 +4,11 @@
 #include <utility>
 
 #include "host/base/text_forms.h"
+#include "keelctl/wan_client.h"
 
 namespace keelctl {
 
 namespace {
-
-constexpr std::int64_t unleased_pause_s = 120; /* until a client that was given up is tried again, without an address */
-constexpr std::int64_t internal_pause_s = 1800; /* and with one that stays in force */
-
-/* What is known of a device's WAN client. */
-struct WanClient {
-    std::string interface;
-    Json wan;      /* its Weft.Intf */
-    Json exchange; /* its DHCPv4.Client */
-    std::string client_id;
-    std::string state;   /* of the client */
-    std::string status;  /* of the identity */
-    std::string address; /* "" for none */
-    std::int64_t next_try = 0;
-
-    WanClient(Gateway &gateway, const Json &identity)
-        : interface("dhcp_zep_" + text(identity, "Name")), wan(gateway.interfaces[interface]),
-          exchange(child(gateway.clients, interface)), client_id(text(descend(wan, {"SentOption", "61"}), "Value")),
-          state(text(wan, "DHCPStatus")), status(text(identity, "DHCPCStatus")), address(text(identity, "IPAddress")),
-          next_try(number(exchange, "NextTry")) {
-        if (or_none(address) == "none")
-            address = "";
-        if (state == "Bound" && address.empty()) { /* the last slot's address is not written with its identity */
-            address = text(wan, "IPAddress");
-            status = "Connected";
-        }
-        if (state == "Idle" && (status == "Unleased" || status == "Internal"))
-            next_try = number(exchange, "Since") + (status == "Unleased" ? unleased_pause_s : internal_pause_s);
-    }
-
-    bool is_bound() const { return state == "Bound" || state == "Renewing" || state == "Rebinding"; }
-};
 
 bool line_is_up(Gateway &gateway, const WanClient &client, Walk &walk) {
     if (!gateway.interfaces.device_below("iptv", true).empty())
