@@ -112,7 +112,7 @@ public:
           store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
           settings_(model_), history_(loop_, model_),
           control_(loop_, model_, options.socket,
-                   {[this] { return store_.flush(); }, [this] { look_at_groups(graph_, tables_); }}),
+                   {[this] { return store_.flush(); }, [this](std::function<void()> done) { look(std::move(done)); }}),
           tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
           presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
@@ -153,6 +153,15 @@ public:
     }
 
 private:
+    /* At what is not followed all the time. */
+    void look(std::function<void()> done) {
+        look_at_groups(graph_, tables_);
+        if (firewall_check_)
+            firewall_check_->count(std::move(done));
+        else
+            done();
+    }
+
     UvLoop &loop_;
     Model model_;
     bool loaded_;

@@ -189,6 +189,17 @@ void Conversation::watch(const std::string &path) {
     send(line_of({{"ok", true}}));
 }
 
+void Conversation::look() {
+    const auto answer = [this, life = std::weak_ptr(life_)] {
+        if (!life.expired())
+            send(line_of({{"ok", true}}));
+    };
+    if (actions_.look)
+        actions_.look(answer);
+    else
+        answer();
+}
+
 void Conversation::take(const std::string &line) {
     std::string path;
     try {
@@ -205,9 +216,7 @@ void Conversation::take(const std::string &line) {
             return;
         }
         if (op == "look") {
-            if (actions_.look)
-                actions_.look();
-            send(line_of({{"ok", true}}));
+            look();
             return;
         }
         path = text_member(message, "path");

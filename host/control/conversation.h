@@ -8,7 +8,8 @@
  *   {"op": "del", "path": "..."}                         -> {"ok": true}
  *   {"op": "watch", "path": "..."}                       -> {"ok": true}, then {"event": ...} lines
  *                                                           also of an instance that is not there yet
- *   {"op": "look"}                                       -> {"ok": true}, with what only a look tells in the model
+ *   {"op": "look"}                                       -> {"ok": true}, with what only a look tells in the model;
+ *                                                           what was said after it may be answered before
  *   {"op": "timeline"}                                   -> {"timeline": ...} lines, {"ok": true}
  *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
  * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
@@ -19,6 +20,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "host/model/model.h"
@@ -28,8 +30,9 @@ namespace keel {
 struct ControlActions {
     /* Called after each write and before its answer; when it says why the write is not safe, the answer does so. */
     std::function<std::string()> make_safe;
-    /* Writes what is not followed all the time into the model; may be empty. */
-    std::function<void()> look;
+    /* Writes what is not followed all the time into the model, and calls done then, maybe on a later turn; may be
+     * empty. */
+    std::function<void(std::function<void()> done)> look;
 };
 
 class Conversation {
@@ -50,6 +53,7 @@ public:
 
 private:
     void send(const std::string &line);
+    void look();
     void tell_timeline();
     void tell_traces(std::size_t lines, bool follow);
     void watch(const std::string &path);
@@ -60,6 +64,7 @@ private:
     Model::WatchId watch_ = 0;
     std::uint64_t follower_ = 0;
     bool ended_ = false;
+    std::shared_ptr<bool> life_ = std::make_shared<bool>(); /* for what is answered on a later turn */
 };
 
 } // namespace keel

@@ -20,6 +20,7 @@ namespace keel {
 namespace {
 
 constexpr const char *missing_path = "Firewall.Missing";
+constexpr const char *mapping_path = "Firewall.Mapping";
 constexpr std::uint64_t settle_ms = 100;         /* from an event to the look: a command makes several */
 constexpr std::uint64_t look_every_ms = 1000;    /* at most */
 constexpr std::uint64_t look_again_ms = 500;     /* whether what is missing is only on its way */
@@ -100,10 +101,7 @@ void FirewallCheck::look_in(std::uint64_t milliseconds) {
     look_at_ms_ = at;
     looking_ = loop_.start_timer(milliseconds, [this] {
         looking_ = 0;
-        if (planned_.empty())
-            read_plan();
-        else
-            look();
+        look();
     });
 }
 
@@ -135,6 +133,10 @@ void FirewallCheck::look() {
         look_in(look_every_ms);
         return;
     }
+    if (planned_.empty()) {
+        read_plan();
+        return;
+    }
     if (poll_) { /* what comes from here on is another change */
         std::array<char, 65536> rest;
         for (int count = 0; count < 10000; ++count)
@@ -146,7 +148,7 @@ void FirewallCheck::look() {
     saved_ = {};
     std::string error;
     process_ = Child::start(
-        loop_, {"/usr/sbin/iptables-save"}, [this](const std::string &line) { saved_.take(line); },
+        loop_, {"/usr/sbin/iptables-save", "-c"}, [this](const std::string &line) { saved_.take(line); },
         [this](int status) {
             process_.reset();
             if (status == 0 && saved_.is_whole())
@@ -167,12 +169,15 @@ void FirewallCheck::failed(const std::string &why) {
         trace(Level::Warning, "firewall", "whether the rules stand is not known: %s; it is tried again once a minute",
               why.c_str());
     look_in(look_without_ms);
+    write_counts({});
 }
 
 void FirewallCheck::looked() {
     blind_ = false;
-    find_missing(expected_rules(planned_, graph_));
+    const auto expected = expected_rules(planned_, graph_);
+    find_missing(expected);
     tell();
+    write_counts(traffic_of(expected, saved_));
     put_back();
     const bool fresh = std::any_of(missing_.begin(), missing_.end(), [this](const auto &one) {
         return loop_.now_ms() - one.second.found_ms < patience_ms;
@@ -181,6 +186,29 @@ void FirewallCheck::looked() {
         look_in(fresh ? look_again_ms : look_missing_ms);
     else if (!poll_)
         look_in(look_without_ms);
+}
+
+void FirewallCheck::count(std::function<void()> done) {
+    waiting_.push_back(std::move(done));
+    if (!process_)
+        look();
+}
+
+/* Only when somebody asks. */
+void FirewallCheck::write_counts(const std::map<std::string, Traffic> &counted) {
+    if (waiting_.empty())
+        return;
+    if (model_.find(mapping_path)) {
+        for (const std::string &name : model_.instances(mapping_path))
+            model_.remove(join_path(mapping_path, name));
+        for (const auto &[address, traffic] : counted)
+            model_.add(mapping_path, std::nullopt,
+                       {{"Address", address},
+                        {"PacketsOut", static_cast<std::int64_t>(traffic.packets_out)},
+                        {"PacketsIn", static_cast<std::int64_t>(traffic.packets_in)}});
+    }
+    for (const auto &done : std::exchange(waiting_, {}))
+        done();
 }
 
 void FirewallCheck::find_missing(const std::vector<FirewallRule> &expected) {

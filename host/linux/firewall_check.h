@@ -5,6 +5,7 @@
 #define HOST_LINUX_FIREWALL_CHECK_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -33,6 +34,10 @@ public:
     FirewallCheck &operator=(const FirewallCheck &) = delete;
     ~FirewallCheck();
 
+    /* Looks now, makes "Firewall.Mapping" what has gone through each device's rules up to now, and calls done, also
+     * when the look has failed and there is no such instance; not when it is destroyed before. */
+    void count(std::function<void()> done);
+
 private:
     struct Poll; /* lives until libuv has closed it */
     struct Missing {
@@ -51,6 +56,7 @@ private:
     void look();
     void looked();
     void failed(const std::string &why);
+    void write_counts(const std::map<std::string, Traffic> &counted);
     void find_missing(const std::vector<FirewallRule> &expected);
     void tell();
     void put_back();
@@ -74,7 +80,8 @@ private:
     std::set<std::string> stood_; /* the keys of those expected that have stood in an earlier look */
     std::map<std::string, Missing> missing_;
     bool traced_ = false;
-    bool blind_ = false; /* the last look failed */
+    bool blind_ = false;                         /* the last look failed */
+    std::vector<std::function<void()>> waiting_; /* for the end of the look that is on its way */
     std::uint64_t next_put_back_ms_ = 0;
 };
 

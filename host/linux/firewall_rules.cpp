@@ -1,6 +1,7 @@
 #include "host/linux/firewall_rules.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
 #include "host/base/text_forms.h"
@@ -126,11 +127,19 @@ void SavedRules::take(const std::string &line) {
         table_ = line.substr(1);
     } else if (line.starts_with(":")) {
         chains_.insert(table_ + " " + line.substr(1, line.find(' ') - 1));
-    } else if (line.starts_with(append)) {
-        rules_.insert(rule_of(table_, line).key());
+    } else if (line.starts_with("[")) { /* "[packets:bytes] -A ..." */
+        const auto rule = line.find(append);
+        if (rule != std::string::npos)
+            packets_[rule_of(table_, std::string_view(line).substr(rule)).key()] +=
+                std::strtoull(line.c_str() + 1, nullptr, 10);
     } else if (line == "COMMIT") {
         table_.clear();
     }
+}
+
+std::uint64_t SavedRules::packets(const FirewallRule &rule) const {
+    const auto found = packets_.find(rule.key());
+    return found == packets_.end() ? 0 : found->second;
 }
 
 std::vector<FirewallRule> planned_rules(const std::vector<std::string> &plan) {
@@ -171,6 +180,19 @@ std::vector<FirewallRule> expected_rules(const std::vector<FirewallRule> &planne
     if (model.boolean(service_path, "Enable") && mode.starts_with("Simplified"))
         add_simplified(rules, graph);
     return rules.all;
+}
+
+std::map<std::string, Traffic> traffic_of(const std::vector<FirewallRule> &expected, const SavedRules &saved) {
+    std::map<std::string, Traffic> found;
+    for (const FirewallRule &rule : expected) {
+        if (!is_address(rule.address) || !saved.has(rule))
+            continue;
+        if (rule.chain.starts_with("FORWARD_"))
+            found[rule.address].packets_out += saved.packets(rule);
+        else if (rule.chain == "PREROUTING_zep_ACCEPT")
+            found[rule.address].packets_in += saved.packets(rule);
+    }
+    return found;
 }
 
 std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved) {

@@ -4,6 +4,7 @@
 #ifndef HOST_LINUX_FIREWALL_RULES_H
 #define HOST_LINUX_FIREWALL_RULES_H
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -28,21 +29,29 @@ struct FirewallRule {
     std::string key() const { return table + " " + chain + " " + rule; }
 };
 
-/* What iptables-save tells. */
+/* What has gone through a device's mapping since its rules were made. */
+struct Traffic {
+    std::uint64_t packets_out = 0; /* from the device to the operator */
+    std::uint64_t packets_in = 0;
+};
+
+/* What iptables-save -c tells. */
 class SavedRules {
 public:
     /* One line of it, in their order. */
     void take(const std::string &line);
     /* Nothing is missing at its end. */
     bool is_whole() const { return table_.empty(); }
-    bool has(const FirewallRule &rule) const { return rules_.contains(rule.key()); }
+    bool has(const FirewallRule &rule) const { return packets_.contains(rule.key()); }
+    /* That have met the rule; 0 when it is not there. */
+    std::uint64_t packets(const FirewallRule &rule) const;
     bool has_chain(const std::string &table, const std::string &chain) const {
         return chains_.contains(table + " " + chain);
     }
 
 private:
     std::string table_;
-    std::set<std::string> rules_;
+    std::map<std::string, std::uint64_t> packets_; /* by the rule's key */
     std::set<std::string> chains_;
 };
 
@@ -51,6 +60,8 @@ std::vector<FirewallRule> planned_rules(const std::vector<std::string> &plan);
 /* All that ought to stand: the planned ones, and those that follow from the model, of the interfaces and the devices
  * that are served in the mode. */
 std::vector<FirewallRule> expected_rules(const std::vector<FirewallRule> &planned, const InterfaceGraph &graph);
+/* By LAN address, of the devices whose rules are among the expected ones and stand. */
+std::map<std::string, Traffic> traffic_of(const std::vector<FirewallRule> &expected, const SavedRules &saved);
 /* What iptables-restore is told to put rules, and the chains that they need, back where they are not. */
 std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved);
 
