@@ -223,20 +223,6 @@ void walk_chain(Gateway &gateway, const Device &device, Walk &walk) {
         has_multicast(gateway, device, walk);
 }
 
-/* "since 2 min", or nothing. */
-std::string since_text(const Gateway &gateway, const Diagnosis &diagnosis) {
-    return diagnosis.since == 0 ? "" : " since " + duration(gateway.now - diagnosis.since);
-}
-
-/* Held: its request is kept until something is decided. Waiting: it has not even a lease that could be held. */
-const char *state_word(const Device &device, const Diagnosis &diagnosis) {
-    if (diagnosis.served())
-        return "served";
-    if (device.held)
-        return "held";
-    return device.pool.empty() && !device.because.empty() ? "waiting" : "broken";
-}
-
 } // namespace
 
 Diagnosis diagnose(Gateway &gateway, const Device &device) {
@@ -275,35 +261,6 @@ std::string print_diagnosis(const Gateway &gateway, const Device &device, const 
         out << "  to do  " << diagnosis.remedy << "\n";
     }
     return out.str();
-}
-
-std::string headline(Gateway &gateway, Json *list) {
-    std::size_t all = 0;
-    std::size_t served = 0;
-    std::string broken;
-    for (const Device &device : gateway.devices) {
-        if (!gateway.is_stb(device) || !device.is_there())
-            continue;
-        ++all;
-        const Diagnosis diagnosis = diagnose(gateway, device);
-        list->push_back({{"name", device.name()},
-                         {"mac", device.mac},
-                         {"address", device.address},
-                         {"state", state_word(device, diagnosis)},
-                         {"served", diagnosis.served()}});
-        if (diagnosis.served()) {
-            ++served;
-            continue;
-        }
-        list->back()["cause"] = diagnosis.cause;
-        list->back()["since"] = diagnosis.since;
-        list->back()["brief"] = diagnosis.brief + since_text(gateway, diagnosis);
-        broken +=
-            (broken.empty() ? ": " : ", ") + device.name() + " " + diagnosis.brief + since_text(gateway, diagnosis);
-    }
-    if (all == 0)
-        return "no STB is on the LAN";
-    return std::to_string(served) + " of " + std::to_string(all) + (all == 1 ? " STB served" : " STBs served") + broken;
 }
 
 } // namespace keelctl

@@ -17,10 +17,6 @@ Diagnosis diagnose(Gateway &gateway, const Device &device);
 Json diagnosis_json(const Device &device, const Diagnosis &diagnosis);
 std::string print_diagnosis(const Gateway &gateway, const Device &device, const Diagnosis &diagnosis);
 
-/* "3 of 4 STBs served: stb-bedroom waits for the operator since 2 min", of those that are on the LAN; and by the way
- * their JSON to *list. */
-std::string headline(Gateway &gateway, Json *list);
-
 } // namespace keelctl
 
 #endif

@@ -37,6 +37,15 @@ void take_if_told(std::string &held, const std::string &told) {
 
 } // namespace
 
+std::string Device::name() const {
+    constexpr std::size_t end_size = 5; /* "97:5C" */
+    if (!host_name.empty())
+        return host_name;
+    if (!rule_class.empty() && mac.size() > end_size)
+        return rule_class + "-" + mac.substr(mac.size() - end_size);
+    return !mac.empty() ? mac : id;
+}
+
 Gateway::Gateway(Client &asked, Devices which)
     : client(asked), interfaces(asked), now(static_cast<std::int64_t>(std::time(nullptr))),
       service(child(asked.tree("Keel"), "Zephyrin")), clients(asked.tree("DHCPv4.Client")),
@@ -54,13 +63,21 @@ Gateway::Gateway(Client &asked, Devices which)
     if (which == Devices::All || simplified()) { /* any device may be tagged */
         for (const Json &host : children(client.tree("Hosts.Host"), {}))
             take_host(host);
-        return;
+    } else {
+        std::vector<std::string> macs;
+        for (const Device &one : devices)
+            macs.push_back(one.mac);
+        for (const std::string &mac : macs)
+            take_host(instance(client, "Hosts.Host", mac));
     }
-    std::vector<std::string> macs;
-    for (const Device &one : devices)
-        macs.push_back(one.mac);
-    for (const std::string &mac : macs)
-        take_host(instance(client, "Hosts.Host", mac));
+    know_classes();
+}
+
+void Gateway::know_classes() {
+    for (Device &one : devices)
+        for (const std::string &known : classes)
+            if (one.vendor_class.starts_with(known) && known.size() > one.rule_class.size())
+                one.rule_class = known;
 }
 
 Device &Gateway::device_with(const std::string &id) {
@@ -132,9 +149,7 @@ void Gateway::take_host(const Json &host) {
 bool Gateway::is_stb(const Device &one) const {
     if (simplified() && one.tagged)
         return true;
-    const bool of_a_rule = std::any_of(classes.begin(), classes.end(),
-                                       [&](const std::string &known) { return one.vendor_class.starts_with(known); });
-    return of_a_rule || is_iptv_pool(one.pool) || identity_of(one);
+    return !one.rule_class.empty() || is_iptv_pool(one.pool) || identity_of(one);
 }
 
 bool Gateway::looks_like_stb(const Device &one) const {
@@ -166,7 +181,7 @@ std::vector<const Device *> Gateway::named(const std::string &name) const {
     std::vector<const Device *> found;
     for (const Device &one : devices)
         if (same_letters(one.mac, name) || same_letters(one.id, name) || one.address == name ||
-            same_letters(one.host_name, name))
+            same_letters(one.name(), name))
             found.push_back(&one);
     return found;
 }

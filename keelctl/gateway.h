@@ -21,7 +21,8 @@ struct Device {
     std::string host_name;
     std::string address;
     std::string vendor_class;
-    std::string pool; /* of its lease; "" without one */
+    std::string rule_class; /* that of an IPTV pool's rule with which its own begins; "" when none does */
+    std::string pool;       /* of its lease; "" without one */
     bool held = false;
     std::int64_t expires = 0;
     std::string because; /* why it waits for the LAN DHCP server; "" when it does not */
@@ -31,8 +32,8 @@ struct Device {
     bool tagged = false;
     std::string port;
 
-    /* What people call it. */
-    const std::string &name() const { return !host_name.empty() ? host_name : !mac.empty() ? mac : id; }
+    /* What people call it: by its host name, else by its class and the end of its MAC address, "zep-stb-97:5C". */
+    std::string name() const;
     /* It is on the LAN: seen, or just heard. */
     bool is_there() const { return present || held || !because.empty(); }
 };
@@ -52,7 +53,7 @@ struct Gateway {
     /* The identity that has the device; null for none. */
     const Json *identity_of(const Device &device) const;
     const Device *device(const std::string &id) const;
-    /* Those of that host name, MAC address, IPv4 address or identifier. */
+    /* Those of that name, MAC address, IPv4 address or identifier. */
     std::vector<const Device *> named(const std::string &name) const;
     /* The same for what a person typed: a MAC address that nobody knows becomes the stranger, and is it. Throws Refused
      * for anything else that is not known. */
@@ -72,6 +73,7 @@ private:
     void take_waiting(const Json &waiting);
     void take_identity(const Json &identity);
     void take_host(const Json &host);
+    void know_classes();
     Device &device_with(const std::string &id);
 };
 

@@ -105,7 +105,8 @@ void replace_all(std::string &text, const std::string &lower_case, const std::st
         text.replace(at, by.size(), by);
 }
 
-/* Calls act with each stretch of characters that belong together, and passes on the rest. */
+/* Calls act with each stretch of characters that belong together and the character before it, and passes on the rest.
+ */
 template <typename Act> std::string by_token(const std::string &text, Act act) {
     std::string out;
     for (std::size_t at = 0; at < text.size();) {
@@ -125,7 +126,7 @@ template <typename Act> std::string by_token(const std::string &text, Act act) {
             --last;
         out += text.substr(at, first - at);
         if (last > first)
-            out += act(text.substr(first, last - first));
+            out += act(text.substr(first, last - first), first == 0 ? ' ' : text[first - 1]);
         out += text.substr(last, end - last);
         at = end;
     }
@@ -158,7 +159,7 @@ const std::string &Masking::mask_of(const std::string &mac) {
 }
 
 void Masking::learn(const std::string &text) {
-    by_token(text, [this](const std::string &token) {
+    by_token(text, [this](const std::string &token, char) {
         std::string mac = mac_in(token);
         if (const auto address = ipv6_in(token); mac.empty() && address)
             mac = mac_of(*address);
@@ -184,10 +185,10 @@ void Masking::learn_identifier(const std::string &hex) {
 }
 
 std::string Masking::masked(const std::string &text) const {
-    return by_token(text, [this](const std::string &token) { return masked_token(token); });
+    return by_token(text, [this](const std::string &token, char before) { return masked_token(token, before); });
 }
 
-std::string Masking::masked_token(const std::string &token) const {
+std::string Masking::masked_token(const std::string &token, char before) const {
     if (const auto identifier = identifiers_.find(lower(token)); identifier != identifiers_.end())
         return identifier->second;
     if (const std::string mac = mac_in(token); !mac.empty()) {
@@ -198,7 +199,7 @@ std::string Masking::masked_token(const std::string &token) const {
     if (const auto address = ipv6_in(token))
         return masked_ipv6(*address, token);
     if (token.size() < mac_digits)
-        return token;
+        return masked_name(token, before);
     /* Several things in a row: addresses with something before or behind them, and what stands between separators. */
     std::string row = token;
     for (const auto &[mac, mask] : macs_)
@@ -213,6 +214,20 @@ std::string Masking::masked_token(const std::string &token) const {
         at = end + 1;
     }
     return out;
+}
+
+/* The end of an STB's name, from the last letters before it on that an address could have: of "zep-stb-97:5C" it is
+ * "b-97:5C", of "iptv-97:5C" only "97:5C". */
+std::string Masking::masked_name(const std::string &token, char before) const {
+    constexpr std::size_t end_size = 5;
+    const std::size_t at = token.size() < end_size ? 0 : token.size() - end_size;
+    const std::string end = lower(token.substr(at));
+    if (end.size() != end_size || end[2] != ':' || (at == 0 ? before : token[at - 1]) != '-')
+        return token;
+    for (const auto &[mac, mask] : macs_)
+        if (separated(mac, ':').ends_with(end))
+            return token.substr(0, at) + separated(mask.substr(mac_digits - 4), ':');
+    return token;
 }
 
 std::string Masking::masked_ipv6(std::array<std::uint8_t, 16> address, const std::string &token) const {

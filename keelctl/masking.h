@@ -23,13 +23,14 @@ public:
     void learn_identifier(const std::string &hex);
 
     /* The text with masks. A MAC address is known again in lower and upper case, with and without separators, within
-     * longer hexadecimal texts, there also as characters, and in IPv6 addresses. Those of groups, of everybody and of
-     * nobody stay. */
+     * longer hexadecimal texts, there also as characters, in IPv6 addresses, and by its end in the name of an STB
+     * ("zep-stb-97:5C"). Those of groups, of everybody and of nobody stay. */
     std::string masked(const std::string &text) const;
 
 private:
     const std::string &mask_of(const std::string &mac);
-    std::string masked_token(const std::string &token) const;
+    std::string masked_token(const std::string &token, char before) const;
+    std::string masked_name(const std::string &token, char before) const;
     std::string masked_ipv6(std::array<std::uint8_t, 16> address, const std::string &token) const;
     std::string masked_digits(const std::string &digits) const;
 

@@ -8,17 +8,39 @@
 #include <sstream>
 
 #include "host/base/text_forms.h"
-#include "keelctl/diagnosis.h"
+#include "keelctl/gateway.h"
+#include "keelctl/stbs.h"
+#include "keelctl/wan_client.h"
 
 namespace keelctl {
 
 namespace {
 
-/* "0a140002" as "10.20.0.2"; "" for none. */
-std::string server_address(const std::string &hex) {
+/* "0a1400020a140004" as ["10.20.0.2", "10.20.0.4"] */
+Json server_addresses(const std::string &hex) {
+    constexpr std::size_t size = 4;
+    Json addresses = Json::array();
     const auto bytes = keel::parse_hex(hex);
-    const std::uint32_t address = bytes && bytes->size() == 4 ? keel::network_number(bytes->data()) : 0;
-    return address == 0 ? "" : keel::format_ipv4(address);
+    for (std::size_t at = 0; bytes && at + size <= bytes->size(); at += size)
+        if (const std::uint32_t address = keel::network_number(bytes->data() + at))
+            addresses.push_back(keel::format_ipv4(address));
+    return addresses;
+}
+
+std::string words_of(const Json &list) {
+    std::string words;
+    for (const Json &word : list)
+        words += (words.empty() ? "" : " ") + word.get<std::string>();
+    return words.empty() ? "none" : words;
+}
+
+/* The IPTV pools whose leases wait until the plug-in lets them go. */
+Json pools_with_holds(Client &client) {
+    Json pools = Json::array();
+    for (const char *pool : {"zep_stb", "zep_itf"})
+        if (flag(instance(client, "DHCPv4.Server.Pool", pool), "LeasesOnHold"))
+            pools.push_back(pool);
+    return pools;
 }
 
 /* ------------------------------------------------------------------------------------------------ sub-modules */
@@ -102,6 +124,24 @@ Json device_json(const Json &stored, const std::map<std::string, Json> &leases, 
 
 } // namespace
 
+std::string mode_line(const Json &status) {
+    const std::string mode = status["mode"];
+    std::string line = std::string(status["enabled"] == true ? "enabled" : "disabled") + ", " + mode + " over the " +
+                       status["interface"].get<std::string>() + " interface";
+    if (mode == "Routed")
+        line += std::string(", MonoClient ") + (status["mono_client"] == true ? "on" : "off");
+    if (!status["holds"].empty())
+        line += ", leases wait in " + words_of(status["holds"]);
+    return line;
+}
+
+const char *state_colour(const std::string &state) {
+    static const std::map<std::string, const char *> colours = {{"served", "32"},  {"held", "33"},   {"stop-gap", "35"},
+                                                                {"waiting", "36"}, {"broken", "31"}, {"absent", "2"}};
+    const auto found = colours.find(state);
+    return found == colours.end() ? "" : found->second;
+}
+
 bool colours_wanted() {
     const char *plain = std::getenv("NO_COLOR");
     return isatty(STDOUT_FILENO) && !(plain && *plain);
@@ -114,18 +154,20 @@ Json gather_status(Client &client) {
     const std::string device = interfaces.device_below("iptv", true);
 
     Gateway gateway(client, Gateway::Devices::Iptv);
-    Json stbs = Json::array();
-    const std::string head = headline(gateway, &stbs);
+    const Json stbs = stbs_of(gateway);
 
-    Json status{{"headline", head},
+    Json status{{"time", gateway.now},
+                {"headline", headline(stbs)},
                 {"stbs", stbs},
                 {"store_error", text(client.tree("KeelHost"), "StoreError")},
                 {"enabled", flag(service, "Enable")},
                 {"mode", text(service, "Mode")},
                 {"interface", text(service, "Interface")},
+                {"mono_client", flag(service, "MonoClient")},
+                {"holds", pools_with_holds(client)},
                 {"device", device},
-                {"ntp", server_address(text(service, "NTPServer"))},
-                {"www", server_address(text(service, "WWWServer"))},
+                {"ntp", server_addresses(text(service, "NTPServer"))},
+                {"www", server_addresses(text(service, "WWWServer"))},
                 {"modules",
                  {{"routed", routed_state(service)},
                   {"wanmode", wan_mode_state(client.tree("Steward"), interfaces)},
@@ -142,19 +184,11 @@ Json gather_status(Client &client) {
                                     {"router", text(route, "Gateway")},
                                     {"status", text(route, "Status")}});
     for (const Json &identity : children(service, {"ClientLease"})) {
-        const Json wan = interfaces["dhcp_zep_" + text(identity, "Name")];
-        Json one{{"name", text(identity, "Name")},
-                 {"slot", identity["parameters"].value("ClientIDOffset", Json())},
-                 {"client_id", text(descend(wan, {"SentOption", "61"}), "Value")},
-                 {"wan_client", text(wan, "DHCPStatus")},
-                 {"status", text(identity, "DHCPCStatus")},
-                 {"wan_address", text(identity, "IPAddress")},
+        const WanClient wan(gateway, identity);
+        Json one{{"name", text(identity, "Name")}, {"slot", identity["parameters"].value("ClientIDOffset", Json())},
+                 {"client_id", wan.client_id},     {"wan_client", wan.state},
+                 {"status", wan.status_now()},     {"wan_address", wan.address_now()},
                  {"devices", Json::array()}};
-        /* The fourth slot is not written at a binding: what its client holds is what counts. */
-        if (or_none(one["wan_address"]) == "none" && one["wan_client"] == "Bound") {
-            one["wan_address"] = text(wan, "IPAddress");
-            one["status"] = "Connected";
-        }
         for (const Json &stored : children(identity, {"ServerLease"})) {
             one["devices"].push_back(device_json(stored, leases, client));
             leases.erase(text(stored, "Id"));
@@ -168,45 +202,33 @@ Json gather_status(Client &client) {
 
 std::string print_status(const Json &status, bool colours) {
     const auto shade = [&](const std::string &told, const char *code) {
-        return colours ? std::string("\033[") + code + "m" + told + "\033[0m" : told;
+        return colours && *code ? std::string("\033[") + code + "m" + told + "\033[0m" : told;
     };
     std::ostringstream out;
-    out << shade("IPTV", "1") << "  " << (status["enabled"] == true ? "enabled" : "disabled") << ", "
-        << status["mode"].get<std::string>() << " over the " << status["interface"].get<std::string>()
-        << " interface\n";
-    const auto &stbs = status["stbs"];
-    const bool dark = std::any_of(stbs.begin(), stbs.end(), [](const Json &stb) { return stb["served"] != true; });
-    out << "  " << shade(status["headline"], dark ? "31" : "32") << "\n";
+    out << shade("IPTV", "1") << "  " << mode_line(status) << "\n";
+    out << "  " << shade(status["headline"], any_is_dark(status["stbs"]) ? "31" : "32") << "\n";
     if (!status["store_error"].get<std::string>().empty())
         out << "  " << shade("store", "31")
             << "    nothing is stored, the service runs from memory: " << status["store_error"].get<std::string>()
             << "\n";
     out << "  device   " << or_none(status["device"]) << "\n";
-    out << "  servers  NTP " << or_none(status["ntp"]) << ", WWW " << or_none(status["www"]) << "\n";
+    out << "  servers  NTP " << words_of(status["ntp"]) << ", WWW " << words_of(status["www"]) << "\n";
     for (const char *name : {"routed", "wanmode", "l2fw", "tide", "igdmap", "firewall"})
         out << "  " << pad(name, 8) << " " << status["modules"][name].get<std::string>() << "\n";
     for (const Json &route : status["routes"])
         out << "  route    " << pad(route["destination"], 18) << " via " << pad(route["router"], 15) << "  "
             << (route["status"] == "Enabled" ? shade("in force", "32") : shade(route["status"], "31")) << "\n";
-    for (const Json &identity : status["identities"]) {
-        const std::string state = identity["status"];
-        const char *colour = state == "Connected" ? "32" : state == "Unconnected" ? "33" : "31";
+    for (const Json &stb : status["stbs"]) {
+        const std::string name = stb["name"];
+        const std::string mac = stb["mac"];
         out << "\n"
-            << shade(identity["name"], "1") << "  slot " << identity["slot"].dump() << ", client "
-            << or_none(identity["client_id"]) << "\n";
-        out << "  WAN      " << shade(state, colour) << ", client " << identity["wan_client"].get<std::string>()
-            << ", address " << or_none(identity["wan_address"]) << "\n";
-        for (const Json &device : identity["devices"])
-            out << "  " << pad(device["type"], 7) << "  " << pad(device["address"], 15) << "  "
-                << device["mac"].get<std::string>() << "  " << (device["present"] == true ? "present" : "absent ")
-                << "  lease " << device["lease"].get<std::string>() << "\n";
+            << shade(name, "1") << (mac.empty() || mac == name ? "" : "  " + mac) << "  "
+            << shade(stb["state"], state_colour(stb["state"])) << "\n";
+        if (stb.contains("brief"))
+            out << "  " << shade(stb["brief"], state_colour(stb["state"])) << "\n";
+        for (const std::string &line : stb_lines(stb))
+            out << "  " << line << "\n";
     }
-    if (!status["waiting"].empty())
-        out << "\n" << shade("Leases without an identity", "1") << "\n";
-    for (const Json &lease : status["waiting"])
-        out << "  " << pad(lease["pool"], 7) << "  " << pad(lease["address"], 15) << "  "
-            << lease["mac"].get<std::string>() << "  " << (lease["hold"] == true ? "held: not served" : "released")
-            << "\n";
     return out.str();
 }
 

@@ -9,6 +9,7 @@
 
 #include "keelctl/diagnosis.h"
 #include "keelctl/gateway.h"
+#include "keelctl/stbs.h"
 
 namespace keelctl {
 
@@ -89,8 +90,7 @@ TimelineStory gather_story(Client &client, std::int64_t since_ms) {
     const std::vector<Json> events = timeline_events(client, since_ms);
     client.look();
     Gateway gateway(client, Gateway::Devices::All);
-    Json list = Json::array();
-    story.headline = headline(gateway, &list);
+    story.headline = headline(stbs_of(gateway));
     story.to_ms = now_ms();
     std::set<std::string> others;
     for (const Device &device : gateway.devices) {

@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <map>
 
 #include "keelctl/interruption.h"
 #include "keelctl/status.h"
+#include "keelctl/stbs.h"
 #include "keelctl/tree.h"
 
 namespace keelctl {
@@ -70,45 +70,20 @@ private:
     std::vector<std::string> lines_;
 };
 
-const char *colour_of(const std::string &state) {
-    static const std::map<std::string, const char *> colours = {
-        {"served", "32"}, {"held", "33"}, {"waiting", "36"}, {"broken", "31"}, {"absent", "2"}};
-    const auto found = colours.find(state);
-    return found == colours.end() ? "" : found->second;
-}
-
-void add_stb(Screen &screen, const std::string &name, const std::string &state, const std::string &lan,
-             const std::string &wan) {
-    screen.add(pad(name.substr(0, name_width), name_width) + " ");
-    screen.add(pad(state, state_width), colour_of(state));
-    screen.add(" " + pad(or_none(lan), address_width) + " " + or_none(wan));
-    screen.end_line();
-}
-
-/* "MAC address of a device -> its WAN address" */
-std::map<std::string, std::string> wan_addresses(const Json &status) {
-    std::map<std::string, std::string> addresses;
-    for (const Json &identity : status["identities"])
-        for (const Json &device : identity["devices"])
-            addresses[device["mac"]] = identity["wan_address"];
-    return addresses;
-}
-
 void add_stbs(Screen &screen, const Json &status) {
     screen.line(pad("STB", name_width) + " " + pad("state", state_width) + " " + pad("LAN address", address_width) +
                     " WAN address",
                 "2");
-    auto wan = wan_addresses(status);
     for (const Json &stb : status["stbs"]) {
-        add_stb(screen, stb["name"], stb["state"], stb["address"], wan[stb["mac"]]);
-        wan.erase(stb["mac"]);
-        if (stb["served"] != true)
-            screen.line("  " + stb["brief"].get<std::string>(), colour_of(stb["state"]));
+        screen.add(pad(stb["name"].get<std::string>().substr(0, name_width), name_width) + " ");
+        screen.add(pad(stb["state"], state_width), state_colour(stb["state"]));
+        screen.add(" " + pad(or_none(stb["address"]), address_width) + " " +
+                   pad(or_none(stb.value("wan_address", "")), address_width));
+        screen.add(" " + stb["packets_out"].dump() + " out " + stb["packets_in"].dump() + " in");
+        screen.end_line();
+        if (stb.contains("brief"))
+            screen.line("  " + stb["brief"].get<std::string>(), state_colour(stb["state"]));
     }
-    for (const Json &identity : status["identities"])
-        for (const Json &device : identity["devices"])
-            if (wan.contains(device["mac"]))
-                add_stb(screen, device["mac"], "absent", device["address"], identity["wan_address"]);
 }
 
 /* Cursor, screen and keys of a terminal, for as long as it is watched. */
@@ -159,12 +134,8 @@ std::vector<std::string> look(Client &client, std::size_t columns, std::size_t r
 std::vector<std::string> screen_of(const Json &status, std::size_t columns, std::size_t rows, bool colours) {
     Screen screen(columns, rows, colours);
     screen.add("IPTV", "1");
-    screen.line(std::string("  ") + (status["enabled"] == true ? "enabled" : "disabled") + ", " +
-                status["mode"].get<std::string>() + " over the " + status["interface"].get<std::string>() +
-                " interface, device " + or_none(status["device"]));
-    const auto &stbs = status["stbs"];
-    const bool dark = std::any_of(stbs.begin(), stbs.end(), [](const Json &stb) { return stb["served"] != true; });
-    screen.line(status["headline"], dark ? "31" : "32");
+    screen.line("  " + or_none(status["device"]) + ", " + mode_line(status));
+    screen.line(status["headline"], any_is_dark(status["stbs"]) ? "31" : "32");
     if (!status["store_error"].get<std::string>().empty())
         screen.line("nothing is stored: " + status["store_error"].get<std::string>(), "31");
     screen.line("");

@@ -24,6 +24,9 @@ struct WanClient {
     WanClient(Gateway &gateway, const Json &identity);
 
     bool is_bound() const { return state == "Bound" || state == "Renewing" || state == "Rebinding"; }
+    /* What is so: an identity may be stored as connected, with an address, from before a restart. */
+    std::string status_now() const { return is_bound() || status != "Connected" ? status : "Unconnected"; }
+    std::string address_now() const { return is_bound() || status == "Internal" ? address : ""; }
 };
 
 } // namespace keelctl

@@ -145,23 +145,37 @@ TEST_F(ControlTest, Transcripts) {
 }
 
 TEST_F(ControlTest, TheStateIsTheDefaultView) {
-    for (const char *line :
-         {"add Keel.Zephyrin.ClientLease 0102 Name=0102 ClientIDOffset=1 DHCPCStatus=Connected IPAddress=10.20.0.7",
-          "add Keel.Zephyrin.ClientLease.0102.ServerLease 0102 Id=0102 DeviceType=STB IPAddress=192.168.1.20",
-          "set Keel.Zephyrin.ClientLease.0102.ServerLease.0102 MACAddress=02:00:00:00:00:01",
-          "add Weft.Intf dhcp_zep_0102 DHCPStatus=Bound", "set Weft.Intf.dhcp_zep_0102.SentOption.61 Value=01aa",
-          "set Weft.Intf.eth1.20 'Flags=netdev up'", "set Keel.Zephyrin NTPServer=0a140002",
-          "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=10.20.0.1 Status=error",
-          "add Hosts.Host 02:00:00:00:00:01 Active=true",
-          "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0102 ClientID=0102",
-          "add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0109 ClientID=0109 IPAddress=192.168.1.21 OnHold=true",
-          "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0109 MACAddress=02:00:00:00:00:09"})
+    const std::string expires = std::to_string(std::time(nullptr) + 3600 * 5 + 60);
+    for (const std::string &line : {
+             std::string("add Keel.Zephyrin.ClientLease 0102 Name=0102 ClientIDOffset=1 DHCPCStatus=Connected "
+                         "IPAddress=10.20.0.7"),
+             std::string("add Keel.Zephyrin.ClientLease.0102.ServerLease 0102 Id=0102 DeviceType=STB "
+                         "IPAddress=192.168.1.20 MACAddress=02:00:00:00:00:01"),
+             std::string("add Weft.Intf dhcp_zep_0102 DHCPStatus=Bound"),
+             std::string("set Weft.Intf.dhcp_zep_0102.SentOption.61 Value=01aa"),
+             std::string("set Weft.Intf.eth1.20 'Flags=netdev up'"),
+             std::string("set Keel.Zephyrin NTPServer=0a1400020a140004 MonoClient=true"),
+             std::string("set DHCPv4.Server.Pool.zep_stb LeasesOnHold=true"),
+             std::string(
+                 "add Weft.Intf.eth1.20.IPv4Route zep_0 Dst=10.60.0.0 DstLen=24 Gateway=10.20.0.1 Status=error"),
+             std::string("add Hosts.Host 02:00:00:00:00:01 Active=true Port=lan1"),
+             std::string("add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0102 ClientID=0102 IPAddress=192.168.1.20"),
+             "set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0102 VendorClass=zep-stb.v2 MACAddress=02:00:00:00:00:01 "
+             "Expires=" +
+                 expires,
+             std::string("add Firewall.Mapping 1 Address=192.168.1.20 PacketsOut=12 PacketsIn=3000"),
+             std::string("add TIDE.Group 1 Address=239.1.2.3 Port=lan1 State=Forwarded"),
+             std::string("add DHCPv4.Server.Pool.zep_stb.Rule.1.Lease 0109 ClientID=0109 IPAddress=192.168.1.21 "
+                         "OnHold=true"),
+             std::string("set DHCPv4.Server.Pool.zep_stb.Rule.1.Lease.0109 MACAddress=02:00:00:00:00:09"),
+             std::string("add DHCPv4.Server.Pool.zep_itf.Rule.1.Lease 0103 ClientID=0103 IPAddress=192.168.1.40"),
+         })
         EXPECT_NE(type(line).find("[0]"), std::string::npos) << line;
-    EXPECT_EQ(type(""), "IPTV  enabled, Routed over the Dedicated interface\n"
-                        "  0 of 2 STBs served: 02:00:00:00:00:01 has no address in force, 02:00:00:00:00:09 has no "
+    EXPECT_EQ(type(""), "IPTV  enabled, Routed over the Dedicated interface, MonoClient on, leases wait in zep_stb\n"
+                        "  0 of 2 STBs served: zep-stb-00:01 has no address in force, 02:00:00:00:00:09 has no "
                         "identity yet\n"
                         "  device   eth1.20\n"
-                        "  servers  NTP 10.20.0.2, WWW none\n"
+                        "  servers  NTP 10.20.0.2 10.20.0.4, WWW none\n"
                         "  routed   1 identity\n"
                         "  wanmode  WAN mode Ethernet, stack iptv > dhcp_iptv > eth1.20\n"
                         "  l2fw     no IPTV device to keep apart\n"
@@ -170,13 +184,24 @@ TEST_F(ControlTest, TheStateIsTheDefaultView) {
                         "  firewall LAN to IPTV off\n"
                         "  route    10.60.0.0/24       via 10.20.0.1        error\n"
                         "\n"
-                        "0102  slot 1, client 01aa\n"
-                        "  WAN      Connected, client Bound, address 10.20.0.7\n"
-                        "  STB      192.168.1.20     02:00:00:00:00:01  present  lease released\n"
+                        "zep-stb-00:01  02:00:00:00:00:01  broken\n"
+                        "  has no address in force\n"
+                        "  LAN      192.168.1.20 behind lan1, lease released, 5 h left\n"
+                        "  WAN      10.20.0.7, client Bound, slot 1, identifier 01aa\n"
+                        "  rules    in the kernel, 12 packets out, 3000 in\n"
+                        "  groups   239.1.2.3 Forwarded\n"
                         "\n"
-                        "Leases without an identity\n"
-                        "  zep_stb  192.168.1.21     02:00:00:00:00:09  held: not served\n[0]");
-    EXPECT_NE(type("-S").find("\"wan_address\":\"10.20.0.7\""), std::string::npos);
+                        "02:00:00:00:00:09  held\n"
+                        "  has no identity yet\n"
+                        "  LAN      192.168.1.21, lease held\n"
+                        "\n"
+                        "0103  absent\n"
+                        "  LAN      192.168.1.40, lease released\n[0]");
+    EXPECT_NE(type("-S").find("\"packets_in\":3000"), std::string::npos);
+    /* What is stored from before a restart is not what is so. */
+    EXPECT_TRUE(type("set Weft.Intf.dhcp_zep_0102 DHCPStatus=Selecting").ends_with("[0]"));
+    EXPECT_NE(type("").find("WAN      none, client Selecting, slot 1"), std::string::npos) << type("");
+    EXPECT_NE(type("why zep-stb-00:01").find("zep-stb-00:01  02:00:00:00:00:01  192.168.1.20"), std::string::npos);
 }
 
 /* An STB that holds nothing more than a lease of the given class on hold, and the operator's side of it. */

@@ -107,6 +107,8 @@ class EvidenceTest(unittest.TestCase):
             for form in (secret, bare, secret.replace(":", "-"), bare.encode().hex(), secret.upper().encode().hex(),
                          link_local(secret)):
                 self.assertNotIn(form.lower(), everything.lower())
+        self.assertNotIn(f"zep-stb-{mac[-5:]}", everything)
+        self.assertIn(f"zep-stb-{mac[-5:]}", full["status.txt"])
         self.assertIn(link_local(wan), full["addresses.txt"])
         strangers = {one for one in MAC.findall(everything)
                      if not is_mask(one) and not int(one[:2], 16) & 1 and one != "00:00:00:00:00:00"}
@@ -166,6 +168,11 @@ class EvidenceTest(unittest.TestCase):
         lab.served_as(STB1)
         self.assertTrue(wait_for(lambda: lab.connect(STB2.name, "server", SERVER_ADDRESS, SERVER_PORT), 10))
         self.assertEqual(lab.network.stop(capture, signal.SIGINT), 0, lab.network.log("capture.log"))
+
+        # What went through its mapping is counted.
+        stb = next(one for one in lab.keel.status()["stbs"] if one["mac"] == lab.mac(STB2))
+        self.assertEqual((stb["state"], stb["rules"], stb["port"]), ("served", "in_kernel", STB2.port))
+        self.assertTrue(stb["packets_out"] > 2 and stb["packets_in"] > 2, stb)
 
         told = self.read_capture(file)
         address, other = lab.address(STB2), lab.mapped(lab.address(STB1))
@@ -231,12 +238,12 @@ class EvidenceTest(unittest.TestCase):
         screen = shown.split("\x1b[H")[-1].split("\x1b[J")[0].split("\r\n")
         self.assertLessEqual(len(screen), 12)
         self.assertLessEqual(max(len(re.sub(r"\x1b\[[0-9;]*[mK]", "", line)) for line in screen), 60)
-        self.assertRegex(shown, rf"{lab.mac(STB1)} \x1b\[32mserved  \x1b\[0m {lab.address(STB1)} +{lab.mapped(lab.address(STB1))}")
+        self.assertRegex(shown, rf"zep-stb-{lab.mac(STB1)[-5:]}     \x1b\[32mserved  \x1b\[0m {lab.address(STB1)} +{lab.mapped(lab.address(STB1))}")
         self.assertIn("lines more", screen[-1])
         lab.stop_operator()
         lab.start_device(ITF)
         shown = self.live_view(80, 24, "waits for the operator since", {"NO_COLOR": "1"})
-        self.assertRegex(shown, rf"{lab.mac(ITF)} held ")
+        self.assertRegex(shown, rf"zep-itf-{lab.mac(ITF)[-5:]}     held ")
         self.assertNotRegex(shown, r"\x1b\[[0-9]+m")
         lab.start_operator()
 
@@ -244,7 +251,7 @@ class EvidenceTest(unittest.TestCase):
         first = piped.stdout.readline()
         piped.send_signal(signal.SIGINT)
         self.assertEqual(piped.wait(5), 0)
-        self.assertRegex(first, "^IPTV  enabled, Routed over the Dedicated interface, device " + IPTV)
+        self.assertRegex(first, rf"^IPTV  {IPTV}, enabled, Routed over the Dedicated interface, MonoClient off, ")
         self.assertNotIn("\x1b", first + piped.stdout.read())
         piped.stdout.close()
 
