@@ -105,6 +105,22 @@ class HostTest(unittest.TestCase):
         reload('[service]\nmode = "Bridged"\n')
         self.assertTrue(wait_for(lambda: not self.own_rules(), 10), "the routed mode is left")
 
+    def test_an_identity_in_use_is_not_deleted(self):
+        keel, identities = self.lab.keel, "Keel.Zephyrin.ClientLease"
+        identity, = keel.instances(identities)
+        done = subprocess.run((os.path.join(PROGRAMS, "keelctl"), "--socket", self.lab.socket, "del",
+                               f"{identities}.{identity}"), capture_output=True, text=True, timeout=10, check=False)
+        self.assertEqual((done.returncode, keel.instances(identities)), (1, [identity]))
+        self.assertIn("keelctl set Keel.Zephyrin Enable=false, then Enable=true", done.stderr)
+        self.assertTrue(self.lab.served_as(STB1))
+        # What it says helps.
+        self.assertTrue(keel.set("Keel.Zephyrin", Enable="false"))
+        self.assertTrue(wait_for(lambda: not self.own_rules() and not keel.instances(identities), 10))
+        self.assertTrue(keel.set("Keel.Zephyrin", Enable="true"))
+        self.lab.stop_device(STB1)
+        self.lab.start_device(STB1)
+        self.assertTrue(wait_for(lambda: self.lab.served_as(STB1), 30), self.lab.network.log("gateway.log")[-3000:])
+
     def test_it_ends_although_a_command_hangs(self):
         with wrapped_tables(self.folder, 'for word; do [ "$word" != PREROUTING_zep ] || sleep 60; done'):
             start = time.monotonic()

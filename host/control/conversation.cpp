@@ -245,7 +245,9 @@ void Conversation::take(const std::string &line) {
             refusal = model_.add(path, key, read_values(message, model_.instance_parameters(path)), &name);
             answer["name"] = name;
         } else if (op == "del") {
-            refusal = model_.remove(path);
+            const std::string objection =
+                actions_.objection_to_deletion ? actions_.objection_to_deletion(path) : std::string();
+            refusal = objection.empty() ? model_.remove(path) : Refusal{path, objection};
         } else {
             throw std::invalid_argument("no operation \"" + op + "\"");
         }

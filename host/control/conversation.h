@@ -33,6 +33,8 @@ struct ControlActions {
     /* Writes what is not followed all the time into the model, and calls done then, maybe on a later turn; may be
      * empty. */
     std::function<void(std::function<void()> done)> look;
+    /* Why an instance cannot be deleted by hand, and what to do instead; "" when it can. May be empty. */
+    std::function<std::string(const std::string &path)> objection_to_deletion = {};
 };
 
 class Conversation {

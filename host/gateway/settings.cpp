@@ -24,6 +24,15 @@ bool is_routed(const Model &model) {
            model.text(service_path, "Interface") == "Dedicated";
 }
 
+std::string objection_to_deletion(const Model &model, const std::string &path) {
+    const std::string identities = join_path(service_path, "ClientLease") + ".";
+    if (!path.starts_with(identities) || !is_routed(model))
+        return "";
+    return "the plug-in is at work with it. An identity goes by itself once its STBs have been away for 48 h; to be "
+           "rid "
+           "of all of them now: keelctl set Keel.Zephyrin Enable=false, then Enable=true (each STB is served anew)";
+}
+
 Settings::Settings(Model &model)
     : model_(model), mode_{keel_path, "IPTVMode", {}}, interface_{service_path, "Interface", {}} {
     write(model_, service_path, {{"Interface", model_.text(keel_path, "IPTVMode")}});

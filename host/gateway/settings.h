@@ -21,6 +21,9 @@ constexpr const char *lan_pools_path = "DHCPv4.Server.Pool";
 constexpr const char *iptv_pools[] = {"DHCPv4.Server.Pool.zep_itf", "DHCPv4.Server.Pool.zep_stb"};
 /* Whether the service is enabled in the mode Routed over the Dedicated interface. */
 bool is_routed(const Model &model);
+/* Why an instance cannot be deleted by hand, and what to do instead: the plug-in has the identities in its memory while
+ * the routed mode is on, and would go on with one that is no longer stored. "" when it can. */
+std::string objection_to_deletion(const Model &model, const std::string &path);
 
 /* Works on writes made after its construction; what was before is the state that it starts from.
  *
