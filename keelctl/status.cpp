@@ -67,7 +67,14 @@ std::string wan_mode_state(const Json &steward, Interfaces &interfaces) {
     return (mode.empty() ? "no WAN mode yet" : "WAN mode " + mode) + ", stack " + stack;
 }
 
-std::string isolation_state(Interfaces &interfaces) {
+/* Rules of layer 2 that ought to stand, and do not. */
+std::size_t missing_isolation(const Gateway &gateway) {
+    const auto &all = gateway.missing["children"];
+    return static_cast<std::size_t>(std::count_if(
+        all.begin(), all.end(), [](const Json &one) { return text(one, "Table").starts_with("bridge "); }));
+}
+
+std::string isolation_state(Interfaces &interfaces, std::size_t missing) {
     std::string devices;
     for (const std::string &name : interfaces.stack("iptv")) {
         const std::string flags = text(interfaces[name], "Flags");
@@ -76,7 +83,10 @@ std::string isolation_state(Interfaces &interfaces) {
         if (isolated)
             devices += (devices.empty() ? "" : " ") + name;
     }
-    return devices.empty() ? "no IPTV device to keep apart" : "keeps apart " + devices;
+    return (devices.empty() ? "no IPTV device to keep apart" : "keeps apart " + devices) +
+           (missing == 0
+                ? ""
+                : ", but " + std::to_string(missing) + (missing == 1 ? " rule is" : " rules are") + " missing");
 }
 
 std::string daemon_state(const Json &daemon) {
@@ -135,6 +145,10 @@ std::string mode_line(const Json &status) {
     return line;
 }
 
+bool is_well(const Json &status) {
+    return !any_is_dark(status["stbs"]) && status["isolation_missing"] == 0;
+}
+
 const char *state_colour(const std::string &state) {
     static const std::map<std::string, const char *> colours = {{"served", "32"},  {"held", "33"},   {"stop-gap", "35"},
                                                                 {"waiting", "36"}, {"broken", "31"}, {"absent", "2"}};
@@ -155,9 +169,10 @@ Json gather_status(Client &client) {
 
     Gateway gateway(client, Gateway::Devices::Iptv);
     const Json stbs = stbs_of(gateway);
+    const std::size_t missing = missing_isolation(gateway);
 
     Json status{{"time", gateway.now},
-                {"headline", headline(stbs)},
+                {"headline", headline(stbs) + (missing == 0 ? "" : "; what keeps devices apart on layer 2 is missing")},
                 {"stbs", stbs},
                 {"store_error", text(client.tree("KeelHost"), "StoreError")},
                 {"enabled", flag(service, "Enable")},
@@ -166,12 +181,13 @@ Json gather_status(Client &client) {
                 {"mono_client", flag(service, "MonoClient")},
                 {"holds", pools_with_holds(client)},
                 {"device", device},
+                {"isolation_missing", missing},
                 {"ntp", server_addresses(text(service, "NTPServer"))},
                 {"www", server_addresses(text(service, "WWWServer"))},
                 {"modules",
                  {{"routed", routed_state(service)},
                   {"wanmode", wan_mode_state(client.tree("Steward"), interfaces)},
-                  {"l2fw", isolation_state(interfaces)},
+                  {"l2fw", isolation_state(interfaces, missing)},
                   {"tide", daemon_state(descend(client.tree("TIDE"), {"Intf", "iptv"}))},
                   {"igdmap", mirror_state(child(service, "IGDMap"))},
                   {"firewall",
@@ -206,7 +222,7 @@ std::string print_status(const Json &status, bool colours) {
     };
     std::ostringstream out;
     out << shade("IPTV", "1") << "  " << mode_line(status) << "\n";
-    out << "  " << shade(status["headline"], any_is_dark(status["stbs"]) ? "31" : "32") << "\n";
+    out << "  " << shade(status["headline"], is_well(status) ? "32" : "31") << "\n";
     if (!status["store_error"].get<std::string>().empty())
         out << "  " << shade("store", "31")
             << "    nothing is stored, the service runs from memory: " << status["store_error"].get<std::string>()

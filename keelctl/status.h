@@ -22,6 +22,8 @@ std::string print_status(const Json &status, bool colours);
  * the number of a terminal's sequence. */
 std::string mode_line(const Json &status);
 const char *state_colour(const std::string &state);
+/* Every STB on the LAN is served, and nothing else is missing. */
+bool is_well(const Json &status);
 
 } // namespace keelctl
 

@@ -135,7 +135,7 @@ std::vector<std::string> screen_of(const Json &status, std::size_t columns, std:
     Screen screen(columns, rows, colours);
     screen.add("IPTV", "1");
     screen.line("  " + or_none(status["device"]) + ", " + mode_line(status));
-    screen.line(status["headline"], any_is_dark(status["stbs"]) ? "31" : "32");
+    screen.line(status["headline"], is_well(status) ? "32" : "31");
     if (!status["store_error"].get<std::string>().empty())
         screen.line("nothing is stored: " + status["store_error"].get<std::string>(), "31");
     screen.line("");

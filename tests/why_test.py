@@ -176,15 +176,32 @@ class WhyTest(unittest.TestCase):
         lab.renew_wan_leases()
         self.await_served(STB1)
 
+    def apart(self):
+        return sorted(line for line in self.lab.network.run("gateway", "ebtables-save").splitlines() if line[0] != "#")
+
+    def keep_all_apart(self):
+        """Flags and links of which each kind of rule of layer 2 comes; what stands then."""
+        self.assertTrue(self.lab.keel.change_flags(IPTV, ("zep-no-igmp", "zep-only-igmp"), ("zep-dhcp-vlan",)))
+        self.assertTrue(self.lab.keel.set(f"Weft.Intf.{IPTV}", LowerLayers="eth1.10"))
+        self.assertTrue(wait_for(lambda: sum(" -j DROP" in line for line in self.apart()) == 6, 5), self.apart())
+        return self.apart()
+
     def test_7a_rules_taken_away(self):
         lab = self.lab
         flush = ("iptables", "-t", "nat", "-F")
         before = sorted(lab.rules("nat") + lab.rules("raw") + lab.rules("filter"))
+        apart = self.keep_all_apart()
         lab.network.run("gateway", *flush)
-        self.assertTrue(wait_for(lambda: re.match("0 of 2 STBs served: (zep-stb-[0-9A-F:]{5} has lost its rules since . s(, |$)){2}",
-                                                  self.headline()), 2, pause=0.05), self.headline())
+        lab.network.run("gateway", "ebtables", "-t", "nat", "-F")
+        lab.network.run("gateway", "ebtables", "-t", "filter", "-F")
+        lab.network.run("gateway", "ebtables", "-t", "filter", "-X")
+        told = ("0 of 2 STBs served: (zep-stb-[0-9A-F:]{5} has lost its rules since . s(, |; )){2}"
+                "what keeps devices apart on layer 2 is missing$")
+        self.assertTrue(wait_for(lambda: re.match(told, self.headline()), 2, pause=0.05), self.headline())
         self.await_served(STB1, 10)
         self.assertEqual(sorted(lab.rules("nat") + lab.rules("raw") + lab.rules("filter")), before)
+        self.assertEqual(self.apart(), apart)
+        self.assertEqual(self.headline(), "2 of 2 STBs served")
         self.assertEqual(lab.network.log("gateway.log").count("somebody else changes the tables"), 1)
 
         lab.network.run("gateway", *flush)

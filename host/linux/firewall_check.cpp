@@ -13,6 +13,7 @@
 #include "host/base/timeline.h"
 #include "host/base/trace.h"
 #include "host/base/whole_file.h"
+#include "host/linux/bridge_rules.h"
 #include "host/linux/program.h"
 
 namespace keel {
@@ -29,6 +30,9 @@ constexpr std::uint64_t look_without_ms = 60000; /* where the kernel does not te
 constexpr std::uint64_t patience_ms = 2000;      /* before it is put back */
 constexpr std::uint64_t put_back_every_ms = 60000;
 constexpr int command_limit_ms = 7000; /* it waits up to 5 s for others */
+
+const std::vector<std::string> iptables_save = {"/usr/sbin/iptables-save", "-c"};
+const std::vector<std::string> ebtables_save = {"/usr/sbin/ebtables-save"};
 
 } // namespace
 
@@ -120,6 +124,7 @@ void FirewallCheck::read_plan() {
                 failed(script_ + " plan ended with status " + std::to_string(status) + " and tells no rules");
             else
                 look_in(0);
+            look_if_due();
         },
         &error);
     if (process_)
@@ -130,7 +135,7 @@ void FirewallCheck::read_plan() {
 
 void FirewallCheck::look() {
     if (process_) { /* what was told came while the rules were being read: they may have been read before it */
-        look_in(look_every_ms);
+        due_ = true;
         return;
     }
     if (planned_.empty()) {
@@ -145,16 +150,43 @@ void FirewallCheck::look() {
         wait_for_event();
     }
     last_look_ms_ = loop_.now_ms();
+    read_iptables([this] { read(ebtables_save, &SavedRules::take_of_bridge, [this] { looked(); }); });
+}
+
+/* Somebody who asks for counts again and again keeps no look from coming. */
+void FirewallCheck::look_if_due() {
+    if (process_ || !std::exchange(due_, false))
+        return;
+    const std::uint64_t now = loop_.now_ms();
+    if (now >= last_look_ms_ + look_every_ms)
+        look();
+    else
+        look_in(last_look_ms_ + look_every_ms - now);
+}
+
+void FirewallCheck::read_iptables(std::function<void()> next) {
     saved_ = {};
+    read(iptables_save, &SavedRules::take, [this, next = std::move(next)] {
+        if (saved_.is_whole())
+            next();
+        else
+            failed("iptables-save has not told all");
+    });
+}
+
+/* Goes on once a program has told its rules. */
+void FirewallCheck::read(const std::vector<std::string> &argv, void (SavedRules::*take)(const std::string &line),
+                         std::function<void()> next) {
     std::string error;
     process_ = Child::start(
-        loop_, {"/usr/sbin/iptables-save", "-c"}, [this](const std::string &line) { saved_.take(line); },
-        [this](int status) {
+        loop_, argv, [this, take](const std::string &line) { (saved_.*take)(line); },
+        [this, name = argv.front(), next = std::move(next)](int status) {
             process_.reset();
-            if (status == 0 && saved_.is_whole())
-                looked();
+            if (status == 0)
+                next();
             else
-                failed("iptables-save ended with status " + std::to_string(status));
+                failed(name + " ended with status " + std::to_string(status));
+            look_if_due();
         },
         &error);
     if (process_)
@@ -172,12 +204,20 @@ void FirewallCheck::failed(const std::string &why) {
     write_counts({});
 }
 
+/* In the order in which they belong. */
+std::vector<FirewallRule> FirewallCheck::expected() const {
+    auto all = expected_rules(planned_, graph_);
+    const auto of_bridge = expected_bridge_rules(graph_);
+    all.insert(all.end(), of_bridge.begin(), of_bridge.end());
+    return all;
+}
+
 void FirewallCheck::looked() {
     blind_ = false;
-    const auto expected = expected_rules(planned_, graph_);
-    find_missing(expected);
+    const auto all = expected();
+    find_missing(all);
     tell();
-    write_counts(traffic_of(expected, saved_));
+    write_counts(traffic_of(all, saved_));
     put_back();
     const bool fresh = std::any_of(missing_.begin(), missing_.end(), [this](const auto &one) {
         return loop_.now_ms() - one.second.found_ms < patience_ms;
@@ -190,8 +230,12 @@ void FirewallCheck::looked() {
 
 void FirewallCheck::count(std::function<void()> done) {
     waiting_.push_back(std::move(done));
-    if (!process_)
-        look();
+    if (process_)
+        return;
+    if (planned_.empty())
+        read_plan();
+    else
+        read_iptables([this] { write_counts(traffic_of(expected(), saved_)); });
 }
 
 /* Only when somebody asks. */
@@ -285,7 +329,7 @@ void FirewallCheck::tell() {
 void FirewallCheck::put_back() {
     const std::uint64_t now = loop_.now_ms();
     std::vector<FirewallRule> rules;
-    for (const FirewallRule &rule : expected_rules(planned_, graph_)) /* in the order in which they belong */
+    for (const FirewallRule &rule : expected())
         if (missing_.contains(rule.key()))
             rules.push_back(rule);
     std::erase_if(rules, [&](const FirewallRule &rule) {
@@ -301,16 +345,27 @@ void FirewallCheck::put_back() {
 
 /* Before the loop turns: the plug-in's own commands come before or after it, not in between. */
 bool FirewallCheck::restore(const std::vector<FirewallRule> &rules) {
+    const bool done =
+        restore(restore_text(rules, saved_, false), {"/usr/sbin/iptables-restore", "--noflush", "-w", "5", file_});
+    const bool bridge_done = restore(restore_text(rules, saved_, true), /* which reads no file but its input */
+                                     {"/bin/sh", "-c", "exec /usr/sbin/ebtables-restore --noflush <\"$0\"", file_});
+    Timeline::instance().note(TimelineEvent::Kind::Rule, "", done && bridge_done ? "done" : "failed",
+                              "restore --noflush: " + std::to_string(rules.size()) + " rules are put back");
+    return done && bridge_done;
+}
+
+bool FirewallCheck::restore(const std::string &text, const std::vector<std::string> &argv) {
+    if (text.empty())
+        return true;
     std::string error;
     std::optional<int> status;
-    if (write_whole_file(file_, restore_text(rules, saved_), &error))
-        status = run_and_wait({"/usr/sbin/iptables-restore", "--noflush", "-w", "5", file_}, command_limit_ms, &error);
-    Timeline::instance().note(TimelineEvent::Kind::Rule, "", status == 0 ? "done" : "failed",
-                              "iptables-restore --noflush: " + std::to_string(rules.size()) + " rules are put back");
+    if (write_whole_file(file_, text, &error))
+        status = run_and_wait(argv, command_limit_ms, &error);
     if (status == 0)
         return true;
     trace(Level::Error, "firewall", "the rules cannot be put back: %s; it is tried again",
-          status ? ("iptables-restore ended with status " + std::to_string(*status)).c_str() : error.c_str());
+          status ? ("what they are restored with ended with status " + std::to_string(*status)).c_str()
+                 : error.c_str());
     return false;
 }
 

@@ -1,5 +1,5 @@
 /*
- * Whether the iptables rules of the service stand in the kernel; and putting back what somebody else has taken away.
+ * Whether the rules of the service stand in the kernel; and putting back what somebody else has taken away.
  */
 #ifndef HOST_LINUX_FIREWALL_CHECK_H
 #define HOST_LINUX_FIREWALL_CHECK_H
@@ -28,7 +28,7 @@ namespace keel {
  * stood is for its owner to make, who knows why it could not be made. */
 class FirewallCheck {
 public:
-    /* The script is share/chains.sh; what iptables-restore reads is written into the folder. */
+    /* The script is share/chains.sh; what iptables-restore and ebtables-restore read is written into the folder. */
     FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder);
     FirewallCheck(const FirewallCheck &) = delete;
     FirewallCheck &operator=(const FirewallCheck &) = delete;
@@ -54,6 +54,11 @@ private:
     void look_in(std::uint64_t milliseconds);
     void read_plan();
     void look();
+    void look_if_due();
+    void read_iptables(std::function<void()> next);
+    void read(const std::vector<std::string> &argv, void (SavedRules::*take)(const std::string &line),
+              std::function<void()> next);
+    std::vector<FirewallRule> expected() const;
     void looked();
     void failed(const std::string &why);
     void write_counts(const std::map<std::string, Traffic> &counted);
@@ -61,6 +66,7 @@ private:
     void tell();
     void put_back();
     bool restore(const std::vector<FirewallRule> &rules);
+    bool restore(const std::string &text, const std::vector<std::string> &argv);
     void forget(const Missing &missing);
 
     UvLoop &loop_;
@@ -80,6 +86,7 @@ private:
     std::set<std::string> stood_; /* the keys of those expected that have stood in an earlier look */
     std::map<std::string, Missing> missing_;
     bool traced_ = false;
+    bool due_ = false;                           /* a look, once the program that runs has ended */
     bool blind_ = false;                         /* the last look failed */
     std::vector<std::function<void()>> waiting_; /* for the end of the look that is on its way */
     std::uint64_t next_put_back_ms_ = 0;

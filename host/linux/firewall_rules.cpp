@@ -137,6 +137,18 @@ void SavedRules::take(const std::string &line) {
     }
 }
 
+/* Without an end of its tables. */
+void SavedRules::take_of_bridge(const std::string &line) {
+    if (line.starts_with("*")) {
+        bridge_table_ = bridge_family + line.substr(1);
+    } else if (line.starts_with(":")) {
+        chains_.insert(bridge_table_ + " " + line.substr(1, line.find(' ') - 1));
+    } else if (line.starts_with(append)) {
+        const std::string_view rule = std::string_view(line).substr(0, line.find_last_not_of(' ') + 1);
+        packets_[rule_of(bridge_table_, rule).key()];
+    }
+}
+
 std::uint64_t SavedRules::packets(const FirewallRule &rule) const {
     const auto found = packets_.find(rule.key());
     return found == packets_.end() ? 0 : found->second;
@@ -195,9 +207,11 @@ std::map<std::string, Traffic> traffic_of(const std::vector<FirewallRule> &expec
     return found;
 }
 
-std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved) {
+std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved, bool bridge) {
     std::map<std::string, std::pair<std::set<std::string>, std::string>> tables; /* chains to make, and rules */
     for (const FirewallRule &rule : missing) {
+        if (rule.is_of_bridge() != bridge)
+            continue;
         auto &[chains, rules] = tables[rule.table];
         const auto jump = rule.rule.rfind("-j ");
         const std::string target = jump == std::string::npos ? "" : rule.rule.substr(jump + 3);
@@ -208,10 +222,10 @@ std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRu
     }
     std::string text;
     for (const auto &[table, content] : tables) {
-        text += "*" + table + "\n";
+        text += "*" + (bridge ? table.substr(std::string_view(bridge_family).size()) : table) + "\n";
         for (const std::string &chain : content.first)
-            text += ":" + chain + " - [0:0]\n";
-        text += content.second + "COMMIT\n";
+            text += ":" + chain + (bridge ? " RETURN\n" : " - [0:0]\n");
+        text += content.second + (bridge ? "" : "COMMIT\n");
     }
     return text;
 }

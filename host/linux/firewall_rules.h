@@ -1,5 +1,5 @@
 /*
- * The iptables rules that ought to stand for the service, and those that do.
+ * The rules that ought to stand for the service, and those that do.
  */
 #ifndef HOST_LINUX_FIREWALL_RULES_H
 #define HOST_LINUX_FIREWALL_RULES_H
@@ -15,11 +15,12 @@
 namespace keel {
 
 constexpr const char *concerns_nobody = "none";
+constexpr const char *bridge_family = "bridge "; /* before the name of a table of ebtables */
 
 struct FirewallRule {
     std::string table;
     std::string chain;
-    std::string rule;    /* as iptables-save tells it, after "-A CHAIN " */
+    std::string rule;    /* as iptables-save, or ebtables-save, tells it, after "-A CHAIN " */
     std::string what;    /* for people: "the SNAT rule for 192.168.1.20" */
     std::string address; /* of the LAN device that needs it; "" for all of them, or concerns_nobody */
     bool first = false;  /* it belongs before the others of its chain */
@@ -27,6 +28,7 @@ struct FirewallRule {
 
     /* What tells it from all others. */
     std::string key() const { return table + " " + chain + " " + rule; }
+    bool is_of_bridge() const { return table.starts_with(bridge_family); }
 };
 
 /* What has gone through a device's mapping since its rules were made. */
@@ -35,12 +37,13 @@ struct Traffic {
     std::uint64_t packets_in = 0;
 };
 
-/* What iptables-save -c tells. */
+/* What iptables-save -c and ebtables-save tell. */
 class SavedRules {
 public:
-    /* One line of it, in their order. */
+    /* One line of them, in their order. */
     void take(const std::string &line);
-    /* Nothing is missing at its end. */
+    void take_of_bridge(const std::string &line);
+    /* Nothing is missing at the end of what iptables-save has told. */
     bool is_whole() const { return table_.empty(); }
     bool has(const FirewallRule &rule) const { return packets_.contains(rule.key()); }
     /* That have met the rule; 0 when it is not there. */
@@ -51,6 +54,7 @@ public:
 
 private:
     std::string table_;
+    std::string bridge_table_;
     std::map<std::string, std::uint64_t> packets_; /* by the rule's key */
     std::set<std::string> chains_;
 };
@@ -62,8 +66,9 @@ std::vector<FirewallRule> planned_rules(const std::vector<std::string> &plan);
 std::vector<FirewallRule> expected_rules(const std::vector<FirewallRule> &planned, const InterfaceGraph &graph);
 /* By LAN address, of the devices whose rules are among the expected ones and stand. */
 std::map<std::string, Traffic> traffic_of(const std::vector<FirewallRule> &expected, const SavedRules &saved);
-/* What iptables-restore is told to put rules, and the chains that they need, back where they are not. */
-std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved);
+/* What iptables-restore, or ebtables-restore, is told to put those rules of its own, and the chains that they need,
+ * back where they are not; "" when none of them is its own. */
+std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved, bool bridge);
 
 } // namespace keel
 
