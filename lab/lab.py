@@ -290,6 +290,27 @@ class Lab:
         address = self.keel.get("Weft.Intf.dhcp_iptv", "IPAddress")
         return address if address in self.addresses("gateway", IPTV) else None
 
+    def write_shell(self):
+        """The path of a script that starts a shell on the gateway, in which "on NAME" reaches the others."""
+        settings, script = (os.path.join(self.folder, name) for name in ("shell.rc", "shell"))
+        with open(settings, "w", encoding="utf-8") as file:
+            file.write(f"""PATH={self.programs}:$PATH:/usr/local/sbin:/usr/sbin:/sbin
+export KEEL_SOCKET={self.socket} LAB={self.folder}
+PS1="lab:$LAB_AT# "
+on() {{
+    at=$1
+    shift
+    [ $# -gt 0 ] || set -- bash --rcfile {settings} -i
+    LAB_AT=$at ip netns exec "$at" "$@"
+}}
+""")
+        with open(script, "w", encoding="utf-8") as file:
+            file.write(f"""#!/bin/sh
+PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin LAB_AT=gateway exec ip netns exec gateway bash --rcfile {settings} -i
+""")
+        os.chmod(script, 0o755)
+        return script
+
     def close(self):
         for one in (*self.taps.values(), *self._listeners.values()):
             one.close()

@@ -23,6 +23,11 @@ class Routed(Run):
     def tick(self):
         self.view.show(self.lab.keel.device_rows(self.lab))
 
+    def look_around(self):
+        return (*super().look_around(), ("iptables -t nat -S", "the mappings, among the rules"),
+                (f"ip route show dev {IPTV}", "the routes of the operator's option 121"),
+                (f"on stb1 ping -c 3 {SERVER_ADDRESS}", "the operator's server, through the mapping"))
+
     def play(self):
         self.bring_up()
         self.hold()
@@ -50,7 +55,7 @@ class Routed(Run):
             held = self.lab.keel.hold(self.lab.mac(device))
             offers = len([m for m in self.lab.taps[device.name].poll() if m.kind in (OFFER, ACK)])
             self.prove(held is True and offers == 0,
-                       f"(a) {device.name} asked, is held, and got no LAN offer while it has no WAN lease",
+                       f"{device.name} asked, is held, and got no LAN offer while it has no WAN lease",
                        f"on hold: {held}, {offers} offers")
 
     def serve(self):
@@ -83,9 +88,9 @@ class Routed(Run):
         for device in self.iptv_devices:
             wan = self.wan[device.name]
             seen = self.lab.connect(device.name, "server", SERVER_ADDRESS, SERVER_PORT)
-            self.prove(wan and seen == wan, f"(c) {device.name} reaches {SERVER_ADDRESS} and is seen there as {wan}", seen)
+            self.prove(wan and seen == wan, f"{device.name} reaches {SERVER_ADDRESS} and is seen there as {wan}", seen)
             reached = wan and self.lab.connect("server", device.name, wan, DEVICE_PORT)
-            self.prove(reached == SERVER_ADDRESS, f"(d) a connection from the operator to {wan} arrives at {device.name}",
+            self.prove(reached == SERVER_ADDRESS, f"a connection from the operator to {wan} arrives at {device.name}",
                        reached)
         self.prove_routes()
         self.prove_pc(self.lab.devices[-1])
@@ -95,7 +100,7 @@ class Routed(Run):
             (m.when for m in self.lab.taps[device.name].messages if m.kind == OFFER), default=None)
         bound = self.lab.keel.bound_at(self.lab.mac(device))
         self.prove(offer and bound and offer > bound,
-                   f"(a) {device.name}: the first LAN offer came after the WAN lease was bound",
+                   f"{device.name}: the first LAN offer came after the WAN lease was bound",
                    f"bound at {bound}, offer at {offer}")
 
     def prove_options(self, device, lease_time):
@@ -104,25 +109,25 @@ class Routed(Run):
         found = {number: options.get(number, b"").hex() for number in (NTP_OPTION, WWW_OPTION, LEASE_TIME_OPTION)}
         self.prove(options.get(NTP_OPTION) == NTP_SENT and options.get(WWW_OPTION) == WWW_SENT and
                    options.get(LEASE_TIME_OPTION) == lease_time.to_bytes(4, "big"),
-                   f"(b) {device.name}: the LAN lease carries options 42 and 72 as the operator sent them and {lease_time} s",
+                   f"{device.name}: the LAN lease carries options 42 and 72 as the operator sent them and {lease_time} s",
                    found)
 
     def prove_routes(self):
         routes = self.iptv_routes()
         for destination in ("10.60.0.0/24", "10.61.0.0/16"):
             self.prove(any(r.startswith(f"{destination} via 10.20.0.1 ") for r in routes),
-                       f"(e) the route {destination} is in the kernel on {IPTV}", routes)
+                       f"the route {destination} is in the kernel on {IPTV}", routes)
         device = self.iptv_devices[0]
         used = self.lab.network.run("gateway", "ip", "route", "get", SERVER_ADDRESS, "from", self.lab.address(device) or
                                     "0.0.0.0", "iif", "br-lan", check=False)
-        self.prove(f"via 10.20.0.1 dev {IPTV}" in used, f"(e) packets of {device.name} to {SERVER_ADDRESS} take it",
+        self.prove(f"via 10.20.0.1 dev {IPTV}" in used, f"packets of {device.name} to {SERVER_ADDRESS} take it",
                    used.strip())
 
     def prove_pc(self, pc):
         address = self.lab.address(pc)
         rules = [r for table in ("nat", "filter", "raw") for r in self.lab.rules(table) if address and f"{address}/" in r]
         self.prove(address and address.startswith("192.168.1.1") and not rules,
-                   f"(f) {pc.name} got the ordinary lease {address} and no mapping", rules)
+                   f"{pc.name} got the ordinary lease {address} and no mapping", rules)
 
     def await_service(self):
         self.await_and_prove(self.wan, lambda: {d.name: self.lab.served_as(d) for d in self.iptv_devices},
@@ -134,13 +139,13 @@ class Routed(Run):
         in_chains = [rule for rule in (*raw, *nat, *forward)
                      if rule.split()[1] in ("PREROUTING_zep_ACCEPT", "POSTROUTING_zep", "PREROUTING_zep", "FORWARD_zep")
                      and rule.startswith("-A")]
-        self.prove(in_chains == DEFAULT_RULES, "(g) the plug-in's chains hold the two default rules alone", in_chains)
+        self.prove(in_chains == DEFAULT_RULES, "the plug-in's chains hold the two default rules alone", in_chains)
         jumps = [rule for rule in (*raw, *nat) if IPTV in rule.split()]
-        self.prove(not jumps, f"(g) no jump to them on {IPTV} is left", jumps)
+        self.prove(not jumps, f"no jump to them on {IPTV} is left", jumps)
         routes = self.iptv_routes()
-        self.prove(not routes, f"(g) no route is left on {IPTV}", routes)
+        self.prove(not routes, f"no route is left on {IPTV}", routes)
         stored = stored_identities(os.path.join(self.lab.folder, "keel.db"))
-        self.prove(not stored, "(g) no identity is left in the store", stored)
+        self.prove(not stored, "no identity is left in the store", stored)
 
     def summary_lines(self):
         return [f"{device.name}: LAN {self.lab.address(device)} <-> WAN {self.wan[device.name]}"

@@ -3,7 +3,7 @@
 import os
 import time
 
-from lab import IPTV, LAN_ADDRESS, SERVER_ADDRESS
+from lab import IPTV, SERVER_ADDRESS
 from multicast import STREAM, Member, Stream, plays, silent
 from network import wait_for
 from tap import Frames
@@ -80,29 +80,29 @@ class Run:
         addresses = self.lab.addresses("gateway", IPTV)
         self.prove(not addresses, f"no WAN address is left on {IPTV}", addresses)
 
+    def look_around(self):
+        """What can be typed in a lab that stays, and what it shows."""
+        return (("keelctl", "the service at a glance"), ("keelctl why", "what keeps an STB from its service"),
+                ("keelctl top", "the same, live, until Ctrl-C"), ("keelctl trace -f", "what goes on, until Ctrl-C"),
+                ("keelctl get Keel.Zephyrin", "the settings"), ("ebtables -t filter -L", "what is kept apart"),
+                ("on stb1", "a shell there; exit ends it"), ("ls $LAB", "logs of every program"))
+
     def stay(self):
-        enter = f"nsenter --net --mount --pid --target {os.getpid()}"
+        namespaces = f"nsenter --net --mount --pid --target {os.getpid()}"
         outer = os.environ.get("LAB_PID")
         if outer:
             user = " --user --preserve-credentials" if os.environ.get("LAB_USER_NAMESPACE") else ""
-            enter = f"nsenter{user} --net --mount --pid --target $(pgrep -P {outer})"
-        keelctl = f"{self.lab.programs}/keelctl --socket {self.lab.socket}"
+            namespaces = f"nsenter{user} --net --mount --pid --target $(pgrep -P {outer})"
+        width = max(len(command) for command, _ in self.look_around())
+        commands = "\n".join(f"  {command.ljust(width)}  {shows}" for command, shows in self.look_around())
         self.view.say(f"""
-The lab stays up until Ctrl-C. From another terminal, enter it with
+The lab stays up until Ctrl-C. From another terminal, enter its gateway with
 
-  {enter} bash
+  {namespaces} {self.lab.write_shell()}
 
 and look around:
 
-  {keelctl}              the service at a glance
-  {keelctl} trace -f     what goes on
-  {keelctl} get Keel.Zephyrin
-  ip netns exec gateway iptables -t nat -S
-  ip netns exec gateway ebtables -t filter -L
-  ip netns exec gateway ip route show dev {IPTV}
-  ip netns exec stb1 ping -c 3 {SERVER_ADDRESS}
-  ip netns exec stb1 ping -c 3 {LAN_ADDRESS}
-  ls {self.lab.folder}             logs of every program
+{commands}
 """)
         try:
             while self.lab.gateway.poll() is None:

@@ -6,6 +6,7 @@ from run import Run
 
 OTHER_DATA = "eth1.11"
 GATEWAY_PORT = 7001  # any
+COLUMNS = (("device", 7), ("LAN address", 15), ("tags", 10), ("Internet side", 13))
 SEEN_AS, SEEN_AS_OTHER = "100.64.0.2", "100.64.1.2"  # the gateway on either device
 
 
@@ -27,11 +28,22 @@ class Simplified(Run):
         self.view.step("Starting the gateway and the LAN devices")
         lab.start_gateway()
         lab.start_devices()
-        wait_for(lambda: all(lab.address(device) for device in lab.devices), 30)
+        wait_for(lambda: all(lab.address(device) for device in lab.devices), 30, self.tick)
         for device in lab.devices:  # a device that has never sent anything to the gateway has no address for it
             lab.connect(device.name, "gateway", LAN_ADDRESS, GATEWAY_PORT)
         if not wait_for(self.all_known, 5):
             raise RuntimeError("the gateway does not know the LAN devices' addresses")
+
+    def tick(self):
+        admitted = self.admitted()
+        self.view.show({device.name: (self.lab.address(device) or "-",
+                                      self.lab.keel.get(f"Hosts.Host.{self.lab.mac(device)}", "Tags") or "-",
+                                      "let out" if device.name in admitted else "-") for device in self.lab.devices},
+                       COLUMNS)
+
+    def look_around(self):
+        return (*super().look_around(), ("iptables -S FORWARD_ZEP_Services", "who is let out"),
+                (f"on stb1 ping -c 3 {INTERNET_ADDRESS}", "the Internet side, from an STB"))
 
     # ------------------------------------------------------------------------------------ what is looked at
 

@@ -1,22 +1,28 @@
-"""A lab that stays: Ctrl-C is the lab's alone, and then every proof of the clean-up holds; whatever ends the lab ends all
+"""A lab that stays: what it says to type works as typed; Ctrl-C is the lab's alone, and then every proof of the clean-up holds; whatever ends the lab ends all
 of its programs.
 
 stay_test.py PROGRAMS
 """
 
+import fcntl
 import os
 import pty
+import re
 import select
 import signal
+import struct
+import subprocess
 import sys
+import termios
 import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
+COLUMNS = 44  # of the terminal
 COMMAND = (os.path.join(ROOT, "script", "in-namespaces"), "/usr/bin/python3", "-B",
            os.path.join(ROOT, "lab", "main.py"), "--programs", PROGRAMS, "--share", os.path.join(ROOT, "share"),
-           "--mode", "bridged", "--stay")
+           "--stay", "--mode")
 CTRL_C = b"\x03"
 
 
@@ -47,14 +53,17 @@ def family(root):
     return {pid: everybody[pid][0] for pid in members if pid in everybody}
 
 
-class StayTest(unittest.TestCase):
+class LabThatStays(unittest.TestCase):
+    mode = "bridged"
+
     def setUp(self):
         """The lab on a terminal of its own, until it stays."""
         self.printed = ""
         self.status = None
         self.lab, self.terminal = pty.fork()
         if self.lab == 0:
-            os.execv(COMMAND[0], COMMAND)
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 24, COLUMNS, 0, 0))
+            os.execv(COMMAND[0], (*COMMAND, self.mode))
         self.assertTrue(self.read_until("The lab stays up until Ctrl-C", 100), self.printed[-4000:])
         time.sleep(1.5)  # it looks around by now
         self.family = family(self.lab)
@@ -90,6 +99,8 @@ class StayTest(unittest.TestCase):
             time.sleep(0.1)
         self.fail(f"left: {left}")
 
+
+class StayTest(LabThatStays):
     def test_ctrl_c_is_the_labs_alone_and_every_proof_holds(self):
         self.assertIn("keelhost", self.family.values())
         foreground = os.tcgetpgrp(self.terminal)
@@ -106,6 +117,40 @@ class StayTest(unittest.TestCase):
         os.kill(self.lab, signal.SIGKILL)
         self.end()
         self.expect_nobody_left()
+
+
+class TypedTest(LabThatStays):
+    mode = "routed"
+
+    def test_what_it_says_to_type_works_as_typed(self):
+        self.read_until("nothing that is printed", 1)  # all of it
+        told = self.printed.replace("\r", "").split("enter its gateway with")[1]
+        enter, _, commands = told.partition("and look around:")
+        commands = re.findall(r"^  (\S.*?)  +\S.*$", commands, re.M)
+        self.assertGreater(len(commands), 7, told)
+        endless = [command for command in commands if "Ctrl-C" in re.search(f"^  {re.escape(command)}  .*", told, re.M)[0]]
+        typed = [f"timeout -s INT 2 {one}" if one in endless else one for one in commands]
+        shell = [command for command in commands if re.fullmatch(r"on \w+", command)]
+        self.assertEqual((len(endless), len(shell)), (2, 1), commands)
+        lines = []
+        for one in typed:
+            lines += [one, "exit"] if one in shell else [one]
+            lines += [f'echo "status of {one}: $?"'.replace("$LAB", "\\$LAB")]
+        done = subprocess.run(("sh", "-c", enter.strip()), input="\n".join((*lines, "exit", "")), capture_output=True,
+                              text=True, timeout=60, check=False, env={"PATH": "/usr/bin:/bin", "HOME": "/"})
+        said = done.stdout + done.stderr
+        for one in typed:
+            wanted = "124|0" if one.startswith("timeout") else "0"
+            self.assertRegex(said, rf"(?m)^status of {re.escape(one)}: ({wanted})$")
+        self.assertIn("lab:gateway# ", said)
+        self.assertIn("lab:stb1# ", said)
+        # Its table keeps to the terminal's width, so that it can be drawn again in its place.
+        rows = re.findall(r"(?m)^  (?:device|stb1|pc) .*$", re.sub(r"\r|\x1b\[\d+m", "", self.printed))
+        self.assertGreater(len(rows), 2, self.printed[-4000:])
+        self.assertLessEqual(max(map(len, rows)), COLUMNS)
+        os.write(self.terminal, CTRL_C)
+        self.assertTrue(self.read_until("", 60), self.printed[-4000:])
+        self.assertEqual(self.end(), 0, self.printed[-4000:])
 
 
 if __name__ == "__main__":
