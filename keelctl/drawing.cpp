@@ -242,27 +242,60 @@ private:
 
 /* ------------------------------------------------------------------------------------------------------- strips */
 
+constexpr int strip_left = 150;
+constexpr int strip_right = width - 20;
+
+/* Where a time is on a strip. */
+int x_of(const TimelineStory &story, std::int64_t ms) {
+    const double span = static_cast<double>(std::max<std::int64_t>(story.to_ms - story.from_ms, 1));
+    const double part = static_cast<double>(ms - story.from_ms) / span;
+    return strip_left + static_cast<int>(std::clamp(part, 0.0, 1.0) * (strip_right - strip_left));
+}
+
+/* A rectangle from one time to another, of that height above a line at y. */
+std::string part_of_strip(const TimelineStory &story, const char *state, std::int64_t from_ms, std::int64_t to_ms,
+                          int y, int height, const std::string &told) {
+    const int x = x_of(story, from_ms);
+    return std::string("<rect class=\"part ") + state + "\" x=\"" + std::to_string(x) + "\" y=\"" +
+           std::to_string(y - height) + "\" width=\"" + std::to_string(std::max(x_of(story, to_ms) - x, 1)) +
+           "\" height=\"" + std::to_string(height) + "\">" +
+           title(told + " from " + clock_text(from_ms, "%H:%M:%S", true) + ", for " + length_text(to_ms - from_ms)) +
+           "</rect>";
+}
+
+/* When the part of a strip ends. */
+template <typename Parts> std::int64_t end_of(const TimelineStory &story, const Parts &parts, std::size_t index) {
+    return index + 1 < parts.size() ? parts[index + 1].from_ms : story.to_ms;
+}
+
+/* As high as the most that came of the group. */
+void draw_stream(const TimelineStory &story, const StreamStrip &stream, int y, std::string &out) {
+    constexpr int height = 16;
+    std::int64_t most = 1;
+    for (const auto &part : stream.parts)
+        most = std::max(most, part.rate);
+    out += "<g class=\"stream\">" + text_at(8, y + 14, stream.group + ", up to " + std::to_string(most) + "/s", "");
+    for (std::size_t i = 0; i < stream.parts.size(); ++i)
+        if (const auto &part = stream.parts[i]; part.rate > 0)
+            out += part_of_strip(story, "own", part.from_ms, end_of(story, stream.parts, i), y + 2 + height,
+                                 std::max(static_cast<int>(part.rate * height / most), 1),
+                                 stream.group + ": " + std::to_string(part.rate) + " packets per second");
+    out += "</g>\n";
+}
+
 int draw_strips(const TimelineStory &story, int y, std::string &out) {
-    constexpr int left = 150;
-    constexpr int right = width - 20;
-    const auto x_of = [&](std::int64_t ms) {
-        const double span = static_cast<double>(std::max<std::int64_t>(story.to_ms - story.from_ms, 1));
-        const double part = static_cast<double>(ms - story.from_ms) / span;
-        return left + static_cast<int>(std::clamp(part, 0.0, 1.0) * (right - left));
-    };
+    constexpr int left = strip_left;
+    constexpr int right = strip_right;
     for (const Strip &strip : story.strips) {
         out += "<g class=\"strip\">" + text_at(8, y + 14, strip.name, "");
-        for (std::size_t i = 0; i < strip.parts.size(); ++i) {
-            const Strip::Part &part = strip.parts[i];
-            const std::int64_t end = i + 1 < strip.parts.size() ? strip.parts[i + 1].from_ms : story.to_ms;
-            out += "<rect class=\"part " + part.state + "\" x=\"" + std::to_string(x_of(part.from_ms)) + "\" y=\"" +
-                   std::to_string(y + 2) + "\" width=\"" + std::to_string(std::max(x_of(end) - x_of(part.from_ms), 1)) +
-                   "\" height=\"16\">" +
-                   title(strip.name + ": " + part.state + " from " + clock_text(part.from_ms, "%H:%M:%S", true) +
-                         ", for " + length_text(end - part.from_ms)) +
-                   "</rect>";
-        }
+        for (std::size_t i = 0; i < strip.parts.size(); ++i)
+            out += part_of_strip(story, strip.parts[i].state.c_str(), strip.parts[i].from_ms,
+                                 end_of(story, strip.parts, i), y + 18, 16, strip.name + ": " + strip.parts[i].state);
         out += "</g>\n";
+        y += 24;
+    }
+    for (const StreamStrip &stream : story.streams) {
+        draw_stream(story, stream, y, out);
         y += 24;
     }
     out += text_at(left, y + 10, clock_text(story.from_ms, "%H:%M:%S", false), "time") +
@@ -305,7 +338,8 @@ std::string draw_page(const TimelineStory &story) {
         page += "<p>Nothing has happened in this time.</p>\n";
     std::string strips;
     const int height = draw_strips(story, 4, strips);
-    return page + "<h2>How each STB was served</h2>\n" + svg(height, strips, "") + "</body></html>\n";
+    return page + "<h2>How each STB was served, and what came of the streams</h2>\n" + svg(height, strips, "") +
+           "</body></html>\n";
 }
 
 std::string draw_svg(const TimelineStory &story) {

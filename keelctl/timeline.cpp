@@ -66,6 +66,15 @@ std::optional<int> number_in(std::string_view text) {
                                                                                    : std::nullopt;
 }
 
+void add_rate(TimelineStory &story, const Json &event) {
+    const std::string group = event["who"];
+    auto found = std::find_if(story.streams.begin(), story.streams.end(),
+                              [&](const StreamStrip &one) { return one.group == group; });
+    if (found == story.streams.end())
+        found = story.streams.insert(found, {group, {}});
+    found->parts.push_back({event["time_ms"], number_in(event["what"].get<std::string>()).value_or(0)});
+}
+
 } // namespace
 
 std::vector<Json> timeline_events(Client &client, std::int64_t since_ms) {
@@ -103,7 +112,9 @@ TimelineStory gather_story(Client &client, std::int64_t since_ms) {
         if (event["kind"] == "state")
             others.erase(event["who"].get<std::string>());
     for (const Json &event : events)
-        if (!others.contains(event["who"].get<std::string>()))
+        if (event["kind"] == "stream")
+            add_rate(story, event);
+        else if (!others.contains(event["who"].get<std::string>()))
             story.moments.push_back({event["time_ms"], event["kind"], event["who"], event["what"], event["text"],
                                      event.value("options", "")});
     story.from_ms = since_ms ? since_ms : story.moments.empty() ? story.to_ms : story.moments.front().time_ms;

@@ -33,12 +33,23 @@ struct Strip {
     std::vector<Part> parts; /* each lasts until the next one */
 };
 
+/* How much of a multicast group came over the time. */
+struct StreamStrip {
+    struct Part {
+        std::int64_t from_ms;
+        std::int64_t rate; /* in packets per second */
+    };
+    std::string group;
+    std::vector<Part> parts; /* each lasts until the next one; before the first nothing came */
+};
+
 struct TimelineStory {
     std::string headline;
     std::int64_t from_ms = 0;
     std::int64_t to_ms = 0;
     std::vector<Moment> moments;
     std::vector<Strip> strips;
+    std::vector<StreamStrip> streams;
     std::map<std::string, std::string> names; /* of MAC addresses and WAN clients' interfaces, for people */
 
     const std::string &name_of(const std::string &who) const {

@@ -35,6 +35,7 @@
 #include "host/linux/presence.h"
 #include "host/linux/service_manager.h"
 #include "host/linux/stop_signals.h"
+#include "host/linux/streams.h"
 #include "host/linux/wan_clients.h"
 #include "host/model/store.h"
 #include "host/platform/plugin.h"
@@ -126,7 +127,7 @@ public:
           lan_server_(loop_, model_, lan_port_),
           wan_clients_(loop_, graph_, options.udhcpc, options.share + "/udhcpc-report.sh",
                        {options.socket, options.store, options.store + "-wal", options.store + "-shm"}),
-          wan_troubles_(loop_, model_),
+          wan_troubles_(loop_, model_), stream_rates_(loop_, model_),
           runner_(loop_, [this](const std::vector<std::string> &argv, int status,
                                 const std::string &said) { note_script(loop_, model_, argv, status, said); }),
           firewall_check_(std::make_unique<FirewallCheck>(loop_, graph_, options.share + "/chains.sh",
@@ -183,6 +184,7 @@ private:
     LanDhcpServer lan_server_;
     WanClients wan_clients_;
     WanTroubles wan_troubles_;
+    StreamRates stream_rates_;
     UvProcessRunner runner_;
     std::unique_ptr<FirewallCheck> firewall_check_;
 };

@@ -26,6 +26,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
 from lab import DEVICE_PORT, DEVICES, HERE, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
+from multicast import Member, Stream, plays  # noqa: E402
 from network import NETNS, wait_for  # noqa: E402
 
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
@@ -51,6 +52,7 @@ class EvidenceTest(unittest.TestCase):
         cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder)
         cls.lab.build()
         cls.lab.start_operator()
+        cls.lab.start_multicast_router()
         cls.lab.start_gateway()
         cls.lab.start_device(STB1)
         cls.lab.start_device(PC)
@@ -262,6 +264,13 @@ class EvidenceTest(unittest.TestCase):
 
     def test_6_timeline(self):
         lab = self.lab
+        stream, member = Stream(lab.network, "server", SERVER_ADDRESS), Member(lab.network, STB1.name, lab.address(STB1))
+        self.assertTrue(plays(member, 60), "the stream does not arrive")
+        rates = lambda: [int(event["what"]) for event in self.timeline() if event["kind"] == "stream"]
+        self.assertTrue(wait_for(lambda: rates() and abs(rates()[-1] - 50) < 15, 15), rates())  # 50 packets a second
+        for one in (stream, member):
+            one.close()
+        self.assertTrue(wait_for(lambda: rates()[-1] == 0, 15), rates())
         lab.network.spawn(ITF.name, "udhcpc", "-f", "-i", "eth0", "-s", f"{HERE}/device-dhcp.sh", "-V", ITF.vendor_class,
                           "-x", "hostname:<script>alert(1)</script>", log="named.log")
         self.assertTrue(wait_for(lambda: lab.served_as(ITF), 100), "the ITF device that was held is not served")
@@ -293,6 +302,7 @@ class EvidenceTest(unittest.TestCase):
                                 for known in (events, later))
             self.assertTrue(0 < earliest <= drawn <= latest, (kind, earliest, drawn, latest))
         self.assertEqual(len(re.findall('class="strip"', told)), 3)
+        self.assertRegex(told, r'class="stream"><text [^>]*>239\.1\.2\.3, up to \d\d/s.*<title>239\.1\.2\.3: \d\d packets per')
         self.assertIn(f"61 client identifier: 01{mac.replace(':', '').lower()}", told)
         self.assertIn("42 NTP servers: 10.20.0.2", told)
         self.assertRegex(told, r'class="arrow lan held"><title>DISCOVER ' + lab.mac(ITF))

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <ctime>
-#include <iterator>
 #include <utility>
 
 namespace keel {
 
 const char *kind_name(TimelineEvent::Kind kind) {
-    static const char *const names[] = {"lan", "wan", "refused", "lease", "client", "state", "rule", "route", "mode"};
+    static const char *const names[] = {"lan",   "wan",  "refused", "lease", "client",
+                                        "state", "rule", "route",   "mode",  "stream"};
     return names[static_cast<int>(kind)];
 }
 
@@ -24,7 +24,7 @@ void Timeline::note(TimelineEvent::Kind kind, std::string who, std::string what,
         static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
     const bool of_network = kind == TimelineEvent::Kind::LanDhcp || kind == TimelineEvent::Kind::WanDhcp ||
                             kind == TimelineEvent::Kind::Refused;
-    auto &kept = of_network ? network_ : own_;
+    auto &kept = of_network ? network_ : kind == TimelineEvent::Kind::Stream ? streams_ : own_;
     if (kept.size() >= most_events)
         kept.pop_front();
     text.resize(std::min(text.size(), longest_text));
@@ -35,13 +35,16 @@ void Timeline::note(TimelineEvent::Kind kind, std::string who, std::string what,
 
 std::vector<TimelineEvent> Timeline::events() const {
     std::vector<TimelineEvent> all;
-    std::merge(network_.begin(), network_.end(), own_.begin(), own_.end(), std::back_inserter(all),
-               [](const TimelineEvent &one, const TimelineEvent &other) { return one.number < other.number; });
+    for (const auto *part : {&network_, &streams_, &own_})
+        all.insert(all.end(), part->begin(), part->end());
+    std::sort(all.begin(), all.end(),
+              [](const TimelineEvent &one, const TimelineEvent &other) { return one.number < other.number; });
     return all;
 }
 
 void Timeline::clear() {
     network_.clear();
+    streams_.clear();
     own_.clear();
 }
 

@@ -23,7 +23,8 @@ struct TimelineEvent {
         State,   /* how a device is served changes: what is "dark", "held", "stop-gap" or "served", text what it was */
         Rule,    /* a command that puts rules in or takes them out (text); what: "done" or "failed" */
         Route,   /* of an interface (who); what: its status, or "gone"; text: the route */
-        Mode     /* a setting (what) and its new value (text) */
+        Mode,    /* a setting (what) and its new value (text) */
+        Stream   /* of a multicast group (who): how many packets come in a second (what) from now on */
     };
     std::uint64_t number; /* counted from 1 */
     std::uint64_t wall_clock_ms;
@@ -38,7 +39,7 @@ struct TimelineEvent {
 const char *kind_name(TimelineEvent::Kind kind);
 
 /* Keeps the latest events, as many as it has room for. What strangers on the network can bring about has room of its
- * own, so that a flood of it does not drive out the rest. */
+ * own, so that a flood of it does not drive out the rest; so have the streams. */
 class Timeline {
 public:
     static Timeline &instance();
@@ -50,11 +51,12 @@ public:
     void clear();
 
 private:
-    static constexpr std::size_t most_events = 256; /* of either part */
+    static constexpr std::size_t most_events = 256; /* of each part */
     static constexpr std::size_t longest_text = 256;
     static constexpr std::size_t longest_options = 400;
 
     std::deque<TimelineEvent> network_;
+    std::deque<TimelineEvent> streams_;
     std::deque<TimelineEvent> own_;
     std::uint64_t noted_ = 0;
 };

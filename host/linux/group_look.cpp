@@ -1,26 +1,16 @@
 #include "host/linux/group_look.h"
 
-#include <arpa/inet.h>
-
 #include <fstream>
-#include <map>
 #include <set>
 #include <sstream>
 
-#include "host/base/text_forms.h"
+#include "host/linux/streams.h"
 
 namespace keel {
 
 namespace {
 
 constexpr const char *groups_path = "TIDE.Group";
-
-/* /proc writes an address as the hexadecimal number that its bytes are in this machine's memory. */
-std::string address_of(const std::string &hex) {
-    std::uint32_t number = 0;
-    std::istringstream(hex) >> std::hex >> number;
-    return format_ipv4(ntohl(number));
-}
 
 /* The groups that the kernel is a member of on a device. A line of the table names a device ("2 eth0 : 3 V2"), those
  * below it, which are set in, its groups. */
@@ -36,28 +26,9 @@ std::set<std::string> asked_for(const std::string &device) {
         if (!line.starts_with("\t"))
             ours = name == device;
         else if (ours)
-            groups.insert(address_of(first));
+            groups.insert(address_of_table(first));
     }
     return groups;
-}
-
-/* The groups of which something has come: whether it is sent on. Its columns are group, origin, interface (negative
- * while nobody has said what to do with it), packets, bytes, wrong ones, and where it goes. */
-std::map<std::string, bool> streams() {
-    std::ifstream table("/proc/self/net/ip_mr_cache");
-    std::map<std::string, bool> found;
-    std::string line;
-    std::getline(table, line); /* the head */
-    while (std::getline(table, line)) {
-        std::istringstream words(line);
-        std::string group;
-        std::string origin;
-        int from = -1;
-        words >> group >> origin >> from;
-        bool &forwarded = found[address_of(group)];
-        forwarded = forwarded || (from >= 0 && line.find(':') != std::string::npos);
-    }
-    return found;
 }
 
 } // namespace
@@ -73,7 +44,7 @@ void look_at_groups(const InterfaceGraph &graph, KernelTables &tables) {
     if (!bridge)
         return;
     const auto asked = asked_for(graph.live_netdev_below("iptv"));
-    const auto coming = streams();
+    const auto coming = read_streams();
     for (const KernelMembership &joined : tables.memberships(bridge->index)) {
         const KernelLink *port = tables.link(joined.port);
         if (!port || joined.port == bridge->index)
@@ -81,7 +52,7 @@ void look_at_groups(const InterfaceGraph &graph, KernelTables &tables) {
         const auto stream = coming.find(joined.group);
         const char *state = !asked.contains(joined.group) ? "NotAsked"
                             : stream == coming.end()      ? "NoStream"
-                            : stream->second              ? "Forwarded"
+                            : stream->second.forwarded    ? "Forwarded"
                                                           : "NotForwarded";
         model.add(groups_path, std::nullopt,
                   {{"Address", joined.group}, {"Port", port->name}, {"State", std::string(state)}});
