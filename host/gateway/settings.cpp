@@ -97,11 +97,18 @@ void Settings::service_changed(const Event &event) {
         return;
     follow_pools();
     if (was_enabled && (!enabled || moved))
-        model_.notify(service_path, mode_left, {});
+        leave_mode();
     if (enabled)
-        model_.notify(
-            service_path, settings_in_force,
-            {{"Mode", service_["Mode"]}, {"Interface", service_["Interface"]}, {"WanMode", service_["WanMode"]}});
+        enter_mode();
+}
+
+void Settings::leave_mode() {
+    model_.notify(service_path, mode_left, {});
+}
+
+void Settings::enter_mode() {
+    model_.notify(service_path, settings_in_force,
+                  {{"Mode", service_["Mode"]}, {"Interface", service_["Interface"]}, {"WanMode", service_["WanMode"]}});
 }
 
 void Settings::follow_pools() {

@@ -38,6 +38,11 @@ public:
     Settings &operator=(const Settings &) = delete;
     ~Settings();
 
+    /* Has the plug-in's sub-modules leave the mode, and enter it again, while the settings stay as they are: what the
+     * mode reads only when it is entered may be written in between. */
+    void leave_mode();
+    void enter_mode();
+
 private:
     /* One of the two names of the interface setting. */
     struct Name {
