@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "keelctl/capture.h"
+#include "keelctl/carry.h"
 #include "keelctl/client.h"
 #include "keelctl/diagnosis.h"
 #include "keelctl/drawing.h"
@@ -248,6 +249,24 @@ int capture_stb(Client &client, const Options &options) {
     return done;
 }
 
+int carry_out(Client &client, const Options &options) {
+    const std::string file = options.file.empty() ? timed_name("export", ".json") : options.file;
+    export_to(client, file);
+    if (file != "-")
+        tell_file(options, file);
+    return done;
+}
+
+int carry_in(Client &client, const Options &options) {
+    for (const std::string &line : import_from(client, options.path)) {
+        if (options.script)
+            print_json({{"told", line}});
+        else
+            std::printf("%s\n", line.c_str());
+    }
+    return done;
+}
+
 /* A subcommand: its name, what it does, who does it, and what it takes. */
 struct Command {
     const char *name;
@@ -318,6 +337,15 @@ void take_timeline(CLI::App &command, Options &options) {
                        "the page to write, or with .svg the picture (default: named by the time)");
 }
 
+void take_export(CLI::App &command, Options &options) {
+    command.add_option("-o,--output", options.file,
+                       "the file to write, - for standard output (default: named by the time)");
+}
+
+void take_import(CLI::App &command, Options &options) {
+    command.add_option("file", options.path, "what keelctl export has written, - for standard input")->required();
+}
+
 void take_lines(CLI::App &command, Options &options) {
     command.add_flag("-f,--follow", options.follow, "go on with those to come");
     command.add_option("-n,--lines", options.lines, "how many of the recent ones")->capture_default_str();
@@ -334,6 +362,8 @@ const Command commands[] = {
     {"diagnose", "write all that helps to find a fault into one archive", collect, take_archive},
     {"capture", "capture an STB's packets on both sides of the gateway", capture_stb, take_capture},
     {"timeline", "draw what has happened lately as a page to look at", draw, take_timeline},
+    {"export", "write what this box has learned and was set to into a file", carry_out, take_export},
+    {"import", "take such a file over, whole or not at all, and tell what has changed", carry_in, take_import},
     {"get", "print an object and what is below it, or single parameters of it", get, take_words<parameter_words>},
     {"set", "write parameters of an object; several at once are one change", set, take_words<value_words>},
     {"add", "add an instance, named by the key or by the model", add, take_words<key_words>},

@@ -14,6 +14,7 @@
 #include "host/base/trace.h"
 #include "host/base/uv_loop.h"
 #include "host/config/box_settings.h"
+#include "host/config/import.h"
 #include "host/control/control.h"
 #include "host/dhcp/lan_server.h"
 #include "host/gateway/graph.h"
@@ -87,6 +88,12 @@ void provide_wan_address(const InterfaceGraph &graph, const std::string &set) {
     setenv("WAN_ADDR", mac.c_str(), 1);
 }
 
+/* Once it was provided. */
+std::string wan_address() {
+    const char *address = std::getenv("WAN_ADDR");
+    return address ? address : "";
+}
+
 /* What a script of the plug-in could not do, until the same one can. */
 void note_script(Loop &loop, Model &model, const std::vector<std::string> &argv, int status, const std::string &said) {
     constexpr const char *path = "KeelHost.Script";
@@ -111,12 +118,10 @@ public:
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)),
           box_settings_(model_, options.settings, !options.settings_given), graph_(model_),
           store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
-          settings_(model_), history_(loop_, model_),
-          control_(loop_, model_, options.socket,
-                   {[this] { return store_.flush(); }, [this](std::function<void()> done) { look(std::move(done)); },
-                    [this](const std::string &path) { return objection_to_deletion(model_, path); }}),
-          tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
-          presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
+          settings_(model_), import_(loop_, model_, settings_, "keelhost " KEEL_VERSION, &wan_address),
+          history_(loop_, model_), control_(loop_, model_, options.socket, control_actions()), tables_(loop_),
+          kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
+          firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(
               loop_, tables_, model_.text(lan_server_path, "Interface"),
@@ -155,6 +160,17 @@ public:
     }
 
 private:
+    ControlActions control_actions() {
+        return {[this] { return store_.flush(); }, [this](std::function<void()> done) { look(std::move(done)); },
+                [this](const std::string &path) { return objection_to_deletion(model_, path); },
+                [this] { return import_.text(); },
+                [this](const std::string &text, ControlActions::Imported imported) {
+                    import_.take(text, [imported = std::move(imported)](const Import::Answer &answer) {
+                        imported(answer.errors, answer.told);
+                    });
+                }};
+    }
+
     /* At what is not followed all the time. */
     void look(std::function<void()> done) {
         look_at_groups(graph_, tables_);
@@ -172,6 +188,7 @@ private:
     Store store_;
     bool cleaned_;
     Settings settings_;
+    Import import_;
     History history_;
     Control control_;
     KernelTables tables_;

@@ -386,7 +386,7 @@ TEST_F(ControlTest, WhateverIsSentGetsAClearErrorAndTheHostGoesOn) {
                   "\n")
                   .find("a whole number"),
               std::string::npos);
-    EXPECT_NE(say(std::string(70000, 'x')).find("longer than 65536"), std::string::npos);
+    EXPECT_NE(say(std::string(1100000, 'x')).find("longer than 1048576"), std::string::npos);
 
     std::vector<int> many(40);
     for (int &one : many)

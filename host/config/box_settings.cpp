@@ -13,8 +13,6 @@ namespace keel {
 
 namespace {
 
-constexpr const char *read_path = "KeelHost.Setting";
-
 std::string joined(const std::vector<std::string> &lines) {
     std::string all;
     for (const std::string &line : lines)
@@ -91,32 +89,32 @@ void BoxSettings::write(const std::vector<std::string> &keys) {
 std::vector<std::string> BoxSettings::changed_keys() const {
     std::set<std::string> keys;
     for (const auto &[key, setting] : config_.settings)
-        if (model_.get(join_path(read_path, key), "Value") != Value(setting.text))
+        if (model_.get(join_path(read_settings_path, key), "Value") != Value(setting.text))
             keys.insert(key);
-    for (const std::string &key : model_.instances(read_path))
+    for (const std::string &key : model_.instances(read_settings_path))
         if (!config_.settings.contains(key))
             keys.insert(key);
     return {keys.begin(), keys.end()};
 }
 
 void BoxSettings::remember() {
-    if (!model_.find(read_path))
+    if (!model_.find(read_settings_path))
         return;
-    for (const std::string &key : model_.instances(read_path))
+    for (const std::string &key : model_.instances(read_settings_path))
         if (!config_.settings.contains(key))
-            model_.remove(join_path(read_path, key));
+            model_.remove(join_path(read_settings_path, key));
     for (const auto &[key, setting] : config_.settings) {
-        const std::string path = join_path(read_path, key);
+        const std::string path = join_path(read_settings_path, key);
         const Values value = {{"Value", setting.text}};
         if (model_.find(path))
             model_.set(path, value);
         else
-            model_.add(read_path, key, value);
+            model_.add(read_settings_path, key, value);
     }
 }
 
 void BoxSettings::after_store() {
-    if (!model_.instances(read_path).empty()) /* else nobody knows what the file has said before */
+    if (!model_.instances(read_settings_path).empty()) /* else nobody knows what the file has said before */
         write(changed_keys());
     remember();
     tell_overridden();

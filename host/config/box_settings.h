@@ -14,6 +14,9 @@
 
 namespace keel {
 
+/* What the file said when it was last read, an instance for each key. */
+constexpr const char *read_settings_path = "KeelHost.Setting";
+
 /* A settings file with mistakes; all of them, one a line. */
 class BoxConfigError : public std::runtime_error {
 public:

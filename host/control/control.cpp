@@ -18,7 +18,7 @@ namespace keel {
 
 namespace {
 
-constexpr std::size_t max_line = 65536;
+constexpr std::size_t max_line = std::size_t{1} << 20; /* bytes; an import is one line */
 constexpr std::size_t max_clients = 32;
 constexpr std::size_t max_backlog = std::size_t{4} * 1024 * 1024; /* bytes that a slow reader may leave unread */
 
@@ -158,7 +158,7 @@ void Control::accept() {
                 reader->conversation->take(line);
             }
             if (reader->input.size() > max_line && !reader->closing) {
-                reader->conversation->refuse("the line is longer than 65536 bytes");
+                reader->conversation->refuse("the line is longer than 1048576 bytes");
                 reader->owner->drop(*reader);
             }
         });

@@ -200,6 +200,31 @@ void Conversation::look() {
         answer();
 }
 
+void Conversation::take_export() {
+    if (actions_.export_text)
+        send(line_of({{"ok", true}, {"text", actions_.export_text()}}));
+    else
+        refuse("this host has nothing to export");
+}
+
+void Conversation::take_import(const std::string &text) {
+    if (!actions_.import_text)
+        return refuse("this host imports nothing");
+    actions_.import_text(text, [this, life = std::weak_ptr(life_)](const auto &errors, const auto &told) {
+        if (life.expired())
+            return;
+        if (!errors.empty()) {
+            send(line_of({{"ok", false}, {"errors", errors}, {"error", "nothing is taken over"}}));
+            return;
+        }
+        const std::string unsafe = actions_.make_safe();
+        if (unsafe.empty())
+            send(line_of({{"ok", true}, {"told", told}}));
+        else
+            refuse("done, but not stored, and lost at a restart until it is: " + unsafe);
+    });
+}
+
 void Conversation::take(const std::string &line) {
     std::string path;
     try {
@@ -217,6 +242,14 @@ void Conversation::take(const std::string &line) {
         }
         if (op == "look") {
             look();
+            return;
+        }
+        if (op == "export") {
+            take_export();
+            return;
+        }
+        if (op == "import") {
+            take_import(text_member(message, "text"));
             return;
         }
         path = text_member(message, "path");

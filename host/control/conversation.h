@@ -11,6 +11,9 @@
  *   {"op": "look"}                                       -> {"ok": true}, with what only a look tells in the model;
  *                                                           what was said after it may be answered before
  *   {"op": "timeline"}                                   -> {"timeline": ...} lines, {"ok": true}
+ *   {"op": "export"}                                     -> {"ok": true, "text": "..."}
+ *   {"op": "import", "text": "..."}                      -> {"ok": true, "told": ["...", ...]}, once it is done, or
+ *                                                           {"ok": false, "errors": ["...", ...], ...}
  *   {"op": "trace", "lines": 100, "follow": true}        -> {"trace": ...} lines, {"ok": true}, then more if followed
  * A refusal is {"ok": false, "path": "...", "error": "..."}. Values may be texts of any type: they are read as the
  * parameter's type wants. A tree is {"name", "parameters": {...}, "children": [...]}.
@@ -22,6 +25,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/model/model.h"
 
@@ -35,6 +39,11 @@ struct ControlActions {
     std::function<void(std::function<void()> done)> look;
     /* Why an instance cannot be deleted by hand, and what to do instead; "" when it can. May be empty. */
     std::function<std::string(const std::string &path)> objection_to_deletion = {};
+    /* What the box has learned and was set to, as a text, and taking one over; both may be empty. The latter calls back
+     * with what was wrong, and then nothing was done, or what was done; perhaps on a later turn. */
+    std::function<std::string()> export_text{};
+    using Imported = std::function<void(const std::vector<std::string> &errors, const std::vector<std::string> &told)>;
+    std::function<void(const std::string &text, Imported imported)> import_text{};
 };
 
 class Conversation {
@@ -57,6 +66,8 @@ private:
     void send(const std::string &line);
     void look();
     void tell_timeline();
+    void take_export();
+    void take_import(const std::string &text);
     void tell_traces(std::size_t lines, bool follow);
     void watch(const std::string &path);
 
