@@ -10,7 +10,7 @@ shift
 socket='' command='' path='' used=' '
 while [ $# -gt 1 ]; do
     case "$1" in
-    --socket | -n | --lines)
+    --socket | -n | --lines | -o | --output | -t | --time | --since)
         [ $# -gt 2 ] || exit 0
         [ "$1" != --socket ] || socket=$2
         shift
@@ -128,6 +128,7 @@ words() {
     ?*:*' words '*) parameters "$path" | sed 's/=.*//' ;;
     :*' path '*) paths ;;
     :*' stb '*) stbs ;;
+    :*' topic '*) printf '%s\n' "$given" | sed -n 's/.*{\(.*\)}.*/\1/p' | tr ',' '\n' ;;
     esac
 }
 

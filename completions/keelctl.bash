@@ -3,7 +3,7 @@ _keelctl() {
     local cur words cword helper
     helper=$(dirname "${BASH_SOURCE[0]}")/../../keel/complete-keelctl.sh
     _get_comp_words_by_ref -n := cur words cword
-    if [[ ${words[cword - 1]} == --socket ]]; then
+    if [[ ${words[cword - 1]} == @(--socket|-o|--output|import) ]]; then
         compopt -o default
         return
     fi

@@ -20,6 +20,12 @@ STB = "02:00:00:00:00:01"
 # What is typed before the tabulator -> what stands on the line after it.
 TYPED = {
     "keelctl wh": "keelctl why ",
+    "keelctl exp": "keelctl export ",
+    "keelctl import bo": "keelctl import box.json ",
+    "keelctl timeline --since 10m -o bo": "keelctl timeline --since 10m -o box.json ",
+    "keelctl capture -t 5 -o box.pcapng bed": "keelctl capture -t 5 -o box.pcapng bedroom ",
+    "keelctl diag": "keelctl diagnose ",
+    "keelctl help wo": "keelctl help words ",
     "keelctl why bed": "keelctl why bedroom ",
     "keelctl trace --fo": "keelctl trace --follow ",
     "keelctl get DHCPv4.Server.Pool.zep_s": "keelctl get DHCPv4.Server.Pool.zep_stb",  # and what is below it
@@ -84,6 +90,8 @@ class CompletionTest(unittest.TestCase):
         subprocess.run(("cmake", "--install", PROGRAMS, "--prefix", cls.folder), check=True, stdout=subprocess.DEVNULL)
         cls.host = subprocess.Popen((f"{cls.folder}/bin/keelhost", "--store", f"{cls.folder}/keel.db"),
                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+        with open(f"{cls.folder}/box.json", "w", encoding="utf-8"):
+            pass
         add = (f"{cls.folder}/bin/keelctl", "add", "Hosts.Host", STB, "HostName=bedroom", "Tags=lan stb")
         until = time.monotonic() + 15
         while subprocess.run(add, capture_output=True, check=False).returncode != 0:
