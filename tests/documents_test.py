@@ -13,7 +13,7 @@ import subprocess
 import sys
 
 ROOT, PROGRAMS = map(os.path.abspath, sys.argv[1:])
-ELSEWHERE = {"apt-get", "cp", "gcc", "systemctl"}  # which a script of ours does not stand behind
+ELSEWHERE = {"apt-get", "cp", "gcc", "journalctl", "systemctl"}  # which a script of ours does not stand behind
 WRAPPERS = {"unshare"}  # run what follows their options
 # Commands of keelctl that do something, or wait, also without a host, or take values that a document only names.
 DOERS = {"capture", "diagnose", "export", "help", "import", "timeline", "top"}

@@ -4,6 +4,7 @@ told how it is with the host.
 Runs inside namespaces of its own: script/in-namespaces python3 tests/service_test.py PROGRAMS
 """
 
+import json
 import os
 import re
 import shutil
@@ -12,6 +13,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -25,6 +27,7 @@ from wrapped_tables import wrapped_tables  # noqa: E402
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
 UNIT = os.path.join(ROOT, "share", "keelhost.service")
 CONFINED = os.path.join(ROOT, "tests", "confined.py")
+JOURNAL = "/run/systemd/journal/socket"
 STB1, PC = DEVICES[0], DEVICES[3]
 NET_BIND_SERVICE, NET_ADMIN, NET_RAW, SYS_ADMIN = (1 << number for number in (10, 12, 13, 21))
 
@@ -63,6 +66,11 @@ exec {words} "$@"
 """)
         os.chmod(wrapper, 0o755)
         self.lab.start_gateway()
+
+    def keelctl(self, *words):
+        done = subprocess.run((os.path.join(PROGRAMS, "keelctl"), "--socket", self.lab.socket, *words), timeout=20,
+                              stdout=subprocess.DEVNULL, check=False)
+        return done.returncode == 0
 
     def hear(self):
         """All that the service manager was told up to now."""
@@ -159,6 +167,43 @@ exec {words} "$@"
         traces = [line for line in self.log().splitlines() if "host: " in line]
         self.assertIn("<6>host: up", traces)
         self.assertIn("<3>lan: cannot serve DHCP on br-lan", self.log())
+
+    def test_the_journal_knows_zones_and_devices(self):
+        os.makedirs(os.path.dirname(JOURNAL))
+        journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        journal.bind(JOURNAL)
+        entries = []
+
+        def read():
+            while lines := journal.recv(65536).decode().splitlines():
+                entries.append(dict(line.split("=", 1) for line in lines))
+
+        reader = threading.Thread(target=read)
+        reader.start()
+        try:
+            self.start_as("env", "ASAN_OPTIONS=detect_leaks=0", "/usr/bin/python3", "-B", CONFINED, UNIT)
+            mac = self.lab.mac(STB1)
+            box = os.path.join(self.folder, "box.json")
+            self.assertTrue(self.keelctl("export", "-o", box))
+            with open(box, encoding="utf-8") as file:
+                tagged = json.load(file) | {"tags": {mac: "lan stb"}}
+            with open(box, "w", encoding="utf-8") as file:
+                json.dump(tagged, file)
+            self.assertTrue(self.keelctl("import", box))  # each change is traced
+            wait_for(lambda: any("STB" in entry for entry in entries), 5)
+        finally:
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
+                end.sendto(b"", JOURNAL)
+            reader.join()
+            journal.close()
+            os.remove(JOURNAL)
+        up = next(entry for entry in entries if entry["MESSAGE"] == "host: up")
+        self.assertEqual((up["PRIORITY"], up["ZONE"], up["SYSLOG_IDENTIFIER"]), ("6", "host", "keelhost"))
+        self.assertIn(mac, [entry.get("STB") for entry in entries if entry["ZONE"] == "import"])
+        self.assertIn("routed", {entry["ZONE"] for entry in entries}, "the plug-in's traces have theirs")
+        self.assertNotIn("host: up", self.log(), "each stands there once")
+        self.assertEqual(self.lab.stop_gateway(), 0)
+        self.assertIn("<6>host: stopping", self.log(), "without a journal to tell, stderr is told")
 
     def test_the_unit_is_as_closed_as_said(self):
         said = subprocess.run(("systemd-analyze", "--no-pager", "security", "--offline=true", UNIT),

@@ -55,6 +55,12 @@ TEST(TextForms, Mac) {
     for (const char *text : {"", "02:1a:2b:3c:4d", "02:1a:2b:3c:4d:e", "02-1a-2b-3c-4d-ef", "02:1a:2b:3c:4d:eg",
                              "02:1a:2b:3c:4d:ef:", "2:1a:2b:3c:4d:ef:0", "021a:2b:3c:4d:ef:"})
         EXPECT_FALSE(parse_mac(text)) << text;
+    const HardwareAddress other = {0x02, 0, 0, 0, 0, 0x01};
+    EXPECT_EQ(find_macs("Hosts.Host.02:1A:2B:3C:4D:EF.Active of 02:00:00:00:00:01: 02:1a:2b:3c:4d:ef"),
+              (std::vector<HardwareAddress>{address, other}));
+    for (const char *text : {"", "02:1a:2b:3c:4d", "x02:1a:2b:3c:4d:ef", "00:02:1a:2b:3c:4d:ef", "02:1a:2b:3c:4d:ef:00",
+                             "02:1a:2b:3c:4d:eff", "10:31:07: at 10:31:07.123"})
+        EXPECT_EQ(find_macs(text).size(), 0U) << text;
 }
 
 } // namespace keel

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 
 namespace keel {
 
@@ -138,6 +139,25 @@ std::optional<HardwareAddress> parse_mac(const std::string &text) {
         address[i] = static_cast<std::uint8_t>(byte);
     }
     return address;
+}
+
+std::vector<HardwareAddress> find_macs(const std::string &text) {
+    constexpr std::size_t size = 17;
+    const auto is_one = [&](std::size_t at, int (*kind)(int)) {
+        return at < text.size() && kind(static_cast<unsigned char>(text[at])) != 0; /* before the first is none, too */
+    };
+    std::vector<HardwareAddress> found;
+    for (std::size_t start = 0; start + size <= text.size(); ++start) {
+        const std::size_t end = start + size;
+        /* A colon behind it belongs to the sentence, unless it goes on in hexadecimal. */
+        const bool longer = is_one(start - 1, std::isalnum) || (start > 0 && text[start - 1] == ':') ||
+                            is_one(end, std::isalnum) ||
+                            (end < text.size() && text[end] == ':' && is_one(end + 1, std::isxdigit));
+        const auto address = text[start + 2] == ':' && !longer ? parse_mac(text.substr(start, size)) : std::nullopt;
+        if (address && std::find(found.begin(), found.end(), *address) == found.end())
+            found.push_back(*address);
+    }
+    return found;
 }
 
 } // namespace keel

@@ -62,6 +62,8 @@ std::optional<Network> parse_network(const std::string &text);
 std::string format_mac(const std::uint8_t *six_bytes);
 /* Either case. */
 std::optional<HardwareAddress> parse_mac(const std::string &text);
+/* Those that stand in a text as words of their own, each once, in the order in which they come. */
+std::vector<HardwareAddress> find_macs(const std::string &text);
 
 } // namespace keel
 

@@ -25,7 +25,7 @@ bool stderr_is_the_journal() {
 
 } // namespace
 
-TraceLog::TraceLog() : to_journal_(stderr_is_the_journal()) {}
+TraceLog::TraceLog() : journal_(stderr_is_the_journal() ? std::make_unique<Journal>() : nullptr) {}
 
 TraceLog &TraceLog::instance() {
     static TraceLog log;
@@ -52,8 +52,10 @@ void TraceLog::write(Level level, std::string zone, std::string text) {
 
 void TraceLog::print(const TraceLine &line) const {
     const char *colon = line.zone.empty() ? "" : ": ";
-    if (to_journal_) {
+    if (journal_) {
         const int priority = line.level == Level::Error ? 3 : line.level == Level::Warning ? 4 : 6;
+        if (journal_->write(priority, line.zone, line.text))
+            return;
         std::fprintf(stderr, "<%d>%s%s%s\n", priority, line.zone.c_str(), colon, line.text.c_str());
         return;
     }

@@ -9,7 +9,10 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
+
+#include "host/base/journal.h"
 
 namespace keel {
 
@@ -24,7 +27,8 @@ struct TraceLine {
 };
 
 /* Keeps the latest lines, prints each to stderr unless told not to, and hands each to its followers. Where stderr is
- * the journal, a line begins with its priority ("<3>") in the place of the time, which the journal has itself. */
+ * the journal, a line becomes an entry of it with fields; one that the journal does not take so goes to stderr, and
+ * begins with its priority ("<3>") in the place of the time, which the journal has itself. */
 class TraceLog {
 public:
     using Follower = std::function<void(const TraceLine &)>;
@@ -49,7 +53,7 @@ private:
     std::uint64_t written_ = 0;
     std::uint64_t last_follower_ = 0;
     bool print_ = true;
-    bool to_journal_;
+    std::unique_ptr<Journal> journal_; /* null where stderr is not the journal */
 };
 
 /* The text of a printf format with its arguments, of any length. */
