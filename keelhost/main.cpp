@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "host/base/timeline.h"
@@ -111,6 +112,13 @@ void note_script(Loop &loop, Model &model, const std::vector<std::string> &argv,
     }
 }
 
+/* Before anything of the host looks at them, and not before it is sure that model and settings are right. */
+void make_chains(const std::string &share) {
+    std::string error;
+    if (!set_up_chains(share + "/chains.sh", &error))
+        throw std::runtime_error(error);
+}
+
 /* Everything in the order in which it is made; it goes in the reverse order. */
 class Host {
 public:
@@ -118,10 +126,10 @@ public:
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)),
           box_settings_(model_, options.settings, !options.settings_given), graph_(model_),
           store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
-          settings_(model_), import_(loop_, model_, settings_, "keelhost " KEEL_VERSION, &wan_address),
-          history_(loop_, model_), control_(loop_, model_, options.socket, control_actions()), tables_(loop_),
-          kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_), presence_(loop_, graph_, tables_),
-          firewall_policy_(loop_, graph_),
+          chains_((make_chains(options.share), true)), settings_(model_),
+          import_(loop_, model_, settings_, "keelhost " KEEL_VERSION, &wan_address), history_(loop_, model_),
+          control_(loop_, model_, options.socket, control_actions()), tables_(loop_), kernel_(loop_, graph_, tables_),
+          interface_state_(loop_, graph_), presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(
               loop_, tables_, model_.text(lan_server_path, "Interface"),
@@ -187,6 +195,7 @@ private:
     InterfaceGraph graph_;
     Store store_;
     bool cleaned_;
+    bool chains_;
     Settings settings_;
     Import import_;
     History history_;
@@ -209,12 +218,8 @@ private:
 /* With everything that is made here gone again. */
 int serve(const Options &options, UvLoop &loop, StopSignals &signals) {
     ServiceManager manager(loop);
-    std::string error;
-    if (!set_up_chains(options.share + "/chains.sh", &error)) {
-        std::fprintf(stderr, "keelhost: %s\n", error.c_str());
-        return 1;
-    }
     Host host(loop, options);
+    std::string error;
     if (!plugin_load(options.plugin, &error)) {
         std::fprintf(stderr, "keelhost: the plug-in cannot be loaded: %s\n", error.c_str());
         host_detach();

@@ -99,6 +99,27 @@ class CheckTest(unittest.TestCase):
         self.settings = os.path.join(self.folder, "none.toml")
         self.one("error", self.settings, "No such file")
 
+    def test_a_start_with_mistakes_touches_nothing(self):
+        def touched():
+            saved = [subprocess.run((f"{tables}-save",), capture_output=True, text=True, check=True).stdout
+                     for tables in ("iptables", "ebtables")]
+            rules = [line for text in saved for line in text.splitlines() if not line.startswith("#")]
+            return rules, sorted(os.listdir("/run")), sorted(os.listdir(self.folder))
+
+        model = os.path.join(self.folder, "model.json")
+        with open(model, "w", encoding="utf-8") as file:
+            file.write('{\n  "objects": 1\n}\n')
+        self.write('[service]\nmode = "x"\n')
+        before = touched()
+        for options, wanted in (((), f"{self.settings}:2: service.mode"), (("--model", model), model)):
+            done = subprocess.run((os.path.join(PROGRAMS, "keelhost"), "--settings", self.settings, "--share",
+                                   os.path.join(ROOT, "share"), "--store", os.path.join(self.folder, "keel.db"),
+                                   "--socket", os.path.join(self.folder, "keel.sock"), *options),
+                                  capture_output=True, text=True, timeout=20, check=False)
+            self.assertEqual(done.returncode, 1)
+            self.assertIn(wanted, done.stderr)
+            self.assertEqual(touched(), before)
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
