@@ -16,16 +16,37 @@ import unittest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
+import lab as lab_module  # noqa: E402
 from keel import Keel  # noqa: E402
-from lab import DEVICES, IPTV, Lab  # noqa: E402
-from network import wait_for  # noqa: E402
+from lab import DEVICES, Lab  # noqa: E402
+from network import NETNS, wait_for  # noqa: E402
 
 BARE = os.path.abspath(sys.argv.pop(1))
 STB1 = DEVICES[0]
+SETTINGS = "etc/keel/keelhost.toml"
 UNIT = "lib/systemd/system/keelhost.service"
 ENABLED = "etc/systemd/system/multi-user.target.wants/keelhost.service"
 OURS = ("keelhost", "zephyrin", "zephyrin-dev")
 NOT_OURS = ("packages", "proc", "run", "dev", "tmp", "var/cache", "var/lib/apt", "var/lib/dpkg", "var/log")
+
+
+def documented_edits():
+    """(table, key) -> value: what the README has a person edit in the settings file."""
+    with open(os.path.join(ROOT, "README.md"), encoding="utf-8") as file:
+        edits = re.findall(r"^\d\. `\[(\w+)\]` `([\w-]+) = (.*?)`", file.read(), re.M)
+    return {(table, key): value for table, key, value in edits}
+
+
+def edited(text, edits):
+    """The settings file after these edits, each of a line that is there."""
+    lines, table, open_edits = [], None, dict(edits)
+    for line in text.splitlines():
+        table = line.strip("[]") if re.fullmatch(r"\[\w+\]", line) else table
+        key = line.split(" = ")[0]
+        value = open_edits.pop((table, key), None)
+        lines.append(line if value is None else f"{key} = {value}")
+    assert not open_edits, f"{open_edits} is no line of the settings file"
+    return "\n".join(lines) + "\n"
 
 
 def run(*argv, cwd=None):
@@ -47,7 +68,19 @@ class Box(Lab):
         os.chmod(keelctl, 0o755)
         super().__init__(programs, None, folder, devices=(STB1,))
         self.root = root
+        self.bridge = None
         self.keel = Keel(keelctl, "/run/keel/keel.sock")
+
+    def build(self, edits):
+        """With the devices and the bridge that the edits name, and no others."""
+        text = {name: value.strip('"') for name, value in edits.items()}
+        lab_module.IPTV = text["iptv", "device"] + ".20"
+        lab_module.DATA = text["data", "device"] + ".10"
+        self.bridge = text["lan", "bridge"]
+        super().build()
+        for words in (("down",), ("name", self.bridge)):
+            self.network.run("gateway", "ip", "link", "set", "br-lan", *words)
+        self.network.run("gateway", "ip", "link", "set", self.bridge, "up")
 
     def unit_command(self):
         """What the unit starts, in folders that systemd would make."""
@@ -135,20 +168,38 @@ class PackagesTest(unittest.TestCase):
         self.assertEqual(host.returncode, 0, said)
 
     def test_3_service(self):
-        self.lab.build()
-        if "--check" in self.inside("keelhost", "--help"):
-            self.lab.network.run("gateway", "chroot", self.root, *self.lab.unit_command(), "--check")
+        """With the settings that are shipped, edited as the README tells."""
+        edits = documented_edits()
+        self.assertEqual(len(edits), 3, edits)
+        self.lab.build(edits)
+        checks = [self.check()]
+        settings = os.path.join(self.root, SETTINGS)
+        with open(settings, encoding="utf-8") as file:
+            text = edited(file.read(), edits)
+        with open(settings, "w", encoding="utf-8") as file:
+            file.write(text)
+        checks.append(self.check())
+        self.assertEqual([status for status, _ in checks], [1, 0], checks)
         self.lab.start_operator()
         self.lab.start_gateway()
         self.lab.start_device(STB1)
         self.await_service()
+        for words in (("why",), ("why", self.lab.mac(STB1))):
+            done = subprocess.run(("chroot", self.root, "keelctl", *words), capture_output=True, text=True, timeout=10,
+                                  check=False)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
+            self.assertIn("all STBs on the LAN are served" if words == ("why",) else "is served", done.stdout)
+
+    def check(self):
+        """The status of keelhost --check on the gateway, and what it says."""
+        done = subprocess.run(("nsenter", f"--net={NETNS}/gateway", "chroot", self.root, *self.lab.unit_command(),
+                               "--check"), capture_output=True, text=True, timeout=20, check=False)
+        return done.returncode, done.stdout + done.stderr
 
     def test_4_upgrade(self):
         """Of a box that serves, with settings of its own."""
         before = self.await_service()
-        settings = os.path.join(self.root, "etc/keel/gateway.json")
-        with open(settings, "a", encoding="utf-8") as file:
-            file.write("\n")
+        settings = os.path.join(self.root, SETTINGS)
         with open(settings, encoding="utf-8") as file:
             own = file.read()
 
@@ -162,10 +213,10 @@ class PackagesTest(unittest.TestCase):
             with open(control, "w", encoding="utf-8") as file:
                 file.write(text)
             # As when a later version brings other settings than the ones before.
-            shipped = os.path.join(package, "etc/keel/gateway.json")
+            shipped = os.path.join(package, SETTINGS)
             if os.path.exists(shipped):
                 with open(shipped, "a", encoding="utf-8") as file:
-                    file.write(" ")
+                    file.write("# More of it.\n")
                 run("sh", "-c", "find etc -type f -exec md5sum {} + >DEBIAN/md5sums", cwd=package)
             run("dpkg-deb", "-b", package, f"{self.root}/packages/new/{name}")
             shutil.rmtree(package)
@@ -181,10 +232,10 @@ class PackagesTest(unittest.TestCase):
 
     def test_5_purge(self):
         self.assertEqual(self.lab.stop_gateway(), 0)
-        self.assertEqual(self.lab.addresses("gateway", IPTV), [])
+        self.assertEqual(self.lab.addresses("gateway", lab_module.IPTV), [])
         self.assertTrue(self.there("var/lib/keel/keel.db"))
         self.inside("apt-get", "remove", *OURS)
-        self.assertTrue(self.there("etc/keel/gateway.json"), "removed is not purged")
+        self.assertTrue(self.there(SETTINGS), "removed is not purged")
         self.assertFalse(self.there("usr/bin/keelhost"))
         self.inside("dpkg", "--purge", *OURS)
         self.assertEqual(sorted(self.files() - self.before), [])
