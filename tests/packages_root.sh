@@ -6,6 +6,7 @@ set -eu
 root=$1
 shift
 compiler="gcc libc6-dev pkg-config" # for a plug-in of one's own
+managers="systemd openrc"           # that start the service
 
 # Where this machine has its packages from.
 mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Codename: bookworm' 'Component: main' |
@@ -28,3 +29,6 @@ mkdir "$root/packages"
 cp "$@" "$root/packages"
 chroot "$root" apt-get -q update
 chroot "$root" sh -c 'exec apt-get -q install --download-only /packages/*.deb '"$compiler"
+for manager in $managers; do # of which there can be one
+    chroot "$root" apt-get -q install --download-only "$manager"
+done
