@@ -142,7 +142,8 @@ class CarryTest(unittest.TestCase):
 
         mistakes = {
             "line 2: it is no JSON": '{\n  "format": "keel-export"',
-            "format: this is no file of keelctl export": "[]",
+            "format: this is no file of keelctl export": "[" * 200_000 + "]" * 200_000,
+            "the file:": '{"version": 1e999}',
             "version: the file has form 2": changed(lambda other: other.update(version=2)),
             "leases: it is missing": changed(lambda other: other.pop("leases")),
             "hosts: there is no such member": changed(lambda other: other.update(hosts={})),
@@ -155,7 +156,7 @@ class CarryTest(unittest.TestCase):
                 changed(lambda other: other["leases"][lease].update(address="192.168.1.200")),
             f"leases.{lease}.mac: it must be a text": changed(lambda other: other["leases"][lease].update(mac=7)),
             f"identities.{identity}.slot: it must be a whole number from -1 to 4":
-                changed(lambda other: other["identities"][identity].update(slot=9)),
+                changed(lambda other: other["identities"][identity].update(slot=2**64 - 1)),
             f"identities.second: it has slot 0, as identities.{identity} has": changed(twice),
             f"identities.{identity}.devices: it must be an object":
                 changed(lambda other: other["identities"][identity].update(devices=[])),

@@ -12,7 +12,7 @@
 
 namespace keel {
 
-using Json = nlohmann::json; /* sorted by name */
+using Json = nlohmann::ordered_json; /* as the rest of the host has it; what comes from maps is sorted by that */
 
 namespace {
 
@@ -220,8 +220,11 @@ private:
 
     std::int64_t number(const Place &of, const char *name, std::int64_t low, std::int64_t high) {
         const auto found = of.json.is_object() ? of.json.find(name) : of.json.end();
-        if (found != of.json.end() && found->is_number_integer() && *found >= low && *found <= high)
-            return found->get<std::int64_t>();
+        const auto value = found != of.json.end() && found->is_number_integer()
+                               ? parse_value(Type::Int32, found->dump())
+                               : std::nullopt;
+        if (value && std::get<std::int64_t>(*value) >= low && std::get<std::int64_t>(*value) <= high)
+            return std::get<std::int64_t>(*value);
         refuse(join_path(of.name, name),
                "it must be a whole number from " + std::to_string(low) + " to " + std::to_string(high));
         return low;
@@ -432,6 +435,8 @@ Carried read_carried(const std::string &text, const Model &model, std::vector<st
         return Reader(model, *errors).read(Json::parse(text));
     } catch (const Json::parse_error &mistake) {
         errors->push_back("line " + line_of(text, mistake.byte) + ": it is no JSON; was the file cut short or edited?");
+    } catch (const Json::exception &mistake) { /* a number that nothing holds */
+        errors->push_back(std::string("the file: ") + mistake.what());
     }
     return {};
 }

@@ -1,7 +1,7 @@
 /*
  * What a box has learned and was set to, as a text that another box takes over: its form, and what is wrong with one.
  *
- * The form is JSON, sorted, so that two texts differ where the boxes do:
+ * The form is JSON, sorted by name below these members, so that two texts differ where the boxes do:
  *
  *   "format": "keel-export", "version": 1, "program": "keelhost 1.0.0"
  *   "wan_mac"         what the identifiers of the WAN clients are counted from
