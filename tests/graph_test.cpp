@@ -286,4 +286,37 @@ TEST_F(Graph, DerivedFlagsAndWantedClientsFollowEveryChange) {
     }
 }
 
+TEST_F(Graph, AFixedAddressStandsAgainUnlessItsTextIsNone) {
+    const InterfaceState state(loop, graph);
+    const std::string stands = "Weft.Intf.a.IPv4Addr.iptv";
+    const auto complaints = [] {
+        const auto &lines = TraceLog::instance().recent();
+        return std::count_if(lines.begin(), lines.end(), [](const TraceLine &line) {
+            return line.text.starts_with("Weft.Intf.a: IPTVAddress ") && line.level == Level::Warning;
+        });
+    };
+    TraceLog::instance().clear();
+    ASSERT_FALSE(model.add("Weft.Intf", std::string("a"), {}));
+    long expected = 0;
+    for (const std::string text :
+         {"10.20.0.40/2x", "10.20.0.40", "10.20.0.40/33", "10.20.0/24", "10.20.0.40/4294967320"}) {
+        model.set("Weft.Intf.a", {{"IPTVAddress", text}});
+        loop.run_until_idle();
+        EXPECT_FALSE(model.find(stands)) << text;
+        EXPECT_EQ(complaints(), ++expected);
+    }
+    graph.set_flag("a", "up", true);
+    loop.run_until_idle();
+    EXPECT_EQ(complaints(), expected) << "once for each text";
+
+    model.set("Weft.Intf.a", {{"IPTVAddress", std::string("10.20.0.40/24")}});
+    loop.run_until_idle();
+    model.remove(stands);
+    loop.run_until_idle();
+    EXPECT_EQ(model.text(stands, "Address"), "10.20.0.40");
+    EXPECT_EQ(model.integer(stands, "PrefixLen"), 24);
+    EXPECT_FALSE(model.boolean(stands, "Enable"));
+    EXPECT_EQ(complaints(), expected);
+}
+
 } // namespace keel

@@ -227,6 +227,7 @@ TEST(WanTwin, AnOperatorThatLeasesRubbishIsAskedAgainAndTracedLessAndLessOften) 
 
     wan.lease_address(id, "10.20.0.9");
     wan.options = {{42, "0a1400"}, {72, "0a140003"}};
+    EXPECT_FALSE(model.add(own + ".ReqOption", "72x", {})) << "by hand, and no option's number";
     loop.advance(64000);
     EXPECT_EQ(states.back(), "Bound");
     EXPECT_EQ(graph.addresses("eth1.20").size(), 1U);

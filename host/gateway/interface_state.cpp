@@ -1,14 +1,17 @@
 #include "host/gateway/interface_state.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <utility>
 
+#include "host/base/text_forms.h"
 #include "host/base/trace.h"
 #include "host/gateway/graph.h"
 
 namespace keel {
 
 namespace {
+
+constexpr std::size_t longest_shown = 40;
 
 void report(const Outcome &outcome) {
     if (outcome)
@@ -32,17 +35,19 @@ bool holds_address(const InterfaceGraph &graph, const std::string &name) {
 
 } // namespace
 
-void provide_fixed_address(Model &model, const std::string &name) {
+Outcome provide_fixed_address(Model &model, const std::string &name) {
     const std::string fixed = model.text(interface_path(name), "IPTVAddress");
     const std::string addresses = interface_path(name) + ".IPv4Addr";
     if (fixed.empty() || model.find(addresses + ".iptv"))
-        return;
-    const auto slash = fixed.find('/');
-    const int prefix = slash == std::string::npos ? 0 : std::atoi(fixed.c_str() + slash + 1);
-    report(model.add(addresses, "iptv",
-                     {{"Address", fixed.substr(0, slash)},
-                      {"PrefixLen", std::int64_t{std::clamp(prefix, 0, 32)}},
-                      {"Enable", false}}));
+        return std::nullopt;
+    const auto network = parse_network(fixed);
+    if (!network)
+        return Refusal{interface_path(name), "IPTVAddress \"" + printable_text(fixed, longest_shown) +
+                                                 "\" is no address with its prefix, as in 10.20.0.40/24; "
+                                                 "there is no fixed address until it is one"};
+    return model.add(
+        addresses, "iptv",
+        {{"Address", format_ipv4(network->address)}, {"PrefixLen", std::int64_t{network->prefix}}, {"Enable", false}});
 }
 
 InterfaceState::InterfaceState(Loop &loop, InterfaceGraph &graph)
@@ -55,9 +60,14 @@ InterfaceState::InterfaceState(Loop &loop, InterfaceGraph &graph)
 }
 
 void InterfaceState::follow(const std::string &name) {
-    if (!graph_.exists(name))
+    const bool exists = graph_.exists(name);
+    const Outcome refused = exists ? provide_fixed_address(graph_.model(), name) : std::nullopt;
+    if (!refused)
+        told_.erase(name);
+    else if (std::exchange(told_[name], refused->reason) != refused->reason)
+        report(refused);
+    if (!exists)
         return;
-    provide_fixed_address(graph_.model(), name);
     if (graph_.has_flag(name, "netdev"))
         report(graph_.set_flag(name, "ipv4", graph_.has_flag(name, "up") && holds_address(graph_, name)));
     else if (graph_.has_flag(name, "logical"))

@@ -4,6 +4,9 @@
 #ifndef HOST_GATEWAY_INTERFACE_STATE_H
 #define HOST_GATEWAY_INTERFACE_STATE_H
 
+#include <map>
+#include <string>
+
 #include "host/gateway/graph.h"
 
 namespace keel {
@@ -22,11 +25,12 @@ private:
 
     InterfaceGraph &graph_;
     GraphWatch watch_;
+    std::map<std::string, std::string> told_; /* interface -> what was said of its fixed address, once */
 };
 
 /* The instance "iptv" of an interface's fixed address, if it has one and it does not stand: for who needs it at once.
- */
-void provide_fixed_address(Model &model, const std::string &name);
+ * Refused when the text is none of the form. */
+Outcome provide_fixed_address(Model &model, const std::string &name);
 
 } // namespace keel
 

@@ -1,7 +1,7 @@
 #include "host/gateway/wan_client_model.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <set>
 #include <utility>
 
 #include "host/base/text_forms.h"
@@ -86,8 +86,11 @@ bool WanClientModel::bound(const std::string &name, WanLease lease) {
     for (const LeaseFault &fault : drop_faulty_options(lease))
         complain(name, fault, "it is left out");
     const std::string received = interface_path(name) + ".ReqOption";
+    std::set<std::string> leased; /* an instance has its option's number as its name */
+    for (const auto &[number, value] : lease.options)
+        leased.insert(std::to_string(number));
     for (const std::string &instance : model_.instances(received))
-        if (!lease.options.contains(std::atoi(instance.c_str())))
+        if (!leased.contains(instance))
             model_.remove(received + "." + instance);
     for (const auto &[number, value] : lease.options) {
         const std::string key = std::to_string(number);

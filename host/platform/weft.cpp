@@ -273,7 +273,7 @@ void write_parameter(const std::string &name, const std::string &parameter, cons
     std::string object = interface_path(name);
     if (dot != std::string::npos) {
         object.append(".").append(parameter, 0, dot);
-        provide_fixed_address(host_model(), name); /* it may be that one's */
+        provide_fixed_address(host_model(), name); /* it may be that one's; a refusal is told elsewhere */
     }
     if (!value)
         report(Refusal{object, "\"" + parameter + "\" has no value"});
