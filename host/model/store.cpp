@@ -130,6 +130,7 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
     const Shape *shape = node ? node->shape : missing ? above->shape->instance : nullptr;
     if (!shape || !(node ? node->persistent : above->persistent || shape->persistent)) {
         trace(Level::Warning, "store", "%s is stored but not part of the model's persistent objects", path.c_str());
+        left_out_.insert(path);
         return;
     }
     Values values = stored_values(path, *shape);
@@ -141,6 +142,7 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
         own_events_.insert(model_.latest_event());
     if (refusal) {
         trace(Level::Warning, "store", "%s is stored but has no place: %s", path.c_str(), refusal->reason.c_str());
+        left_out_.insert(path);
         return;
     }
     model_.dispatch_now(); /* at the start nobody follows the model yet: events in their thousands need not wait */
@@ -226,14 +228,33 @@ void Store::write_dirty() {
 
 bool Store::write_all(const std::map<std::string, Dirty> &changes) {
     bool done = database_.run("BEGIN");
+    std::vector<std::string> replaced;
     for (const auto &[path, dirty] : changes) { /* in the order of paths: what is above comes first */
         if (dirty.deleted)
             done = done && delete_rows(path);
+        if (dirty.position)
+            for (const std::string &old : left_out_within(path)) {
+                done = done && delete_rows(old);
+                replaced.push_back(old);
+            }
         const Node *node = model_.find(path);
         if (node && node->path() == path && node->persistent)
             done = done && write_node(*node, dirty.position);
     }
-    return done && database_.run("COMMIT");
+    if (!done || !database_.run("COMMIT"))
+        return false;
+    for (const std::string &path : replaced)
+        left_out_.erase(path);
+    return true;
+}
+
+/* Of an instance that was added, and of what is below it: at the next start these rows would be taken for its own. */
+std::vector<std::string> Store::left_out_within(const std::string &path) const {
+    std::vector<std::string> within;
+    for (auto at = left_out_.lower_bound(path); at != left_out_.end() && at->starts_with(path); ++at)
+        if (*at == path || (*at)[path.size()] == '.')
+            within.push_back(*at);
+    return within;
 }
 
 /* A row that is there keeps its position, and values that this model does not know. */
@@ -243,8 +264,10 @@ bool Store::write_node(const Node &node, std::int64_t position) {
     if (!write_missing_parents(node))
         return false;
     const std::string path = node.path();
-    bool done = database_.run("INSERT INTO node VALUES (?, ?, ?, ?, ?) ON CONFLICT (path) DO NOTHING",
-                              {path, node.parent->path(), node.name, node.instance, position});
+    bool done = database_.run("DELETE FROM value WHERE path = ?1 AND NOT EXISTS (SELECT 1 FROM node WHERE path = ?1)",
+                              {path}); /* nobody has read them */
+    done = done && database_.run("INSERT INTO node VALUES (?, ?, ?, ?, ?) ON CONFLICT (path) DO NOTHING",
+                                 {path, node.parent->path(), node.name, node.instance, position});
     for (const Parameter &parameter : node.parameters)
         if (parameter.present)
             done = done && database_.run("INSERT OR REPLACE INTO value VALUES (?, ?, ?)",

@@ -9,6 +9,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "host/base/growing_pause.h"
 #include "host/model/database.h"
@@ -21,7 +22,7 @@ namespace keel {
  *
  * A file that is damaged or no store is moved aside as FILE.damaged-N and a new one begun. Stored things that the model
  * has no place for are traced and left out of the model; they stay in the file, a value of another type until its
- * object is written again.
+ * object is written again, an object until an instance of its name is added.
  *
  * While the file cannot be used (it is locked, the disk is full, read-only or not there) the service runs from memory:
  * that is traced once, stands in "KeelHost.StoreError" of the model, and is tried again with a growing pause. A file
@@ -52,6 +53,7 @@ private:
     void on_event(const Event &event);
     void write_dirty();
     bool write_all(const std::map<std::string, Dirty> &changes);
+    std::vector<std::string> left_out_within(const std::string &path) const;
     bool write_node(const Node &node, std::int64_t position);
     bool write_missing_parents(const Node &node);
     bool delete_rows(const std::string &path);
@@ -65,6 +67,7 @@ private:
     std::string error_; /* empty while all goes well */
     Model::WatchId watch_ = 0;
     std::map<std::string, Dirty> dirty_; /* nodes to be written, by path */
+    std::set<std::string> left_out_;     /* paths in the file that are not in the model */
     std::uint64_t start_ = 0;            /* the latest event when this was made */
     std::set<std::uint64_t> own_events_; /* of what was restored, not told yet */
     std::int64_t highest_position_ = 0;  /* in the file at that time */
