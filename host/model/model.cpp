@@ -48,9 +48,12 @@ void Model::load_file(const std::string &file) {
 }
 
 void Model::load_text(std::string_view json, const std::string &file) {
-    const Shape *shape = read_shapes(json, file, shapes_);
+    load_shape(*read_shapes(json, file, shapes_));
+}
+
+void Model::load_shape(const Shape &root) {
     root_ = std::make_unique<Node>();
-    grow(*root_, *shape, ++generation_);
+    grow(*root_, root, ++generation_);
 }
 
 const Node *Model::find(std::string_view path) const {

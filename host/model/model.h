@@ -54,6 +54,9 @@ public:
      */
     void load_file(const std::string &file);
     void load_text(std::string_view json, const std::string &file);
+    /* The tree of a file that was read before, by read_shapes(), and stays with its reader: for who makes many models.
+     */
+    void load_shape(const Shape &root);
 
     /* Reads. The pointer stays valid until the object is deleted. The empty path is the root. */
     const Node *find(std::string_view path) const;
