@@ -16,7 +16,7 @@ using fuzz::require;
 
 namespace {
 
-constexpr const char *tree = R"({"objects": {
+constexpr const char *box = R"({"objects": {
   "Box": {"parameters": {"Name": ["text", "a"], "Count": ["uint8", 1], "On": ["bool", false], "Free": ["int32", null]},
           "objects": {"Item": {"instance": {"parameters": {"Value": ["text", "x"]},
                                             "objects": {"b": {"parameters": {"N": ["uint64", 0]}},
@@ -37,9 +37,8 @@ using Told = std::map<std::vector<std::string>, Values>;
 
 class Play {
 public:
-    Play(const std::uint8_t *data, std::size_t size) : input_(data, size) {
-        TraceLog::instance().set_print(false);
-        model_.load_text(tree, "tree");
+    Play(const fuzz::Tree &tree, const std::uint8_t *data, std::size_t size) : input_(data, size) {
+        tree.plant(model_);
         each(*model_.find(""), [this](const Node &node) { told_[node.steps()] = node.values(); });
         watch_ = model_.watch("", [this](const Event &event) { hear(event); });
         host_attach(loop_, graph_, runner_);
@@ -240,6 +239,7 @@ private:
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    Play(data, size).run();
+    static const fuzz::Tree tree(box);
+    Play(tree, data, size).run();
     return 0;
 }

@@ -13,7 +13,7 @@ using fuzz::require;
 
 namespace {
 
-constexpr const char *tree = R"({"objects": {
+constexpr const char *box = R"({"objects": {
   "Box": {"parameters": {"Name": ["text", "a"], "Count": ["uint8", 1], "On": ["bool", false], "Free": ["int32", null]},
           "objects": {"Item": {"instance": {"parameters": {"Value": ["text", "x"]},
                                             "objects": {"Sub": {"instance": {"parameters": {"N": ["uint64", 0]}}}}},
@@ -22,10 +22,9 @@ constexpr std::size_t most_lines = 32;
 
 class Play {
 public:
-    Play(const std::uint8_t *data, std::size_t size) : input_(data, size) {
-        TraceLog::instance().set_print(false);
+    Play(const fuzz::Tree &tree, const std::uint8_t *data, std::size_t size) : input_(data, size) {
         TraceLog::instance().clear();
-        model_.load_text(tree, "tree");
+        tree.plant(model_);
         patience_ = input_.byte();
         safe_ = !input_.flag();
     }
@@ -78,6 +77,7 @@ private:
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    Play(data, size).run();
+    static const fuzz::Tree tree(box);
+    Play(tree, data, size).run();
     return 0;
 }

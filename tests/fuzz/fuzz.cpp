@@ -67,7 +67,6 @@ std::unique_ptr<std::uint8_t[]> bare(const Bytes &bytes) {
 }
 
 std::string model_part(std::initializer_list<const char *> tops) {
-    TraceLog::instance().set_print(false);
     std::ifstream file(SOURCE_DIR "/share/gateway.json");
     const auto whole = nlohmann::ordered_json::parse(file);
     nlohmann::ordered_json part;
@@ -76,33 +75,8 @@ std::string model_part(std::initializer_list<const char *> tops) {
     return part.dump();
 }
 
-Gateway::Gateway(std::initializer_list<const char *> tops) : loop_(std::in_place) {
-    const std::string json = model_part(tops);
-    first_.load_text(json, "gateway.json");
-    model_.load_text(json, "gateway.json");
-}
-
-void Gateway::begin() {
-    take_back(*first_.find(""));
-    model_.dispatch_now();
-    loop_.emplace();
-}
-
-/* What a run has written: its instances go, those that it removed come again. */
-void Gateway::take_back(const Node &first) {
-    const std::string path = first.path();
-    if (first.multi) {
-        for (const std::string &name : model_.instances(path))
-            if (!first.child(name))
-                model_.remove(join_path(path, name));
-        for (const Node &child : first.children)
-            if (!model_.find(path)->child(child.name))
-                model_.add(path, child.name, child.values());
-    } else {
-        model_.set(path, first.values());
-    }
-    for (const Node &child : first.children)
-        take_back(child);
+Tree::Tree(const std::string &json) : root_(read_shapes(json, "tree", shapes_)) {
+    TraceLog::instance().set_print(false);
 }
 
 std::string dump(const Model &model, const std::string &path, bool persistent) {

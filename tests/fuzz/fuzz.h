@@ -1,6 +1,5 @@
 /*
- * What the fuzzers share: taking an input apart, saying what must hold, and the part of the gateway's model that a
- * target needs.
+ * What the fuzzers share: taking an input apart, saying what must hold, and the model that a target needs.
  */
 #ifndef TESTS_FUZZ_FUZZ_H
 #define TESTS_FUZZ_FUZZ_H
@@ -9,9 +8,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
-#include <optional>
 #include <string>
-#include <utility>
 
 #include "host/base/text_forms.h"
 #include "host/model/model.h"
@@ -51,34 +48,20 @@ private:
 /* A copy without room behind its end, so that the sanitizer sees each byte that is read there. */
 std::unique_ptr<std::uint8_t[]> bare(const Bytes &bytes);
 
-/* The gateway's model file with these top objects alone. Nothing is printed by the host from then on. */
+/* The gateway's model file with these top objects alone. */
 std::string model_part(std::initializer_list<const char *> tops);
 
-/* A part of the gateway's model, on a virtual clock. To read its file takes longer than a run, so one serves all runs,
- * each of which finds it as if it were new. */
-class Gateway : private Loop {
+/* What each run's model is made of. To read its file takes longer than a run, so it is read once. Nothing is printed by
+ * the host from then on. */
+class Tree {
 public:
-    explicit Gateway(std::initializer_list<const char *> tops);
+    explicit Tree(const std::string &json);
 
-    /* Of a run: the clock anew, the model as the file has it. The run before must have left nothing that watches. */
-    void begin();
-    SimLoop &loop() { return *loop_; }
-    Model &model() { return model_; }
+    void plant(Model &model) const { model.load_shape(*root_); }
 
 private:
-    void post(Task task) override { loop_->post(std::move(task)); }
-    void post_last(Task task) override { loop_->post_last(std::move(task)); }
-    TimerId start_timer(std::uint64_t milliseconds, Task task) override {
-        return loop_->start_timer(milliseconds, std::move(task));
-    }
-    void cancel_timer(TimerId id) override { loop_->cancel_timer(id); }
-    std::uint64_t now_ms() const override { return loop_->now_ms(); }
-    std::uint64_t wall_clock_s() const override { return loop_->wall_clock_s(); }
-    void take_back(const Node &first);
-
-    std::optional<SimLoop> loop_;
-    Model first_{*this}; /* as the file has it, for ever */
-    Model model_{*this};
+    Shapes shapes_;
+    const Shape *root_;
 };
 
 /* All that the model holds at and below a path, order included; persistent: of the persistent objects alone. */

@@ -70,8 +70,8 @@ const std::string &text_of(const Node &lease, const char *name) {
 
 class Lan : public LanPort {
 public:
-    Lan(fuzz::Gateway &gateway, const std::uint8_t *data, std::size_t size)
-        : input_(data, size), loop_(gateway.loop()), model_(gateway.model()) {
+    Lan(const fuzz::Tree &tree, const std::uint8_t *data, std::size_t size) : input_(data, size) {
+        tree.plant(model_);
         server_.emplace(loop_, model_, *this);
     }
 
@@ -101,8 +101,8 @@ private:
     void check_leases();
 
     fuzz::Input input_;
-    SimLoop &loop_;
-    Model &model_;
+    SimLoop loop_;
+    Model model_{loop_};
     std::array<std::string, device_count> ports_{"lan1", "lan1", "lan2", ""};
     std::vector<std::uint32_t> probed_;
     std::map<std::uint32_t, Promise> promises_; /* by address */
@@ -315,8 +315,7 @@ void Lan::check_leases() {
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    static fuzz::Gateway gateway({"DHCPv4"});
-    gateway.begin();
-    Lan(gateway, data, size).run();
+    static const fuzz::Tree tree(fuzz::model_part({"DHCPv4"}));
+    Lan(tree, data, size).run();
     return 0;
 }

@@ -16,7 +16,7 @@ using fuzz::require;
 namespace {
 
 constexpr const char *file_name = "/keel-fuzz.db"; /* in memory: none of that name is made on the disk */
-constexpr const char *tree = R"({"objects": {
+constexpr const char *box = R"({"objects": {
   "KeelHost": {"parameters": {"StoreError": ["text", ""]}},
   "Seen": {"parameters": {"Name": ["text", "s"]},
            "objects": {"Item": {"instance": {"parameters": {"Value": ["text", ""]}}, "instances": {"one": {}}}}},
@@ -30,7 +30,6 @@ constexpr std::size_t most_steps = 24;
 
 sqlite3_vfs *memory() {
     static sqlite3_vfs *files = [] {
-        TraceLog::instance().set_print(false);
         sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
         sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
         sqlite3_initialize();
@@ -66,7 +65,7 @@ private:
 
 class Play {
 public:
-    Play(const std::uint8_t *data, std::size_t size) : input_(data, size) {}
+    Play(const fuzz::Tree &tree, const std::uint8_t *data, std::size_t size) : tree_(tree), input_(data, size) {}
 
     void run() {
         if (input_.below(4) == 0)
@@ -79,7 +78,7 @@ public:
         {
             SimLoop loop;
             Model model(loop);
-            model.load_text(tree, "tree");
+            tree_.plant(model);
             const std::string seen = fuzz::dump(model, "Seen");
             Store store(loop, model, file_name);
             require(fuzz::dump(model, "Seen") == seen, "what is not persistent is left alone");
@@ -92,7 +91,7 @@ public:
         }
         SimLoop loop;
         Model model(loop);
-        model.load_text(tree, "tree");
+        tree_.plant(model);
         Store store(loop, model, file_name);
         if (error.empty() && sound_)
             require(fuzz::dump(model, "Kept", true) == kept,
@@ -158,6 +157,7 @@ private:
         }
     }
 
+    const fuzz::Tree &tree_;
     fuzz::Input input_;
     File file_;
     bool sound_ = true; /* each row has the path of its place */
@@ -166,6 +166,7 @@ private:
 } // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    Play(data, size).run();
+    static const fuzz::Tree tree(box);
+    Play(tree, data, size).run();
     return 0;
 }
