@@ -72,8 +72,11 @@ private:
         if (event.kind == Event::Kind::Deleted) {
             require(told_[event.steps] == event.values, "an instance goes with the values it had");
             std::erase_if(told_, [&](const auto &one) {
-                return one.first.size() >= event.steps.size() &&
-                       std::equal(event.steps.begin(), event.steps.end(), one.first.begin());
+                const bool gone = one.first.size() >= event.steps.size() &&
+                                  std::equal(event.steps.begin(), event.steps.end(), one.first.begin());
+                const bool instance = one.first.size() % 2 == 1 && one.first.size() > event.steps.size();
+                require(!gone || !instance, "the instances below are told first");
+                return gone;
             });
         } else if (event.kind == Event::Kind::Added) {
             require(!told_.contains(event.steps), "an instance comes once");
@@ -86,8 +89,12 @@ private:
                 told_[below] = {};
             }
         } else {
-            for (const auto &[name, value] : event.values)
+            for (const auto &[name, value] : event.values) {
+                const auto before = told_[event.steps].find(name);
+                require(before == told_[event.steps].end() || before->second == event.before.at(name),
+                        "a change tells the value before");
                 told_[event.steps][name] = value;
+            }
         }
     }
 

@@ -41,11 +41,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     DhcpAnswer answer;
     std::string client_error;
     std::string server_error;
-    message.xid = 1; /* which a refusal must leave */
+    message.xid = answer.xid = 1; /* which a refusal must leave */
     const bool client = parse_dhcp(data, size, &message, &client_error);
     const bool server = parse_dhcp_answer(data, size, &answer, &server_error);
     fuzz::require(!(client && server), "no message is a client's and a server's");
     fuzz::require(client == client_error.empty() && server == server_error.empty(), "a refusal has a reason");
+    fuzz::require(server || (answer.xid == 1 && answer.server_id == 0), "a refused answer sets nothing");
     if (!client) {
         fuzz::require(message.xid == 1 && message.client_id.empty(), "a refusal sets nothing");
         return 0;

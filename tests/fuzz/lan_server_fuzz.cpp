@@ -98,6 +98,7 @@ private:
     void bring(const Bytes &message);
     Bytes formed_message();
     void write_pool();
+    void check_destination(const Tins::DHCP &reply, const HardwareAddress &device, const DhcpDestination &destination);
     void check_leases();
 
     fuzz::Input input_;
@@ -105,9 +106,10 @@ private:
     Model model_{loop_};
     std::array<std::string, device_count> ports_{"lan1", "lan1", "lan2", ""};
     std::vector<std::uint32_t> probed_;
-    std::map<std::uint32_t, Promise> promises_; /* by address */
-    std::optional<DhcpMessage> sender_;         /* who sent the message that is being taken */
-    bool forgive_ = false;                      /* the step may end any lease: it is an operator's, or of ARP */
+    std::map<std::uint32_t, Promise> promises_;                                     /* by address */
+    std::map<std::pair<HardwareAddress, std::uint32_t>, std::set<DhcpType>> asked_; /* by device and transaction */
+    std::optional<DhcpMessage> sender_; /* who sent the message that is being taken */
+    bool forgive_ = false;              /* the step may end any lease: it is an operator's, or of ARP */
     std::optional<LanDhcpServer> server_;
 };
 
@@ -169,8 +171,10 @@ void Lan::take_step() {
 void Lan::bring(const Bytes &message) {
     DhcpMessage parsed;
     std::string error;
-    if (parse_dhcp(message.data(), message.size(), &parsed, &error))
+    if (parse_dhcp(message.data(), message.size(), &parsed, &error)) {
         sender_ = parsed;
+        asked_[{parsed.hardware, parsed.xid}].insert(parsed.type);
+    }
     server_->received(fuzz::bare(message).get(), message.size());
 }
 
@@ -252,6 +256,28 @@ void Lan::write_pool() {
     }
 }
 
+/* A device takes what answers its own question and comes to its own address, or to all. */
+void Lan::check_destination(const Tins::DHCP &reply, const HardwareAddress &device,
+                            const DhcpDestination &destination) {
+    HardwareAddress all;
+    all.fill(0xff);
+    const auto asked = asked_.find({device, reply.xid()});
+    require(asked != asked_.end(), "a reply goes to a device that asks");
+    const auto asks = [&](DhcpType type) { return asked->second.contains(type); };
+    const auto type = static_cast<DhcpType>(reply.type());
+    require(type == DhcpType::Offer ? asks(DhcpType::Discover)
+                                    : asks(DhcpType::Request) || (type == DhcpType::Ack && asks(DhcpType::Inform)),
+            "it answers what the device asks for");
+    const std::uint32_t relay = ipv4_or_none(reply.giaddr().to_string());
+    require(destination.relay == (relay != 0), "a relay's question is answered through it");
+    if (destination.relay)
+        require(destination.address == relay, "it goes to the relay that asked");
+    else if (destination.address == 0xffffffff)
+        require(destination.hardware == all || destination.hardware == device, "it goes to the device");
+    else
+        require(destination.hardware == device && destination.address != 0, "it goes to the device alone");
+}
+
 /* Every reply is one that its device can read and may believe. */
 void Lan::send(const Bytes &message, const DhcpDestination &destination) {
     DhcpAnswer answer;
@@ -263,15 +289,14 @@ void Lan::send(const Bytes &message, const DhcpDestination &destination) {
     const auto type = static_cast<DhcpType>(other.type());
     require(type == answer.type, "another maker reads the same type");
     const std::uint32_t address = ipv4_or_none(other.yiaddr().to_string());
-    require(!destination.relay || ipv4_or_none(other.giaddr().to_string()) == destination.address,
-            "it goes to the relay that asked");
+    HardwareAddress device{};
+    const auto to = other.chaddr();
+    std::copy_n(to.begin(), device.size(), device.begin());
+    check_destination(other, device, destination);
     if (type == DhcpType::Nak || (sender_ && sender_->type == DhcpType::Inform && address == 0)) {
         require(address == 0, "no address is given");
         return;
     }
-    HardwareAddress device{};
-    const auto to = other.chaddr();
-    std::copy_n(to.begin(), device.size(), device.begin());
     require(address != 0 && address != 0xc0a80101, "an address is given, and not the gateway's own");
     const Node *lease = nullptr;
     for (const Node *one : all_leases(model_))

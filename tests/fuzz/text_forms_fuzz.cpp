@@ -35,6 +35,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
 
     if (const auto address = parse_ipv4(text))
         fuzz::require(format_ipv4(*address) == text, "an address");
+    if (const auto network = parse_network(text)) {
+        const auto slash = text.find('/');
+        fuzz::require(format_network(*network) == text.substr(0, slash + 1) + plain(text.substr(slash + 1)),
+                      "a network");
+        fuzz::require(network->prefix <= 32, "a prefix fits an address");
+    }
     if (const auto hardware = parse_mac(text))
         fuzz::require(lower(format_mac(hardware->data())) == lower(text), "a MAC address");
     if (const auto bytes = parse_hex(text))
