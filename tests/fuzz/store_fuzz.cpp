@@ -68,7 +68,8 @@ public:
     Play(const fuzz::Tree &tree, const std::uint8_t *data, std::size_t size) : tree_(tree), input_(data, size) {}
 
     void run() {
-        if (input_.below(4) == 0)
+        const bool bytes = input_.below(4) == 0;
+        if (bytes)
             file_.write(input_.rest(input_.number() % 65536));
         else
             make_rows();
@@ -87,6 +88,7 @@ public:
                 write(loop, model);
             error = store.flush();
             kept = fuzz::dump(model, "Kept", true);
+            require(bytes || error.empty(), "a file that is one is written: " + error);
             require(error.empty() == model.text("KeelHost", "StoreError").empty(), "an error is shown");
         }
         SimLoop loop;
