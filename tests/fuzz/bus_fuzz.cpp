@@ -101,8 +101,11 @@ private:
     std::string name() { return names[input_.below(std::size(names))]; }
 
     std::string path() {
-        if (input_.below(8) == 0)
+        const std::size_t kind = input_.below(8);
+        if (kind == 0)
             return input_.text();
+        if (kind < 5)
+            return fuzz::some_path(model_, input_);
         std::string all = "Box";
         for (std::size_t depth = input_.below(6); depth > 0; --depth)
             all += "." + name();

@@ -64,6 +64,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     means(std::string(signs.not_) + "(" + text + ")", !value);
     means("(" + text + ")" + signs.and_ + "yes", value);
     means("(" + text + ")" + signs.or_ + "yes", true);
+    means(std::string(signs.not_) + "(" + text + ")" + signs.and_ + "no", false);
+    means(std::string(signs.not_) + "(" + text + ")" + signs.or_ + "yes", true);
+    means(std::string("yes") + signs.or_ + "no" + signs.and_ + "(" + text + ")", true);
     means(std::string("no") + signs.and_ + "(" + text + ")", false);
     means(text + signs.or_ + "no", value);
     return 0;

@@ -16,6 +16,9 @@ void check_udp(const std::uint8_t *data, std::size_t size, std::uint16_t port) {
         return;
     fuzz::require(payload->data() >= data + 28 && payload->data() + payload->size() <= data + size,
                   "a payload lies in its packet, behind both headers");
+    const int fragment = (data[6] << 8 | data[7]) & 0x3fff;
+    fuzz::require(data[0] >> 4 == 4 && data[9] == 17 && fragment == 0, "it is a whole UDP packet");
+    fuzz::require((payload->data()[-6] << 8 | payload->data()[-5]) == port, "to that port");
     const Bytes bytes(payload->begin(), payload->end());
     const auto packet = build_udp_packet({network_number(data + 12), 68, network_number(data + 16), port}, bytes);
     fuzz::require(packet.has_value(), "what came in a packet goes into one");

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -92,6 +93,12 @@ std::string dump(const Model &model, const std::string &path, bool persistent) {
             text += " " + name + "=" + to_text(value) + "\n";
     });
     return text;
+}
+
+std::string some_path(const Model &model, Input &input, const std::string &path) {
+    std::vector<const Node *> all;
+    each_node(*model.find(path), [&](const Node &node) { all.push_back(&node); });
+    return all[(all.size() - 1) * input.byte() / 255]->path();
 }
 
 void check_model(const Model &model) {

@@ -66,6 +66,8 @@ private:
 
 /* All that the model holds at and below a path, order included; persistent: of the persistent objects alone. */
 std::string dump(const Model &model, const std::string &path = "", bool persistent = false);
+/* The path of one of the objects at and below a path that exists: names at random seldom lead to one that was added. */
+std::string some_path(const Model &model, Input &input, const std::string &path = "");
 /* Every value fits its parameter's type, every instance has a valid name, and a path leads to a node of that path. */
 void check_model(const Model &model);
 

@@ -138,7 +138,7 @@ private:
     }
 
     void write(SimLoop &loop, Model &model) {
-        const std::string where = path();
+        const std::string where = input_.flag() ? fuzz::some_path(model, input_, "Kept") : path();
         switch (input_.below(5)) {
         case 0:
             model.add(where, names[input_.below(std::size(names))], {});
