@@ -130,7 +130,10 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
     const Shape *shape = node ? node->shape : missing ? above->shape->instance : nullptr;
     if (!shape || !(node ? node->persistent : above->persistent || shape->persistent)) {
         trace(Level::Warning, "store", "%s is stored but not part of the model's persistent objects", path.c_str());
-        left_out_.insert(path);
+        if (node)
+            restore_below(path); /* some of it may be persistent all the same */
+        else
+            left_out_.insert(path);
         return;
     }
     Values values = stored_values(path, *shape);
@@ -146,6 +149,10 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
         return;
     }
     model_.dispatch_now(); /* at the start nobody follows the model yet: events in their thousands need not wait */
+    restore_below(path);
+}
+
+void Store::restore_below(const std::string &path) {
     const auto children =
         database_.select("SELECT name, instance FROM node WHERE parent = ? AND path <> '' ORDER BY position", {path});
     if (children)

@@ -49,6 +49,7 @@ private:
     bool move_aside();
     void restore();
     void restore_node(const std::string &parent, const std::string &name, bool instance);
+    void restore_below(const std::string &path);
     Values stored_values(const std::string &path, const Shape &shape);
     void on_event(const Event &event);
     void write_dirty();
