@@ -80,13 +80,13 @@ Tree::Tree(const std::string &json) : root_(read_shapes(json, "tree", shapes_)) 
     TraceLog::instance().set_print(false);
 }
 
-std::string dump(const Model &model, const std::string &path, bool persistent) {
+std::string dump(const Model &model, const std::string &path, std::optional<bool> persistent) {
     std::string text;
     const Node *from = model.find(path);
     if (!from)
         return text;
     each_node(*from, [&](const Node &node) {
-        if (persistent && !node.persistent)
+        if (persistent && node.persistent != *persistent)
             return;
         text += node.path() + "\n";
         for (const auto &[name, value] : node.values())

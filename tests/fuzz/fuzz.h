@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "host/base/text_forms.h"
@@ -64,8 +65,9 @@ private:
     const Shape *root_;
 };
 
-/* All that the model holds at and below a path, order included; persistent: of the persistent objects alone. */
-std::string dump(const Model &model, const std::string &path = "", bool persistent = false);
+/* All that the model holds at and below a path, order included: of all objects, or of those alone that are persistent,
+ * or that are not. */
+std::string dump(const Model &model, const std::string &path = "", std::optional<bool> persistent = std::nullopt);
 /* The path of one of the objects at and below a path that exists: names at random seldom lead to one that was added. */
 std::string some_path(const Model &model, Input &input, const std::string &path = "");
 /* Every value fits its parameter's type, every instance has a valid name, and a path leads to a node of that path. */
