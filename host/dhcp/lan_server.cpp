@@ -4,13 +4,12 @@
 
 #include "host/base/trace.h"
 #include "host/dhcp/dhcp_note.h"
+#include "host/dhcp/sender.h"
 
 namespace keel {
 
 namespace {
 
-constexpr std::size_t max_id = 35;                /* characters of a client identifier's text */
-constexpr std::size_t longest_text = 64;          /* of what a device says of itself */
 constexpr std::uint64_t report_again_ms = 120000; /* a device that is still held, and still asks */
 /* How long a device has to tell that it uses an address: the one that is offered it waits for so long. On a wire an
  * answer takes less than 1 ms; a sleeping wireless device may need longer than this, and is heard as long as the lease
@@ -26,44 +25,6 @@ enum : std::uint8_t {
     option_renewal = 58,
     option_rebinding = 59
 };
-
-/* FNV-1a, 64 bits: the same in every run, which std::hash does not promise. */
-std::uint64_t stable_hash(const Bytes &bytes) {
-    std::uint64_t hash = 14695981039346656037U;
-    for (const std::uint8_t byte : bytes)
-        hash = (hash ^ byte) * 1099511628211U;
-    return hash;
-}
-
-/* The name of the device's lease: its client identifier in hexadecimal, a long one cut and told apart by a hash.
- * Nothing but hexadecimal digits and "-" comes out, whatever the device sent. */
-std::string id_of(const DhcpMessage &message) {
-    Bytes id = message.client_id;
-    if (id.empty()) {
-        id = {1};
-        id.insert(id.end(), message.hardware.begin(), message.hardware.end());
-    }
-    std::string text = format_hex(id);
-    if (text.size() <= max_id)
-        return text;
-    const std::uint64_t hash = stable_hash(id);
-    return text.substr(0, max_id - 17) + "-" + format_hex(network_bytes(static_cast<std::uint32_t>(hash >> 32))) +
-           format_hex(network_bytes(static_cast<std::uint32_t>(hash)));
-}
-
-/* What a device says of itself, as far as it does. */
-Values description_of(const DhcpMessage &message) {
-    Values values;
-    if (!message.host_name.empty())
-        values["HostName"] = printable_text(message.host_name, longest_text);
-    if (!message.vendor_class.empty())
-        values["VendorClass"] = printable_text(message.vendor_class, longest_text);
-    return values;
-}
-
-std::uint32_t wanted_address(const DhcpMessage &message) {
-    return message.requested_address ? message.requested_address : message.client_address;
-}
 
 std::string lease_path(const LanRule &rule, const std::string &id) {
     return rule.path + ".Lease." + id;
@@ -99,7 +60,7 @@ void LanDhcpServer::received(const std::uint8_t *data, std::size_t size) {
         return;
     }
     note_dhcp(TimelineEvent::Kind::LanDhcp, format_mac(message.hardware.data()), Bytes(data, data + size));
-    const std::string id = id_of(message);
+    const std::string id = sender_id(message);
     const LanRule *rule = rule_for(message, id);
     if (!rule) {
         drop(message.relay ? "through a relay in no pool's subnet" : "no pool for the device");
@@ -274,7 +235,7 @@ void LanDhcpServer::drop_leases_before(const Request &request) {
 
 bool LanDhcpServer::report_lease(const Request &request, std::uint32_t address) {
     const auto now = static_cast<std::int64_t>(loop_.wall_clock_s());
-    Values values = description_of(request.message);
+    Values values = description_of_sender(request.message);
     values["ClientID"] = request.id;
     values["IPAddress"] = format_ipv4(address);
     values["MACAddress"] = format_mac(request.message.hardware.data());
@@ -334,7 +295,7 @@ void LanDhcpServer::address_used(std::uint32_t address, const HardwareAddress &b
 
 /* Of a device that has a lease. */
 void LanDhcpServer::park_or_answer(const Request &request, DhcpType type) {
-    model_.set(request.lease, description_of(request.message));
+    model_.set(request.lease, description_of_sender(request.message));
     const WaitingDevice *device = waiting_.find(request.id);
     if (!model_.boolean(request.lease, "OnHold") && !(device && device->probe))
         answer_lease(request, type);
