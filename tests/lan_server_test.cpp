@@ -254,6 +254,17 @@ TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
     EXPECT_EQ(lease_count(), 0U) << "but bounded";
 }
 
+TEST_F(LanServerTest, ALeaseThatWasRenewedEarlyLastsOverAStart) {
+    stb.start();
+    loop.advance(std::uint64_t{8} * 3600 * 1000);
+    stb.start(); /* switched off and on */
+    loop.advance(1000);
+    stb.stop();
+    restart();
+    loop.advance(std::uint64_t{20} * 3600 * 1000);
+    EXPECT_EQ(lease_count(), 1U) << "the device may use its address for four hours more";
+}
+
 TEST_F(LanServerTest, AClockThatWasSetIsNoTimeThatHasPassedAtTheNextStart) {
     loop.set_wall_clock(1800000000);
     stb.start();

@@ -10,6 +10,10 @@ namespace {
 constexpr std::uint64_t longest_wait_ms =
     std::uint64_t{24} * 3600 * 1000; /* for the end of a lease; then it is looked again */
 constexpr std::uint64_t clock_look_ms = 60000;
+/* By how much at least a lease may last longer than it is written, besides an eighth of its time: a device that asks
+ * all the time is not written each time. After a start what is written counts: by then its device has been asking for
+ * more of it, at half of its time and again, and at seven eighths it asks every server. */
+constexpr std::uint64_t longest_unwritten_s = 30;
 constexpr std::int64_t leap_s = 5;                   /* what is less is the two clocks' own */
 constexpr std::uint64_t clock_is_set_s = 1577836800; /* a gateway without a clock of its own starts in 1970 */
 
@@ -61,7 +65,8 @@ void LeaseEnds::lasts(const std::string &path, std::uint64_t validity_s) {
     leases_.set_end(path, loop_.now_ms() + validity_s * 1000);
     const std::uint64_t now = loop_.wall_clock_s();
     const auto shown = static_cast<std::uint64_t>(model_.integer(path, "Expires"));
-    if (shown <= now + validity_s / 2 || shown > now + validity_s)
+    const std::uint64_t unwritten_s = std::max(validity_s / 8, longest_unwritten_s);
+    if (shown + unwritten_s <= now + validity_s || shown > now + validity_s)
         model_.set(path, {{"Expires", static_cast<std::int64_t>(now + validity_s)},
                           {"Written", static_cast<std::int64_t>(now)}});
     follow_expiry();
