@@ -4,57 +4,9 @@
 #include <random>
 
 #include "host/base/trace.h"
-#include "host/dhcp/lan_server.h"
-#include "host/sim/sim_lan.h"
-#include "host/sim/sim_loop.h"
+#include "tests/lan_server_fixture.h"
 
 namespace keel {
-
-class LanServerTest : public testing::Test {
-protected:
-    LanServerTest() {
-        TraceLog::instance().set_print(false);
-        model.load_file(SOURCE_DIR "/share/gateway.json");
-        begin();
-    }
-
-    void begin() {
-        server = std::make_unique<LanDhcpServer>(loop, model, lan);
-        lan.plug_in(server.get());
-    }
-
-    void end() {
-        lan.plug_in(nullptr);
-        server.reset();
-    }
-
-    void restart() {
-        end();
-        begin();
-    }
-    std::size_t lease_count() const { return model.instances("DHCPv4.Server.Pool.zep_stb.Rule.1.Lease").size(); }
-
-    void hold(bool on) { set("DHCPv4.Server.Pool.zep_stb", {{"LeasesOnHold", on}}); }
-    void set(const std::string &path, const Values &values) {
-        const Outcome refusal = model.set(path, values);
-        ASSERT_FALSE(refusal) << refusal->path << refusal->reason;
-        loop.run_until_idle();
-    }
-    std::string lease(const SimDevice &device, const char *pool = "zep_stb") const {
-        return std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease." + device.id();
-    }
-
-    SimLoop loop;
-    Model model{loop};
-    SimLan lan{loop};
-    std::unique_ptr<LanDhcpServer> server;
-    static constexpr std::uint64_t probe_ms = 70; /* and a little */
-    std::string waits_because(const SimDevice &device) const {
-        return model.text("DHCPv4.Server.Waiting." + device.id(), "Because");
-    }
-
-    SimDevice stb{loop, lan, 1, "zep-stb-4k"};
-};
 
 TEST_F(LanServerTest, AHeldDeviceIsAnsweredAtOnceWithTheValuesOfItsRelease) {
     hold(true);
@@ -105,25 +57,6 @@ TEST_F(LanServerTest, HoldsEndWithTheSetting) {
     other.start();
     loop.advance(probe_ms);
     EXPECT_EQ(other.address(), "192.168.1.21") << "not held any more";
-}
-
-TEST_F(LanServerTest, LeasesSurviveARestartAndDevicesKeepTheirAddresses) {
-    stb.start();
-    SimDevice pc(loop, lan, 9, "");
-    pc.start();
-    loop.advance(probe_ms);
-    const std::string before = stb.address();
-    EXPECT_EQ(pc.address(), "192.168.1.100");
-    end();
-    loop.advance(1000);
-    begin();
-    stb.start();
-    loop.advance(probe_ms);
-    EXPECT_EQ(stb.address(), before);
-    end();
-    loop.advance(std::uint64_t{86400} * 2 * 1000);
-    begin();
-    EXPECT_FALSE(model.find(lease(stb))) << "what ran out meanwhile is gone";
 }
 
 TEST_F(LanServerTest, ReleaseDeclineForeignAddressesAndAFullRange) {
@@ -187,23 +120,6 @@ TEST_F(LanServerTest, ANewDeviceGetsTheAddressThatWasUnusedLongest) {
     EXPECT_EQ(last.address(), first) << "all have been used since";
 }
 
-TEST_F(LanServerTest, AHeldLeaseThatEndsUsesUpNoAddress) {
-    stb.start();
-    loop.advance(probe_ms);
-    stb.leave();
-    loop.advance(10);
-    hold(true);
-    SimDevice refused(loop, lan, 2, "zep-stb");
-    for (int round = 0; round < 30; ++round) { /* it asks for a while, and pauses for long */
-        refused.start();
-        loop.advance(10000);
-        EXPECT_EQ(model.text(lease(refused), "IPAddress"), "192.168.1.21") << round;
-        refused.stop();
-        loop.advance(300000);
-        EXPECT_FALSE(model.find(lease(refused)));
-    }
-}
-
 TEST_F(LanServerTest, LeasesFromBeforeTheHoldsAreHeldAndStayTheirDevices) {
     stb.start();
     loop.advance(probe_ms);
@@ -220,67 +136,6 @@ TEST_F(LanServerTest, LeasesFromBeforeTheHoldsAreHeldAndStayTheirDevices) {
     set(lease(stb), {{"OnHold", false}});
     restart();
     EXPECT_FALSE(model.boolean(lease(stb), "OnHold")) << "it was decided on";
-}
-
-TEST_F(LanServerTest, TheWallClockEndsNoLeaseAndProlongsNone) {
-    loop.set_wall_clock(3600); /* no clock of its own: it is 1970 */
-    stb.start();
-    loop.advance(1000);
-    const std::string address = stb.address();
-    ASSERT_FALSE(address.empty());
-    loop.set_wall_clock(1800000000); /* somebody has told the time */
-    loop.advance(1000);
-    EXPECT_EQ(lease_count(), 1U);
-    restart();
-    EXPECT_EQ(lease_count(), 1U) << "it was written when nobody knew the time";
-    stb.stop();
-    loop.advance(std::uint64_t{3} * 24 * 3600 * 1000);
-    EXPECT_EQ(lease_count(), 0U) << "it has ended all the same";
-
-    stb.start();
-    loop.advance(1000);
-    stb.stop();
-    loop.advance(std::uint64_t{3600} * 1000);
-    loop.set_wall_clock(1900000000); /* years later, says the clock, when the server starts again */
-    restart();
-    EXPECT_EQ(lease_count(), 0U);
-    stb.start();
-    loop.advance(1000);
-    stb.stop();
-    loop.set_wall_clock(1700000000); /* and back: what is left of it is not known */
-    restart();
-    EXPECT_EQ(lease_count(), 1U);
-    loop.advance(std::uint64_t{24} * 3600 * 1000 + 5000);
-    EXPECT_EQ(lease_count(), 0U) << "but bounded";
-}
-
-TEST_F(LanServerTest, ALeaseThatWasRenewedEarlyLastsOverAStart) {
-    stb.start();
-    loop.advance(std::uint64_t{8} * 3600 * 1000);
-    stb.start(); /* switched off and on */
-    loop.advance(1000);
-    stb.stop();
-    restart();
-    loop.advance(std::uint64_t{20} * 3600 * 1000);
-    EXPECT_EQ(lease_count(), 1U) << "the device may use its address for four hours more";
-}
-
-TEST_F(LanServerTest, AClockThatWasSetIsNoTimeThatHasPassedAtTheNextStart) {
-    loop.set_wall_clock(1800000000);
-    stb.start();
-    loop.advance(3600000);
-    for (const std::uint64_t clock : {1900000000, 1700000000, 3600, 1800000000}) {
-        loop.set_wall_clock(clock);
-        loop.advance(61000);
-        restart();
-        ASSERT_EQ(lease_count(), 1U) << clock;
-    }
-    const std::uint64_t written = model.generation();
-    loop.advance(600000);
-    EXPECT_EQ(model.generation(), written) << "a clock that goes right";
-    stb.stop();
-    loop.advance(std::uint64_t{24} * 3600 * 1000);
-    EXPECT_EQ(lease_count(), 0U);
 }
 
 TEST_F(LanServerTest, ADeviceThatWaitsIsNotWrittenAtEachOfItsRequests) {
