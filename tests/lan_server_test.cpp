@@ -126,8 +126,15 @@ TEST_F(LanServerTest, LeasesFromBeforeTheHoldsAreHeldAndStayTheirDevices) {
     const std::string address = stb.address();
     hold(true);
     EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "whoever watches the pool decides";
-    loop.advance(std::uint64_t{43200} * 1000 + 5000); /* its renewal is not answered */
-    EXPECT_EQ(waits_because(stb), "on hold since it was reported");
+    stb.port = "lan2";
+    std::vector<std::uint64_t> reports;
+    model.watch("DHCPv4.Server.Pool.zep_stb", [&](const Event &event) {
+        if (is_of_lease(event) && event.kind == Event::Kind::Added)
+            reports.push_back(loop.now_ms());
+    });
+    loop.advance(std::uint64_t{43200} * 1000 + 1000); /* its renewal is not answered */
+    EXPECT_EQ(waits_because(stb), "still on hold two minutes after it was reported");
+    EXPECT_EQ(reports.size(), 1U) << "it may not ask again for hours";
     stb.stop();
     loop.advance(std::uint64_t{3600} * 1000);
     EXPECT_EQ(model.text(lease(stb), "IPAddress"), address) << "the device has it until its end";
@@ -136,6 +143,27 @@ TEST_F(LanServerTest, LeasesFromBeforeTheHoldsAreHeldAndStayTheirDevices) {
     set(lease(stb), {{"OnHold", false}});
     restart();
     EXPECT_FALSE(model.boolean(lease(stb), "OnHold")) << "it was decided on";
+}
+
+TEST_F(LanServerTest, ADeviceThatAsksOnceIsReportedAnewOnceIfItIsThere) {
+    int reports = 0;
+    model.watch("DHCPv4.Server.Pool.zep_stb",
+                [&](const Event &event) { reports += is_of_lease(event) && event.kind == Event::Kind::Added; });
+    for (const char *port : {"lan2", ""}) {
+        hold(false);
+        stb.start();
+        loop.advance(std::uint64_t{43200} * 1000 - 60000);
+        hold(true);
+        loop.advance(60000 + probe_ms); /* it renews a minute after the hold */
+        ASSERT_FALSE(waits_because(stb).empty());
+        stb.stop();
+        lan.port_of_others = port;
+        reports = 0;
+        loop.advance(59000);
+        EXPECT_EQ(reports, 0);
+        loop.advance(std::uint64_t{3600} * 1000);
+        EXPECT_EQ(reports, *port ? 1 : 0);
+    }
 }
 
 TEST_F(LanServerTest, ADeviceThatWaitsIsNotWrittenAtEachOfItsRequests) {

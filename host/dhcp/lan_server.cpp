@@ -34,7 +34,8 @@ std::string lease_path(const LanRule &rule, const std::string &id) {
 
 LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port)
     : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), addresses_(loop, model, pools_, leases_),
-      ends_(loop, model, leases_), waiting_(loop, model), reports_(loop), start_(model.latest_event()) {
+      ends_(loop, model, leases_), waiting_(loop, model), reports_(loop), start_(model.latest_event()),
+      start_ms_(loop.now_ms()) {
     watch_ = model_.watch(lan_pools_path, [this](const Event &event) { on_event(event); });
 }
 
@@ -110,6 +111,14 @@ const LanRule *LanDhcpServer::rule_for(const DhcpMessage &message, const std::st
     return rest;
 }
 
+/* The rule below which the lease of that name is; null when its pool is not in use. */
+const LanRule *LanDhcpServer::rule_of_lease(const std::string &id, const std::string &lease) {
+    for (const auto &[path, place] : leases_.leases_of(id))
+        if (path == lease)
+            return pools_.rule(place.pool, place.rule);
+    return nullptr;
+}
+
 /* Whether the lease is the sender's: an identifier alone can be anybody's. */
 bool LanDhcpServer::is_of(const std::string &lease, const DhcpMessage &message) const {
     return model_.text(lease, "MACAddress") == format_mac(message.hardware.data());
@@ -179,6 +188,7 @@ void LanDhcpServer::begin_lease(const Request &request) {
         drop("too many devices wait");
         return;
     }
+    waiting_.find(request.id)->reported_ms = loop_.now_ms();
     park(request);
     probe(request.id, address);
 }
@@ -279,9 +289,7 @@ void LanDhcpServer::address_used(std::uint32_t address, const HardwareAddress &b
     trace(Level::Warning, "lan", "%s is in use by %s, which has no lease for it; %s is given another address",
           format_ipv4(address).c_str(), format_mac(by.data()).c_str(), id.c_str());
     addresses_.set_aside(address);
-    const auto places = leases_.leases_of(id);
-    const auto place = std::find_if(places.begin(), places.end(), [&](const auto &one) { return one.first == lease; });
-    const LanRule *rule = pools_.rule(place->second.pool, place->second.rule);
+    const LanRule *rule = rule_of_lease(id, lease);
     const std::uint32_t other = rule ? addresses_.choose(*rule, id, {}) : 0;
     if (other == 0) {
         model_.remove(lease);
@@ -308,26 +316,41 @@ void LanDhcpServer::park_or_answer(const Request &request, DhcpType type) {
 /* The device waits; its later requests take the place of the earlier one, and keep its lease from expiring. */
 void LanDhcpServer::park(const Request &request) {
     WaitingDevice &device = *waiting_.find(request.id);
-    const std::uint64_t now = loop_.now_ms();
-    if (device.reported_ms == 0)
-        device.reported_ms = now;
+    if (device.reported_ms == 0) /* its lease is from before the hold, and was reported with it */
+        device.reported_ms = held_ms_.try_emplace(request.rule.pool->name, start_ms_).first->second;
     outlast_offer(request.lease);
     if (!model_.boolean(request.lease, "OnHold"))
         return;
-    const bool long_held = now - device.reported_ms >= report_again_ms;
-    if (long_held) { /* whoever refused it may think otherwise by now */
-        const std::uint32_t address = ipv4_or_none(model_.text(request.lease, "IPAddress"));
-        const std::uint64_t end = leases_.end_of(request.lease).value_or(now);
-        device.reported_ms = now;
-        model_.remove(request.lease);
-        if (!report_lease(request, address))
-            return;
-        ends_.lasts(request.lease, (end - now) / 1000);
-    }
-    if (long_held || !device.told)
-        waiting_.because(
-            request.id, long_held ? "still on hold two minutes after it was reported" : "on hold since it was reported",
-            port_.port_of(request.message.hardware));
+    if (!device.told)
+        waiting_.because(request.id, "on hold since it was reported", port_.port_of(request.message.hardware));
+    const std::uint64_t again_ms = device.reported_ms + report_again_ms;
+    if (again_ms <= loop_.now_ms())
+        report_again(request.id);
+    else if (device.look == 0) /* it may not ask once more for hours */
+        device.look = loop_.start_timer(again_ms - loop_.now_ms(), [this, id = request.id] {
+            WaitingDevice &waiting = *waiting_.find(id);
+            waiting.look = 0;
+            if (waiting.asked_ms > waiting.reported_ms && model_.boolean(waiting.lease, "OnHold") &&
+                (waiting.message.relay != 0 || !port_.port_of(waiting.message.hardware).empty()))
+                report_again(id);
+        });
+}
+
+/* Whoever refused it may think otherwise by now. */
+void LanDhcpServer::report_again(const std::string &id) {
+    const std::uint64_t now = loop_.now_ms();
+    waiting_.find(id)->reported_ms = now;
+    const WaitingDevice waiting = *waiting_.find(id);
+    const LanRule *rule = rule_of_lease(id, waiting.lease);
+    if (!rule)
+        return;
+    const std::uint32_t address = ipv4_or_none(model_.text(waiting.lease, "IPAddress"));
+    const std::uint64_t end = std::max(leases_.end_of(waiting.lease).value_or(now), now + offer_valid_s * 1000);
+    model_.remove(waiting.lease);
+    if (!report_lease({waiting.message, *rule, id, waiting.lease}, address))
+        return;
+    ends_.lasts(waiting.lease, (end - now) / 1000);
+    waiting_.because(id, "still on hold two minutes after it was reported", port_.port_of(waiting.message.hardware));
 }
 
 /* A lease lasts at least as long as its device may take to ask again; one that the device has lasts longer. */
@@ -340,16 +363,13 @@ void LanDhcpServer::outlast_offer(const std::string &lease) {
 void LanDhcpServer::answer_waiting(const std::string &id) {
     const WaitingDevice waiting = *waiting_.find(id);
     const DhcpMessage &message = waiting.message;
-    for (const auto &[path, place] : leases_.leases_of(id)) {
-        const LanRule *rule = path == waiting.lease ? pools_.rule(place.pool, place.rule) : nullptr;
-        if (!rule)
-            continue;
+    if (const LanRule *rule = rule_of_lease(id, waiting.lease)) {
         const bool asks_for_another = message.type == DhcpType::Request &&
-                                      ipv4_or_none(model_.text(path, "IPAddress")) != wanted_address(message);
+                                      ipv4_or_none(model_.text(waiting.lease, "IPAddress")) != wanted_address(message);
         if (asks_for_another)
             answer(message, *rule->pool, {DhcpType::Nak, 0, 0, {}});
         else
-            answer_lease({message, *rule, id, path},
+            answer_lease({message, *rule, id, waiting.lease},
                          message.type == DhcpType::Request ? DhcpType::Ack : DhcpType::Offer);
     }
     waiting_.erase(id);
@@ -418,6 +438,7 @@ void LanDhcpServer::on_event(const Event &event) {
 /* Leases from before the holds are held, too, so that whoever watches the pool decides on each of them; the devices
  * have them all the same. At the start they stay as they were: they have been decided on. */
 void LanDhcpServer::hold_pool(const std::string &pool, bool on) {
+    held_ms_[pool] = loop_.now_ms();
     const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
     for (const std::string &number : model_.instances(rules)) {
         const std::string leases = join_path(rules, number) + ".Lease";

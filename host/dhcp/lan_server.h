@@ -46,9 +46,10 @@ public:
  *
  * While the pool's "LeasesOnHold" is true, a new lease appears as a Lease instance with "OnHold" true and the device is
  * not answered; when "OnHold" turns false, its waiting request is answered at once, with the lease time and the options
- * of that moment. A device that still asks after two minutes is reported anew: its instance is deleted and added. One
- * that is not there, or that is one of a flood, gets no instance. Before an address is offered for the first time all
- * devices are asked whether one of them uses it; a lease that there is already is answered at once.
+ * of that moment. A device that has asked since, once or more, is reported anew after two minutes: its instance
+ * is deleted and added. One that is not there, or that is one of a flood, gets no instance. Before an address is
+ * offered for the first time all devices are asked whether one of them uses it; a lease that there is already is
+ * answered at once.
  *
  * Leases are kept by the store, and taken up again at the start. */
 class LanDhcpServer {
@@ -75,6 +76,7 @@ private:
     };
 
     const LanRule *rule_for(const DhcpMessage &message, const std::string &id);
+    const LanRule *rule_of_lease(const std::string &id, const std::string &lease);
     bool is_of(const std::string &lease, const DhcpMessage &message) const;
 
     void discover(const Request &request);
@@ -92,6 +94,7 @@ private:
     void probed(const std::string &id);
     void park_or_answer(const Request &request, DhcpType type);
     void park(const Request &request);
+    void report_again(const std::string &id);
     void outlast_offer(const std::string &lease);
     void answer_waiting(const std::string &id);
     void answer_lease(const Request &request, DhcpType type);
@@ -112,6 +115,8 @@ private:
     WaitingDevices waiting_;
     ReportLimit reports_;
     std::uint64_t start_; /* the latest event at construction */
+    std::uint64_t start_ms_;
+    std::map<std::string, std::uint64_t> held_ms_; /* since when a pool's leases have been held; else since the start */
     Model::WatchId watch_;
     std::map<std::string, std::uint64_t> dropped_;
 };

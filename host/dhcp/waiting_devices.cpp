@@ -50,6 +50,7 @@ WaitingDevice *WaitingDevices::keep(const std::string &id, const std::string &le
         ++waiting_[reported];
         device = &devices_[id];
         loop_.cancel_timer(device->probe);
+        loop_.cancel_timer(device->look);
         *device = {};
     }
     device->lease = lease;
@@ -82,6 +83,7 @@ void WaitingDevices::erase(const std::string &id) {
     if (found == devices_.end())
         return;
     loop_.cancel_timer(found->second.probe);
+    loop_.cancel_timer(found->second.look);
     --waiting_[found->second.reported];
     devices_.erase(found);
     if (model_.find(path_of(id)))

@@ -22,9 +22,10 @@ struct WaitingDevice {
     bool reported = false;         /* there is that lease */
     DhcpMessage message;           /* its latest request, that is answered */
     std::uint64_t asked_ms = 0;    /* when that came */
-    std::uint64_t reported_ms = 0; /* when its lease was added */
+    std::uint64_t reported_ms = 0; /* when its lease was added, or held */
     bool told = false;             /* why it waits */
     Loop::TimerId probe = 0;       /* while it is looked whether somebody uses its address already */
+    Loop::TimerId look = 0;        /* until it is looked whether it is to be reported anew */
 };
 
 /* Named like their leases. Each for which a reason is told is an instance of "DHCPv4.Server.Waiting", for people. One
