@@ -4,6 +4,7 @@
 
 #include "host/base/text_forms.h"
 #include "host/gateway/graph.h"
+#include "host/gateway/settings.h"
 
 namespace keel {
 
@@ -11,7 +12,8 @@ namespace {
 
 constexpr const char *identities = "Keel.Zephyrin.ClientLease";
 constexpr const char *client_prefix = "dhcp_zep_";
-constexpr int unsaved_slot = client_slots - 1; /* which is not stored at a binding */
+constexpr std::uint64_t taken_up_within_ms = 3 * 60000; /* who was refused is reported anew after two minutes */
+constexpr int unsaved_slot = client_slots - 1;          /* which is not stored at a binding */
 
 const char *const status_names[] = {"Unconnected", "Connected", "Internal", "Unleased"};
 
@@ -171,6 +173,15 @@ std::string broken_remains(const Sight &sight) {
     return "";
 }
 
+bool is_leased(const Model &model, const SimStb &device) {
+    for (const std::string &pool : model.instances(lan_pools_path)) {
+        const std::string lease = join_path(lan_pools_path, pool) + ".Rule.1.Lease." + device.id();
+        if (model.text(lease, "IPAddress") == device.address() && model.text(lease, "MACAddress") == device.mac())
+            return true;
+    }
+    return false;
+}
+
 std::string broken_clean_up(const Sight &sight) {
     if (sight.routed)
         return "";
@@ -191,6 +202,13 @@ bool any_in_force(const RoutedState &state) {
     return std::any_of(all.begin(), all.end(), in_force);
 }
 
+bool has_free_slot(const RoutedState &state) {
+    int taken = 0;
+    for (const Client_lease *lease : identities_of(state))
+        taken += lease->client_id_offset >= 0 && lease->client_id_offset < client_slots ? 1 : 0;
+    return taken < client_slots;
+}
+
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan) {
     return {"raw PREROUTING_zep_ACCEPT -d " + wan + "/255.255.255.255 -j ACCEPT",
             "nat POSTROUTING_zep -s " + lan + " -j SNAT --to-source " + wan,
@@ -207,23 +225,21 @@ std::string broken_safety(const Sight &sight) {
     return "";
 }
 
-std::string broken_liveness(const Sight &sight, const SimStb &device) {
+std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint64_t heard_for_ms) {
     const bool stb = device.habits().vendor_class.starts_with("zep-stb");
     const bool itf = device.habits().vendor_class.starts_with("zep-itf");
     const std::string who = device.id() + " (" + device.habits().maker + ")";
-    const Client_lease *identity = nullptr;
-    unsigned slots = 0;
-    for (const Client_lease *lease : identities_of(sight.state)) {
-        slots += lease->client_id_offset >= 0 && lease->client_id_offset < client_slots ? 1 : 0;
-        if (lease->name == (itf ? "itf" : device.id()))
-            identity = lease;
-    }
+    if (!device.address().empty() && !is_leased(sight.model, device))
+        return "an address is leased to the device that has it: " + who + " has " + device.address();
     if (!sight.routed || (!stb && !itf))
         return device.address().empty() ? "a device that is no matter of the routed mode is served: " + who : "";
-    if (!identity && !device.is_asking())
-        return ""; /* it has a lease of a time without holds, and is looked at when it renews it */
-    if (!identity)
-        return slots < client_slots || itf ? "an STB is taken up once there is a free slot: " + who : "";
+    const Client_lease *identity = nullptr;
+    for (const Client_lease *lease : identities_of(sight.state))
+        if (lease->name == (itf ? "itf" : device.id()))
+            identity = lease;
+    if (!identity) /* one with a lease of a time without holds may not ask for hours */
+        return heard_for_ms >= taken_up_within_ms ? "an STB that asks is taken up once there is a free slot: " + who
+                                                  : "";
     if (identity->status != LeaseStatus::Connected)
         return "an identity with a present device is connected: " + who + " is " + name_of(identity->status);
     if (device.address().empty())

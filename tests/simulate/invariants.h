@@ -29,11 +29,13 @@ struct Sight {
 
 /* The invariant that is broken, in words with what breaks it; "" when all hold. */
 std::string broken_safety(const Sight &sight);
-/* The same for a device that has had all that it needs for long. */
-std::string broken_liveness(const Sight &sight, const SimStb &device);
+/* The same for a device that has had all that it needs for long. heard_for_ms: since when the server knows that it
+ * asks, while it could be taken up all the time; 0 when it has not heard of it. */
+std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint64_t heard_for_ms);
 /* The same for an answer that a device has just got. */
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer);
 bool any_in_force(const RoutedState &state);
+bool has_free_slot(const RoutedState &state);
 /* The rules that stand for one mapped device. */
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);
 

@@ -1,8 +1,10 @@
 /*
- * simulate --seed N | --seeds N | --file SEEDS [--days D] [--faults LIST] [--jobs J] [--shrink]
+ * simulate --seed N | --seeds N | --file RUNS [--days D] [--faults LIST] [--jobs J] [--shrink]
  *
- * Each seed is run in a process of its own: the plug-in's state is that of a process. Leaves 1 when an invariant was
- * broken.
+ * A file has a line "seed N", or "seed N days D", for each run, below it the run's steps as --shrink prints them,
+ * unless they are drawn from the seed, and comments that begin with "#". A folder stands for the files in it.
+ *
+ * Each run has a process of its own: the plug-in's state is that of a process. Leaves 1 when an invariant was broken.
  */
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,8 +13,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <set>
 #include <sstream>
 
 #include "tests/simulate/world.h"
@@ -21,8 +25,14 @@ namespace keel {
 
 namespace {
 
+struct Case {
+    std::uint64_t seed = 0;
+    unsigned days = 0; /* 0: as the options say */
+    Plan plan;         /* empty: it is drawn from the seed */
+};
+
 struct Options {
-    std::vector<std::uint64_t> seeds;
+    std::vector<Case> cases;
     unsigned days = 30;
     unsigned jobs = 2;
     bool shrink = false;
@@ -38,7 +48,17 @@ struct Result {
     std::size_t step = 0;
 };
 
-Result play(const Options &options, std::uint64_t seed, const Plan &plan, bool with_table) {
+/* With its plan. */
+Case drawn(const Options &options, Case one) {
+    if (one.days == 0)
+        one.days = options.days;
+    if (one.plan.empty())
+        one.plan = draw_plan(one.seed, one.days, options.faults);
+    return one;
+}
+
+Result play(const Case &one, bool with_table) {
+    const auto &[seed, days, plan] = one;
     Result result;
     World world(seed, PLUGIN_FILE, SOURCE_DIR "/share/gateway.json");
     std::ostringstream report;
@@ -46,8 +66,8 @@ Result play(const Options &options, std::uint64_t seed, const Plan &plan, bool w
         world.run(plan);
         char digest[32];
         std::snprintf(digest, sizeof digest, "%016llx", static_cast<unsigned long long>(world.table().digest()));
-        report << "seed " << seed << ": " << options.days << " days, " << plan.size() << " steps, "
-               << world.table().events() << " events, digest " << digest << "\n";
+        report << "seed " << seed << ": " << days << " days, " << plan.size() << " steps, " << world.table().events()
+               << " events, digest " << digest << "\n";
     } catch (const std::exception &broken) {
         result.failed = true;
         result.invariant = std::string(broken.what()).substr(0, std::string(broken.what()).find(':'));
@@ -64,7 +84,7 @@ Result play(const Options &options, std::uint64_t seed, const Plan &plan, bool w
 /* In a process of its own, which may as well crash. */
 class Run {
 public:
-    Run(const Options &options, std::uint64_t seed, const Plan &plan, bool with_table) : seed_(seed) {
+    Run(const Case &one, bool with_table) : seed_(one.seed) {
         int ends[2];
         if (pipe(ends) != 0)
             throw std::runtime_error("no pipe");
@@ -72,7 +92,7 @@ public:
         process_ = fork();
         if (process_ == 0) {
             close(ends[0]);
-            const Result result = play(options, seed, plan, with_table);
+            const Result result = play(one, with_table);
             const std::string text = std::to_string(result.failed) + "\n" + std::to_string(result.step) + "\n" +
                                      result.invariant + "\n" + result.report;
             std::size_t at = 0;
@@ -122,20 +142,20 @@ private:
 };
 
 /* Without what is not needed for the same invariant to break: ever smaller pieces are left out. */
-Plan shrink(const Options &options, std::uint64_t seed, Plan plan, const Result &first) {
-    plan.resize(std::min(plan.size(), first.step + 1));
-    for (std::size_t piece = std::max<std::size_t>(plan.size() / 2, 1); piece > 0; piece /= 2)
-        for (std::size_t at = 0; at < plan.size();) {
-            Plan shorter = plan;
-            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(at);
-            shorter.erase(from, from + static_cast<std::ptrdiff_t>(std::min(piece, plan.size() - at)));
-            const Result result = Run(options, seed, shorter, false).wait();
+Case shrink(Case one, const Result &first) {
+    one.plan.resize(std::min(one.plan.size(), first.step + 1));
+    for (std::size_t piece = std::max<std::size_t>(one.plan.size() / 2, 1); piece > 0; piece /= 2)
+        for (std::size_t at = 0; at < one.plan.size();) {
+            Case shorter = one;
+            const auto from = shorter.plan.begin() + static_cast<std::ptrdiff_t>(at);
+            shorter.plan.erase(from, from + static_cast<std::ptrdiff_t>(std::min(piece, one.plan.size() - at)));
+            const Result result = Run(shorter, false).wait();
             if (result.failed && result.invariant == first.invariant)
-                plan = shorter;
+                one = shorter;
             else
                 at += piece;
         }
-    return plan;
+    return one;
 }
 
 std::vector<std::string> parts(const std::string &list) {
@@ -146,14 +166,32 @@ std::vector<std::string> parts(const std::string &list) {
     return all;
 }
 
-/* One seed a line, with a word on it behind. */
-void read_seeds(const std::string &file, std::vector<std::uint64_t> *seeds) {
+void read_cases(const std::filesystem::path &file, std::vector<Case> *cases) {
+    if (std::filesystem::is_directory(file)) {
+        std::set<std::filesystem::path> files;
+        for (const auto &entry : std::filesystem::directory_iterator(file))
+            files.insert(entry.path());
+        for (const auto &one : files)
+            read_cases(one, cases);
+        return;
+    }
     std::ifstream lines(file);
     if (!lines)
-        throw std::runtime_error(file + " cannot be read");
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty() && line[0] != '#')
-            seeds->push_back(std::strtoull(line.c_str(), nullptr, 10));
+        throw std::runtime_error(file.string() + " cannot be read");
+    for (std::string line; std::getline(lines, line);) {
+        unsigned long long seed = 0;
+        Case one;
+        if (line.empty() || line[0] == '#')
+            continue;
+        if (std::sscanf(line.c_str(), "seed %llu days %u", &seed, &one.days) >= 1) {
+            one.seed = seed;
+            cases->push_back(one);
+        } else if (!cases->empty()) {
+            cases->back().plan.push_back(to_step(line));
+        } else {
+            throw std::runtime_error(file.string() + ": no seed before " + line);
+        }
+    }
 }
 
 Options parse(int count, char **arguments) {
@@ -175,12 +213,12 @@ Options parse(int count, char **arguments) {
         const char *value = i + 1 < count ? arguments[++i] : "";
         const auto number = std::strtoull(value, nullptr, 10);
         if (name == "--seed")
-            options.seeds.push_back(number);
+            options.cases.push_back({number, 0, {}});
         else if (name == "--seeds")
             for (std::uint64_t seed = 1; seed <= number; ++seed)
-                options.seeds.push_back(seed);
+                options.cases.push_back({seed, 0, {}});
         else if (name == "--file")
-            read_seeds(value, &options.seeds);
+            read_cases(value, &options.cases);
         else if (name == "--days")
             options.days = static_cast<unsigned>(number);
         else if (name == "--jobs")
@@ -194,13 +232,13 @@ Options parse(int count, char **arguments) {
         if (group != "none" && std::find(fault_groups().begin(), fault_groups().end(), group) == fault_groups().end())
             throw std::runtime_error("unknown faults \"" + group +
                                      "\"; there are people, operator, line, ground, kill, clock and none");
-    if (options.seeds.empty())
-        throw std::runtime_error("--seed N, --seeds N or --file SEEDS is needed");
+    if (options.cases.empty())
+        throw std::runtime_error("--seed N, --seeds N or --file RUNS is needed");
     return options;
 }
 
 int simulate(const Options &options) {
-    const bool one = options.seeds.size() == 1;
+    const bool one = options.cases.size() == 1;
     std::vector<std::uint64_t> failed;
     std::deque<Run> running;
     const auto finish = [&] {
@@ -218,27 +256,26 @@ int simulate(const Options &options) {
             failed.push_back(started.front());
         started.pop_front();
     };
-    for (const std::uint64_t seed : options.seeds) {
+    for (const Case &next : options.cases) {
         if (running.size() >= options.jobs)
             take();
         if (options.first && !failed.empty())
             break;
-        running.emplace_back(options, seed, draw_plan(seed, options.days, options.faults), true);
-        started.push_back(seed);
+        running.emplace_back(drawn(options, next), true);
+        started.push_back(next.seed);
     }
     while (!running.empty())
         take();
-    std::cout << options.seeds.size() << " seeds of " << options.days << " days, " << failed.size() << " failed";
+    std::cout << options.cases.size() << " runs, " << failed.size() << " failed";
     for (const std::uint64_t seed : failed)
         std::cout << " " << seed;
     std::cout << "\n";
     if (options.shrink && one && last.failed) {
-        const Plan plan =
-            shrink(options, options.seeds[0], draw_plan(options.seeds[0], options.days, options.faults), last);
-        std::cout << "\nthe shortest run that still fails:\n";
-        for (const Step &step : plan)
+        const Case shortest = shrink(drawn(options, options.cases[0]), last);
+        std::cout << "\nthe shortest run that still fails:\nseed " << shortest.seed << "\n";
+        for (const Step &step : shortest.plan)
             std::cout << to_text(step) << "\n";
-        std::cout << Run(options, options.seeds[0], plan, true).wait().report;
+        std::cout << Run(shortest, true).wait().report;
     }
     return failed.empty() ? 0 : 1;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <stdexcept>
 
 #include "host/sim/sim_stb.h"
 
@@ -135,10 +136,30 @@ Plan draw_plan(std::uint64_t seed, unsigned days, const std::vector<std::string>
 
 std::string to_text(const Step &step) {
     char text[160];
-    std::snprintf(text, sizeof text, "%12.3f s  %-28s subject %llu value %llu", static_cast<double>(step.at_ms) / 1000,
-                  name_of(step.deed), static_cast<unsigned long long>(step.subject),
-                  static_cast<unsigned long long>(step.value));
+    std::snprintf(text, sizeof text, "%8llu.%03llu s  %-28s subject %llu value %llu",
+                  static_cast<unsigned long long>(step.at_ms / 1000),
+                  static_cast<unsigned long long>(step.at_ms % 1000), name_of(step.deed),
+                  static_cast<unsigned long long>(step.subject), static_cast<unsigned long long>(step.value));
     return text;
+}
+
+Step to_step(const std::string &text) {
+    unsigned long long seconds = 0;
+    unsigned long long milliseconds = 0;
+    unsigned long long subject = 0;
+    unsigned long long value = 0;
+    int name_at = 0;
+    const auto behind = text.find(" subject ");
+    if (behind != std::string::npos &&
+        std::sscanf(text.c_str(), "%llu.%llu s %n", &seconds, &milliseconds, &name_at) == 2 &&
+        std::sscanf(text.c_str() + behind, " subject %llu value %llu", &subject, &value) == 2) {
+        std::string name = text.substr(static_cast<std::size_t>(name_at), behind - static_cast<std::size_t>(name_at));
+        name.erase(name.find_last_not_of(' ') + 1);
+        for (std::size_t kind = 0; kind < kinds.size(); ++kind)
+            if (name == kinds.at(kind).name)
+                return {seconds * 1000 + milliseconds, static_cast<Deed>(kind), subject, value};
+    }
+    throw std::runtime_error("no step: " + text);
 }
 
 } // namespace keel

@@ -82,6 +82,8 @@ std::string group_of(Deed deed);
 
 Plan draw_plan(std::uint64_t seed, unsigned days, const std::vector<std::string> &groups);
 std::string to_text(const Step &step);
+/* A step from that text; throws for what is none. */
+Step to_step(const std::string &text);
 
 } // namespace keel
 

@@ -89,8 +89,11 @@ void World::add_device(std::uint64_t seed, const StbHabits &habits) {
     SimStb &device = *devices_.back();
     device.on_sent = [this, &device, place](const std::string &what) {
         table_.add(loop_.now_ms(), first_device_column + place, what);
-        if (device.is_plugged())
-            set_present(device, true);
+        if (!device.is_plugged())
+            return;
+        set_present(device, true);
+        if (!segment_.dead && device.is_asking())
+            heard_ms_.try_emplace(&device, loop_.now_ms());
     };
     device.on_answer = [this, place](const SimStb::Answer &answer) { look_at_answer(place, answer); };
 }
@@ -143,6 +146,7 @@ void World::power_on() {
 /* A host that is killed leaves on the disk what was there at that moment. */
 void World::power_off(bool killed) {
     loaded_ = false;
+    heard_ms_.clear();
     state_ = nullptr;
     TraceLog::instance().clear();
     if (killed) {
@@ -174,6 +178,8 @@ void World::set(const std::string &path, const Values &values) {
 }
 
 void World::set_present(const SimStb &device, bool present) {
+    if (!present)
+        heard_ms_.erase(&device);
     if (!life_)
         return;
     const std::string path = "Hosts.Host." + device.mac();
@@ -220,6 +226,11 @@ void World::after_turn(bool idle) {
         throw Violation(broken_);
     if (!idle || !loaded_)
         return;
+    if (!is_routed(life_->model))
+        heard_ms_.clear();
+    else if (!has_free_slot(*state_))
+        std::erase_if(heard_ms_,
+                      [](const auto &one) { return !one.first->habits().vendor_class.starts_with("zep-itf"); });
     /* What the LAN server writes of devices that wait is not looked at each time. */
     const std::uint64_t model = std::max(life_->model.find("Keel")->generation, life_->model.find("Weft")->generation);
     const std::uint64_t rules = Ground::instance().generation();
@@ -232,12 +243,19 @@ void World::after_turn(bool idle) {
         throw Violation(broken);
 }
 
+std::uint64_t World::heard_for_ms(const SimStb &device) const {
+    const auto found = heard_ms_.find(&device);
+    return found == heard_ms_.end() ? 0 : loop_.now_ms() - found->second;
+}
+
 void World::look_at_answer(std::size_t place, const SimStb::Answer &answer) {
     static const char *const names[] = {"", "", "offer ", "", "", "ack ", "nak "};
     const SimStb &asker = *devices_[place];
     table_.add(loop_.now_ms(), first_device_column + place, names[static_cast<int>(answer.type)] + answer.address);
-    if (answer.type == DhcpType::Ack)
+    if (answer.type == DhcpType::Ack) {
         moved_by_hand_.erase(&asker);
+        heard_ms_.erase(&asker);
+    }
     if (answer.type == DhcpType::Nak)
         return;
     if (loaded_)
@@ -300,7 +318,7 @@ void World::calm(bool by_people) {
     for (const auto &device : devices_)
         if (device->is_on() && device->is_plugged() &&
             !moved_by_hand_.contains(device.get())) /* it learns of it later */
-            if (const std::string broken = broken_liveness(sight(), *device); !broken.empty())
+            if (const std::string broken = broken_liveness(sight(), *device, heard_for_ms(*device)); !broken.empty())
                 throw Violation(broken);
     if (const std::string error = life_->model.text("KeelHost", "StoreError"); !error.empty())
         throw Violation("a disk that can be written is written: " + error);

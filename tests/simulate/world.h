@@ -71,6 +71,7 @@ private:
     void power_off(bool killed);
     void after_turn(bool idle);
     Sight sight();
+    std::uint64_t heard_for_ms(const SimStb &device) const;
     void look_at_answer(std::size_t device, const SimStb::Answer &answer);
     void set_present(const SimStb &device, bool present);
     void set(const std::string &path, const Values &values);
@@ -95,6 +96,7 @@ private:
     Table table_;
     std::vector<std::unique_ptr<SimStb>> devices_;
     std::set<const SimStb *> moved_by_hand_; /* the server has been told something else than the device knows */
+    std::map<const SimStb *, std::uint64_t> heard_ms_; /* when a device was heard to ask first that could be taken up */
     std::unique_ptr<Life> life_;
     const RoutedState *state_ = nullptr;
     bool loaded_ = false;
