@@ -46,6 +46,10 @@ std::vector<StbHabits> habits_of_devices(Chance &chance) {
     return all;
 }
 
+bool needs_no_slot(const SimStb &device) {
+    return device.habits().vendor_class.starts_with("zep-itf");
+}
+
 std::vector<std::string> columns() {
     std::vector<std::string> names{"gateway", "operator"};
     for (int i = 1; i <= 13; ++i)
@@ -92,7 +96,7 @@ void World::add_device(std::uint64_t seed, const StbHabits &habits) {
         if (!device.is_plugged())
             return;
         set_present(device, true);
-        if (!segment_.dead && device.is_asking())
+        if (!segment_.dead && device.is_asking() && takes_up_ && (has_slot_ || needs_no_slot(device)))
             heard_ms_.try_emplace(&device, loop_.now_ms());
     };
     device.on_answer = [this, place](const SimStb::Answer &answer) { look_at_answer(place, answer); };
@@ -146,7 +150,9 @@ void World::power_on() {
 /* A host that is killed leaves on the disk what was there at that moment. */
 void World::power_off(bool killed) {
     loaded_ = false;
+    takes_up_ = false;
     heard_ms_.clear();
+    present_.clear();
     state_ = nullptr;
     TraceLog::instance().clear();
     if (killed) {
@@ -180,7 +186,7 @@ void World::set(const std::string &path, const Values &values) {
 void World::set_present(const SimStb &device, bool present) {
     if (!present)
         heard_ms_.erase(&device);
-    if (!life_)
+    if (!life_ || std::exchange(present_[&device], present) == present)
         return;
     const std::string path = "Hosts.Host." + device.mac();
     if (life_->model.find(path))
@@ -226,11 +232,6 @@ void World::after_turn(bool idle) {
         throw Violation(broken_);
     if (!idle || !loaded_)
         return;
-    if (!is_routed(life_->model))
-        heard_ms_.clear();
-    else if (!has_free_slot(*state_))
-        std::erase_if(heard_ms_,
-                      [](const auto &one) { return !one.first->habits().vendor_class.starts_with("zep-itf"); });
     /* What the LAN server writes of devices that wait is not looked at each time. */
     const std::uint64_t model = std::max(life_->model.find("Keel")->generation, life_->model.find("Weft")->generation);
     const std::uint64_t rules = Ground::instance().generation();
@@ -238,6 +239,12 @@ void World::after_turn(bool idle) {
         return;
     seen_model_ = model;
     seen_rules_ = rules;
+    takes_up_ = is_routed(life_->model);
+    has_slot_ = has_free_slot(*state_);
+    if (!takes_up_)
+        heard_ms_.clear();
+    else if (!has_slot_)
+        std::erase_if(heard_ms_, [](const auto &one) { return !needs_no_slot(*one.first); });
     restarting_ = restarting_ && is_routed(life_->model) && !any_in_force(*state_);
     if (const std::string broken = broken_safety(sight()); !broken.empty())
         throw Violation(broken);

@@ -97,6 +97,9 @@ private:
     std::vector<std::unique_ptr<SimStb>> devices_;
     std::set<const SimStb *> moved_by_hand_; /* the server has been told something else than the device knows */
     std::map<const SimStb *, std::uint64_t> heard_ms_; /* when a device was heard to ask first that could be taken up */
+    std::map<const SimStb *, bool> present_;           /* as the model has it */
+    bool takes_up_ = false;                            /* the plug-in takes devices up */
+    bool has_slot_ = false;                            /* and has a slot for one more */
     std::unique_ptr<Life> life_;
     const RoutedState *state_ = nullptr;
     bool loaded_ = false;
