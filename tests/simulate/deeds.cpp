@@ -85,8 +85,22 @@ void World::carry_out_as_operator(const Step &step) {
     case Deed::NewAddress:
         address_book_.erase(id);
         break;
+    case Deed::GiveToAnother: { /* which renews first; the one before learns of it when it renews itself */
+        const std::string other = all.empty() ? "" : pick(all, step.value);
+        const std::string other_id =
+            other.empty() ? "" : life_->model.text(interface_path(other) + ".SentOption.61", "Value");
+        if (address_book_[id].empty() || other_id.empty() || other_id == id)
+            break;
+        handed_on_.insert(address_book_[id]);
+        address_book_[other_id] = std::exchange(address_book_[id], "");
+        tell_operator();
+        if (life_->model.text(interface_path(other), "DHCPStatus") == "Bound")
+            life_->wan->renew(other);
+        break;
+    }
     case Deed::NewMask:
-        mask_ = pick(masks, step.value);
+        if (handed_on_.empty()) /* else one address would be there with two of them */
+            mask_ = pick(masks, step.value);
         break;
     case Deed::NewRoutes:
         options_[121] = pick(routes, step.value);

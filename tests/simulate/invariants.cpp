@@ -1,6 +1,7 @@
 #include "tests/simulate/invariants.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "host/base/text_forms.h"
 #include "host/gateway/graph.h"
@@ -13,6 +14,7 @@ namespace {
 constexpr const char *identities = "Keel.Zephyrin.ClientLease";
 constexpr const char *client_prefix = "dhcp_zep_";
 constexpr std::uint64_t taken_up_within_ms = 3 * 60000; /* who was refused is reported anew after two minutes */
+constexpr std::int64_t usual_lease_s = 86400;           /* of the LAN pools */
 constexpr int unsaved_slot = client_slots - 1;          /* which is not stored at a binding */
 
 const char *const status_names[] = {"Unconnected", "Connected", "Internal", "Unleased"};
@@ -75,7 +77,7 @@ std::string broken_owners(const Sight &sight) {
         const std::string name = lease->name;
         if (lease->client_id_offset >= 0 && !slots.insert(lease->client_id_offset).second)
             return "a slot has one owner: " + name + " shares slot " + std::to_string(lease->client_id_offset);
-        if (in_force(lease) && !wan.insert(lease->ip_address).second)
+        if (in_force(lease) && !wan.insert(lease->ip_address).second && !sight.handed_on->contains(lease->ip_address))
             return "a WAN address has one owner: " + name + " shares " + lease->ip_address;
         for (const Server_lease *device : devices_of(lease)) {
             if (device->nat_mapped && !lan.insert(device->ip_address).second &&
@@ -142,7 +144,8 @@ std::string broken_remains(const Sight &sight) {
         clients.insert(client_prefix + std::string(lease->name));
         any = any || in_force(lease);
         if (in_force(lease) && *sight.state.iptv_intf)
-            addresses.insert(std::string(sight.state.iptv_intf) + " " + lease->ip_address);
+            addresses.insert(std::string(sight.state.iptv_intf) + " " + lease->ip_address + "/" +
+                             std::to_string(std::popcount(ipv4_or_none(lease->subnet_mask))));
     }
     for (const std::string &name : sight.model.instances(interfaces_path)) {
         if (name.starts_with(client_prefix) && !clients.contains(name))
@@ -151,7 +154,9 @@ std::string broken_remains(const Sight &sight) {
         if (!name.starts_with("eth1."))
             continue;
         for (const std::string &one : sight.model.instances(path + ".IPv4Addr")) {
-            const std::string held = name + " " + sight.model.text(path + ".IPv4Addr." + one, "Address");
+            const std::string instance = path + ".IPv4Addr." + one;
+            const std::string held = name + " " + sight.model.text(instance, "Address") + "/" +
+                                     std::to_string(sight.model.integer(instance, "PrefixLen"));
             if (!addresses.contains(held))
                 return "no WAN address is left of what is gone: " + held;
             addresses.erase(held);
@@ -189,6 +194,9 @@ std::string broken_clean_up(const Sight &sight) {
         return "outside the routed mode there are no identities";
     if (!sight.ground.rules_lost() && sight.ground.rules() != Ground::default_rules())
         return "after the clean-up the two default rules stand alone";
+    for (const char *pool : iptv_pools)
+        if (sight.model.integer(pool, "LeaseTime") != usual_lease_s || sight.model.boolean(pool, "LeasesOnHold"))
+            return std::string("outside the routed mode the pools are as they were before: ") + pool;
     for (const char *server : {"NTPServer", "WWWServer"})
         if (sight.model.text("Keel.Zephyrin", server) != "00000000")
             return std::string("outside the routed mode no server of the operator's is handed on: ") + server;

@@ -21,10 +21,11 @@ struct Sight {
     const RoutedState &state;
     const Ground &ground;
     std::set<std::string> running_clients;
-    bool routed = false;             /* by the settings */
-    bool stored_by_hand = false;     /* somebody has deleted a stored identity */
-    std::set<std::string> *restored; /* identities of which the state stored is still that of an earlier life */
-    bool restarting = false;         /* no identity has been in force since the start: routes may stand from before */
+    bool routed = false;                    /* by the settings */
+    bool stored_by_hand = false;            /* somebody has deleted a stored identity */
+    std::set<std::string> *restored;        /* identities of which the state stored is still that of an earlier life */
+    const std::set<std::string> *handed_on; /* WAN addresses that the operator has given to another identity */
+    bool restarting = false; /* no identity has been in force since the start: routes may stand from before */
 };
 
 /* The invariant that is broken, in words with what breaks it; "" when all hold. */

@@ -42,6 +42,7 @@ constexpr std::array<Kind, static_cast<std::size_t>(Deed::count)> kinds{{
     {"operator: new routes", 4, "operator"},
     {"operator: new servers", 3, "operator"},
     {"operator: new lease time", 3, "operator"},
+    {"operator: address to another", 3, "operator"},
     {"client renews now", 8, ""},
     {"line down", 4, "line"},
     {"line up", 7, "line"},

@@ -31,6 +31,7 @@ enum class Deed {
     NewRoutes,
     NewServers,
     NewLeaseTime,
+    GiveToAnother,
     RenewNow,
     /* the lines */
     LineDown,

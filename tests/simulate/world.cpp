@@ -12,6 +12,7 @@ namespace keel {
 
 namespace {
 
+constexpr const char *pools[] = {"zep_stb", "zep_itf", "lan"};
 constexpr const char *store_file = "simulated-keel.db";
 constexpr const char *gateway_address = "10.20.0.9";
 constexpr std::uint64_t script_ms = 50;
@@ -110,6 +111,8 @@ World::Life::Life(World &world, SimLoop &loop) : model(loop) {
     model.add("Weft.Intf", "eth1.30", {{"Flags", std::string("netdev vlan")}});
     model.set("Weft.Intf.dhcp_iptv", {{"LowerLayers", std::string("eth1.20 eth1.30")}});
     store = std::make_unique<Store>(loop, model, store_file);
+    if (world.stored_ && *world.stored_ != world.stored_values(model) && world.broken_.empty())
+        world.broken_ = "what was stored is there after a start";
     drop_leftovers(model);
     settings = std::make_unique<Settings>(model);
     kernel = std::make_unique<SimKernel>(loop, *graph);
@@ -144,6 +147,7 @@ void World::power_on() {
     restored_ = {stored.begin(), stored.end()};
     seen_model_ = 0;
     loop_.run_until_idle();
+    look_at_leases();
     table_.add(loop_.now_ms(), gateway_column, "the host has started");
 }
 
@@ -173,6 +177,8 @@ void World::power_off(bool killed) {
     if (!killed && !Ground::instance().rules_lost() && Ground::instance().rules() != Ground::default_rules())
         broken_ = "after an orderly stop the two default rules stand alone";
     segment_.plug_in(nullptr);
+    const bool all_stored = life_->model.text("KeelHost", "StoreError").empty();
+    stored_ = all_stored ? std::optional(stored_values(life_->model)) : std::nullopt;
     life_.reset();
     if (killed)
         disk_.come_back();
@@ -222,9 +228,42 @@ void World::tell_operator() {
 
 /* ------------------------------------------------------------------------------------------------ looking on */
 
+/* What must outlast the host: settings and leases. */
+std::map<std::string, std::string> World::stored_values(const Model &model) {
+    std::map<std::string, std::string> all;
+    for (const char *parameter : {"Enable", "Mode", "Interface", "MonoClient"})
+        all[parameter] = model.text("Keel.Zephyrin", parameter);
+    for (const char *pool : pools) {
+        const std::string parent = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease";
+        for (const std::string &name : model.instances(parent))
+            for (const char *parameter : {"IPAddress", "MACAddress", "Expires"})
+                all[join_path(parent, name) + "." + parameter] = model.text(join_path(parent, name), parameter);
+    }
+    return all;
+}
+
+/* By then the device has asked for more of it, at half of its time and again, and asks every server. */
+void World::look_at_leases() {
+    for (const auto &device : devices_) {
+        const SimStb::Answer &ack = device->last_ack();
+        const std::uint64_t asks_all_ms = ack.at_ms + std::uint64_t{ack.lease_s} * 875;
+        if (device->address().empty() || moved_by_hand_.contains(device.get()) || asks_all_ms <= loop_.now_ms())
+            continue;
+        const auto wanted_s = static_cast<std::int64_t>(loop_.wall_clock_s() + (asks_all_ms - loop_.now_ms()) / 1000);
+        bool found = false;
+        for (const std::string &lease : leases())
+            found = found || (life_->model.text(lease, "IPAddress") == device->address() &&
+                              life_->model.integer(lease, "Expires") + 5 >= wanted_s);
+        if (!found && broken_.empty())
+            broken_ = "a lease lasts over a start until its device asks every server: " + device->id() + " has " +
+                      device->address();
+    }
+}
+
 Sight World::sight() {
-    return {life_->model,    *state_,    Ground::instance(), life_->wan->running(), is_routed(life_->model),
-            stored_by_hand_, &restored_, restarting_};
+    return {
+        life_->model, *state_,     Ground::instance(), life_->wan->running(), is_routed(life_->model), stored_by_hand_,
+        &restored_,   &handed_on_, restarting_};
 }
 
 void World::after_turn(bool idle) {
@@ -285,7 +324,7 @@ std::vector<std::string> World::clients() const {
 
 std::vector<std::string> World::leases() const {
     std::vector<std::string> all;
-    for (const char *pool : {"zep_stb", "zep_itf", "lan"}) {
+    for (const char *pool : pools) {
         const std::string parent = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease";
         for (const std::string &name : life_->model.instances(parent))
             all.push_back(join_path(parent, name));

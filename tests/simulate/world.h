@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -72,6 +73,8 @@ private:
     void after_turn(bool idle);
     Sight sight();
     std::uint64_t heard_for_ms(const SimStb &device) const;
+    static std::map<std::string, std::string> stored_values(const Model &model);
+    void look_at_leases();
     void look_at_answer(std::size_t device, const SimStb::Answer &answer);
     void set_present(const SimStb &device, bool present);
     void set(const std::string &path, const Values &values);
@@ -118,8 +121,10 @@ private:
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
     std::set<std::string> restored_;
-    bool restarting_ = false; /* no identity has been in force since the start */
-    std::string broken_;      /* found where nothing can be thrown */
+    bool restarting_ = false;                                  /* no identity has been in force since the start */
+    std::set<std::string> handed_on_;                          /* addresses of one WAN client to another */
+    std::optional<std::map<std::string, std::string>> stored_; /* at the latest stop */
+    std::string broken_;                                       /* found where nothing can be thrown */
     std::uint64_t seen_model_ = 0;
     std::uint64_t seen_rules_ = 0;
     std::size_t step_ = 0;
