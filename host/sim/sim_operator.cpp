@@ -15,7 +15,10 @@ SimOperator::SimOperator(Loop &loop, InterfaceGraph &graph)
           loop, graph,
           [this](const std::string &name, const std::string &) {
               ++starts[name];
-              select(name);
+              if (vary_pause)
+                  after(name, vary_pause(0), &SimOperator::select);
+              else
+                  select(name);
           },
           [this](const std::string &name) {
               loop_.cancel_timer(clients_[name].timer);
@@ -41,9 +44,15 @@ void SimOperator::after(const std::string &name, std::uint64_t milliseconds,
     client.timer = loop_.start_timer(milliseconds, [this, name, step] { (this->*step)(name); });
 }
 
+void SimOperator::sent(const std::string &name) {
+    show_.sent(name);
+    if (on_message)
+        on_message();
+}
+
 void SimOperator::select(const std::string &name) {
     show_.status(name, "Selecting");
-    show_.sent(name);
+    sent(name);
     if (online) {
         show_.answered(name, server_id);
         after(name, answer_ms, &SimOperator::request);
@@ -54,8 +63,9 @@ void SimOperator::select(const std::string &name) {
 }
 
 void SimOperator::select_later(const std::string &name, std::uint64_t milliseconds) {
-    show_.next_try_in(name, milliseconds);
-    after(name, milliseconds, &SimOperator::select);
+    const std::uint64_t pause = vary_pause ? vary_pause(milliseconds) : milliseconds;
+    show_.next_try_in(name, pause);
+    after(name, pause, &SimOperator::select);
 }
 
 void SimOperator::refuse(const std::string &name) {
@@ -66,7 +76,7 @@ void SimOperator::refuse(const std::string &name) {
 
 void SimOperator::request(const std::string &name) {
     show_.status(name, clients_[name].useless_lease ? "Selecting" : "Requesting");
-    show_.sent(name);
+    sent(name);
     if (std::exchange(refused_[name], false))
         refuse(name);
     else
@@ -110,7 +120,7 @@ void SimOperator::try_renewal(const std::string &name) {
         return;
     }
     show_.status(name, age_ms >= lasts_s * 875 ? "Rebinding" : "Renewing");
-    show_.sent(name);
+    sent(name);
     if (!online) {
         after(name, renewal_retry_ms, &SimOperator::try_renewal);
     } else if (std::exchange(refused_[name], false)) {

@@ -39,6 +39,10 @@ public:
     std::function<void(const std::string &client_id, Terms &terms)> vary;
     std::uint64_t answer_ms = 10;           /* how long it takes to answer */
     std::uint64_t renewal_retry_ms = 10000; /* of its clients: between two tries to renew */
+    /* Told of each message that a client sends; and what becomes of a client's pause before it starts (0) or tries
+     * again. */
+    std::function<void()> on_message;
+    std::function<std::uint64_t(std::uint64_t milliseconds)> vary_pause;
     /* The next request of that WAN client is answered by a NAK. */
     void refuse_once(const std::string &interface) { refused_[interface] = true; }
     /* Has a bound client renew now. */
@@ -58,6 +62,7 @@ private:
         bool useless_lease = false; /* what it was leased last cannot be used */
     };
 
+    void sent(const std::string &name);
     void after(const std::string &name, std::uint64_t milliseconds, void (SimOperator::*step)(const std::string &));
     void select(const std::string &name);
     void select_later(const std::string &name, std::uint64_t milliseconds);

@@ -1,6 +1,8 @@
 /*
  * simulate --seed N | --seeds N | --file RUNS [--days D] [--faults LIST] [--jobs J] [--shrink]
  *
+ * simulate --fleet GATEWAYS
+ *
  * A file has a line "seed N", or "seed N days D", for each run, below it the run's steps as --shrink prints them,
  * unless they are drawn from the seed, and comments that begin with "#". A folder stands for the files in it.
  *
@@ -19,11 +21,14 @@
 #include <set>
 #include <sstream>
 
+#include "tests/simulate/fleet.h"
 #include "tests/simulate/world.h"
 
 namespace keel {
 
 namespace {
+
+constexpr const char *model_file = SOURCE_DIR "/share/gateway.json";
 
 struct Case {
     std::uint64_t seed = 0;
@@ -37,6 +42,7 @@ struct Options {
     unsigned jobs = 2;
     bool shrink = false;
     bool quiet = false;
+    unsigned fleet = 0;
     bool first = false; /* no more seeds once one has failed */
     std::vector<std::string> faults = fault_groups();
 };
@@ -60,7 +66,7 @@ Case drawn(const Options &options, Case one) {
 Result play(const Case &one, bool with_table) {
     const auto &[seed, days, plan] = one;
     Result result;
-    World world(seed, PLUGIN_FILE, SOURCE_DIR "/share/gateway.json");
+    World world(seed, PLUGIN_FILE, model_file);
     std::ostringstream report;
     try {
         world.run(plan);
@@ -223,6 +229,8 @@ Options parse(int count, char **arguments) {
             options.days = static_cast<unsigned>(number);
         else if (name == "--jobs")
             options.jobs = std::max(1U, static_cast<unsigned>(number));
+        else if (name == "--fleet")
+            options.fleet = static_cast<unsigned>(number);
         else if (name == "--faults")
             options.faults = parts(value);
         else
@@ -232,12 +240,16 @@ Options parse(int count, char **arguments) {
         if (group != "none" && std::find(fault_groups().begin(), fault_groups().end(), group) == fault_groups().end())
             throw std::runtime_error("unknown faults \"" + group +
                                      "\"; there are people, operator, line, ground, kill, clock and none");
-    if (options.cases.empty())
-        throw std::runtime_error("--seed N, --seeds N or --file RUNS is needed");
+    if (options.cases.empty() && options.fleet == 0)
+        throw std::runtime_error("--seed N, --seeds N, --file RUNS or --fleet GATEWAYS is needed");
     return options;
 }
 
 int simulate(const Options &options) {
+    if (options.fleet != 0) {
+        std::cout << fleet_report(options.fleet, PLUGIN_FILE, model_file);
+        return 0;
+    }
     const bool one = options.cases.size() == 1;
     std::vector<std::uint64_t> failed;
     std::deque<Run> running;

@@ -204,6 +204,8 @@ void World::set_present(const SimStb &device, bool present) {
 void World::tell_operator() {
     SimOperator &wan = *life_->wan;
     wan.online = online_;
+    wan.on_message = on_wan_message;
+    wan.vary_pause = vary_wan_pause;
     wan.answer_ms = answer_ms_;
     wan.lease_s = lease_s_;
     wan.renewal_retry_ms = 300000;
@@ -371,6 +373,7 @@ void World::calm(bool by_people) {
 }
 
 void World::run(const Plan &plan) {
+    tell_operator();
     for (step_ = 0; step_ < plan.size(); ++step_) {
         const Step &step = plan[step_];
         if (step.at_ms > loop_.now_ms())

@@ -48,6 +48,10 @@ public:
     std::size_t step() const { return step_; }
     std::uint64_t now_ms() const { return loop_.now_ms(); }
 
+    /* Of every operator's, as SimOperator has them; to be set before the run. */
+    std::function<void()> on_wan_message;
+    std::function<std::uint64_t(std::uint64_t milliseconds)> vary_wan_pause;
+
 private:
     /* From a start of the host to its end. */
     struct Life {
