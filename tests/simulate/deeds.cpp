@@ -214,6 +214,9 @@ void World::carry_out_on_ground(const Step &step) {
     case Deed::CommandHangs:
         ground.hanging_command = 1 + step.value % 12;
         break;
+    case Deed::AllocationFails:
+        ground.failing_allocation = 1 + step.value % 8;
+        break;
     case Deed::WriteFails:
         disk_.failing_write = 1 + step.value % 20;
         break;

@@ -1,6 +1,9 @@
 #include "tests/simulate/ground.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 
 namespace keel {
@@ -8,11 +11,17 @@ namespace keel {
 namespace {
 constexpr std::uint64_t hanging_ms = 10000;
 constexpr int failed = 256;
+Ground *the_ground = nullptr; /* once there is one */
 } // namespace
 
 Ground &Ground::instance() {
     static Ground one;
+    the_ground = &one;
     return one;
+}
+
+Ground *Ground::failing() {
+    return the_ground && the_ground->failing_allocation > 0 ? the_ground : nullptr;
 }
 
 const Ground::Rules &Ground::default_rules() {
@@ -86,7 +95,20 @@ int Ground::run(const std::string &command) {
 
 } // namespace keel
 
-/* Takes the place of the C library's for the plug-in. */
+/* These take the place of the C library's for the plug-in. */
 extern "C" __attribute__((used, visibility("default"))) int system(const char *command) {
     return keel::Ground::instance().run(command);
+}
+
+extern "C" void *__libc_calloc(std::size_t count, std::size_t size);
+
+extern "C" __attribute__((used, visibility("default"))) void *calloc(std::size_t count, std::size_t size) {
+    keel::Ground *ground = keel::Ground::failing();
+    Dl_info caller;
+    if (ground && dladdr(__builtin_return_address(0), &caller) && std::strstr(caller.dli_fname, "zephyrin.so") &&
+        --ground->failing_allocation == 0) {
+        ground->allocation_failed = true;
+        return nullptr;
+    }
+    return __libc_calloc(count, size);
 }

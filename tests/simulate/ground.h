@@ -17,6 +17,8 @@ public:
     using Rules = std::map<std::string, unsigned>; /* "TABLE CHAIN RULE..." -> how often it stands */
 
     static Ground &instance();
+    /* The same while an allocation is to fail, else null; makes nothing. */
+    static Ground *failing();
 
     /* As the set-up of the chains leaves them. */
     void set_up();
@@ -33,6 +35,8 @@ public:
     std::uint64_t failing_command = 0; /* the Nth from now fails; 0: none */
     std::uint64_t hanging_command = 0; /* the Nth from now takes ten seconds; 0: none */
     std::function<void(std::uint64_t ms)> hold;
+    std::uint64_t failing_allocation = 0; /* the Nth of the plug-in's from now finds no memory; 0: none */
+    bool allocation_failed = false;       /* since somebody said false: the plug-in has fewer records than it wanted */
     /* A failed command or somebody's hand has left other rules than the plug-in knows of: those of mappings until the
      * chains are emptied, others until they are set up anew. */
     bool rules_lost() const { return mappings_lost_ || others_lost_; }

@@ -258,6 +258,18 @@ std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint6
     return "";
 }
 
+std::string broken_routes(const Sight &sight) {
+    if (!sight.routed || !any_in_force(sight.state))
+        return "";
+    std::size_t installed = 0;
+    for (const std::string &name : sight.model.instances(interface_path(sight.state.iptv_intf) + ".IPv4Route"))
+        installed += name.starts_with("zep_") ? 1 : 0;
+    const std::size_t received = llist_size(&sight.state.routes);
+    return installed == received && received > 0 ? ""
+                                                 : "the operator's routes are installed: " + std::to_string(installed) +
+                                                       " of " + std::to_string(received);
+}
+
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer) {
     const bool itf = device.habits().vendor_class.starts_with("zep-itf");
     if (!sight.routed || !(itf || device.habits().vendor_class.starts_with("zep-stb")))

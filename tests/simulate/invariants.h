@@ -33,6 +33,8 @@ std::string broken_safety(const Sight &sight);
 /* The same for a device that has had all that it needs for long. heard_for_ms: since when the server knows that it
  * asks, while it could be taken up all the time; 0 when it has not heard of it. */
 std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint64_t heard_for_ms);
+/* The same for the routes that the operator has sent. */
+std::string broken_routes(const Sight &sight);
 /* The same for an answer that a device has just got. */
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer);
 bool any_in_force(const RoutedState &state);

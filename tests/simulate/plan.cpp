@@ -60,6 +60,7 @@ constexpr std::array<Kind, static_cast<std::size_t>(Deed::count)> kinds{{
     {"clock set", 2, "clock"},
     {"a command fails", 2, "ground"},
     {"a command hangs", 3, "ground"},
+    {"an allocation fails", 1, "ground"},
     {"a write fails", 3, "ground"},
     {"disk full", 2, "ground"},
     {"disk mended", 4, "ground"},

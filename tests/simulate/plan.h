@@ -52,6 +52,7 @@ enum class Deed {
     /* the ground */
     CommandFails,
     CommandHangs,
+    AllocationFails,
     WriteFails,
     DiskFull,
     DiskMended,

@@ -123,6 +123,7 @@ World::Life::Life(World &world, SimLoop &loop) : model(loop) {
 
 void World::power_on() {
     Ground::instance().set_up();
+    Ground::instance().allocation_failed = false;
     life_ = std::make_unique<Life>(*this, loop_);
     tell_operator();
     segment_.plug_in(life_->lan_server.get());
@@ -174,7 +175,8 @@ void World::power_off(bool killed) {
     });
     if (!killed && left != lines.end())
         broken_ = "an orderly stop leaves nothing open: " + left->text;
-    if (!killed && !Ground::instance().rules_lost() && Ground::instance().rules() != Ground::default_rules())
+    if (!killed && !Ground::instance().rules_lost() && !Ground::instance().allocation_failed &&
+        Ground::instance().rules() != Ground::default_rules())
         broken_ = "after an orderly stop the two default rules stand alone";
     segment_.plug_in(nullptr);
     const bool all_stored = life_->model.text("KeelHost", "StoreError").empty();
@@ -287,6 +289,9 @@ void World::after_turn(bool idle) {
     else if (!has_slot_)
         std::erase_if(heard_ms_, [](const auto &one) { return !needs_no_slot(*one.first); });
     restarting_ = restarting_ && is_routed(life_->model) && !any_in_force(*state_);
+    if (Ground::instance()
+            .allocation_failed) /* what then is missing is not made up for before the service starts anew */
+        return;
     if (const std::string broken = broken_safety(sight()); !broken.empty())
         throw Violation(broken);
 }
@@ -306,7 +311,7 @@ void World::look_at_answer(std::size_t place, const SimStb::Answer &answer) {
     }
     if (answer.type == DhcpType::Nak)
         return;
-    if (loaded_)
+    if (loaded_ && !Ground::instance().allocation_failed)
         if (std::string broken = broken_answer(sight(), asker, answer); !broken.empty())
             broken_ = std::move(broken);
     for (const auto &other : devices_)
@@ -345,6 +350,7 @@ void World::make_well() {
     segment_.dead = false;
     Ground::instance().failing_command = 0;
     Ground::instance().hanging_command = 0;
+    Ground::instance().failing_allocation = 0;
     life_->kernel->lose_events(0);
     lines_ = {{"eth1.20", true}, {"eth1.30", false}};
     for (const auto &[line, up] : lines_)
@@ -354,11 +360,13 @@ void World::make_well() {
 void World::calm(bool by_people) {
     constexpr std::uint64_t minute_ms = 60000;
     make_well();
-    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost()) {
+    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost() ||
+        Ground::instance().allocation_failed) {
         set("Keel.Zephyrin", {{"Enable", false}});
         loop_.advance(2000);
         stored_by_hand_ = false;
         mono_switched_ = false;
+        Ground::instance().allocation_failed = false;
     }
     set("Keel.Zephyrin", {{"MonoClient", false}});
     set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"Enable", true}});
@@ -368,6 +376,8 @@ void World::calm(bool by_people) {
             !moved_by_hand_.contains(device.get())) /* it learns of it later */
             if (const std::string broken = broken_liveness(sight(), *device, heard_for_ms(*device)); !broken.empty())
                 throw Violation(broken);
+    if (const std::string broken = broken_routes(sight()); !broken.empty())
+        throw Violation(broken);
     if (const std::string error = life_->model.text("KeelHost", "StoreError"); !error.empty())
         throw Violation("a disk that can be written is written: " + error);
 }
