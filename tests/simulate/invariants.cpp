@@ -41,6 +41,15 @@ std::vector<const Server_lease *> devices_of(const Client_lease *lease) {
     return all;
 }
 
+/* Null for none. */
+const Client_lease *identity_of(const RoutedState &state, const SimStb &device) {
+    const bool itf = device.habits().vendor_class.starts_with("zep-itf");
+    const auto all = identities_of(state);
+    const auto found = std::find_if(
+        all.begin(), all.end(), [&](const Client_lease *lease) { return lease->name == (itf ? "itf" : device.id()); });
+    return found == all.end() ? nullptr : *found;
+}
+
 std::string broken_rules(const Sight &sight) {
     if (sight.ground.rules_lost())
         return "";
@@ -241,10 +250,7 @@ std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint6
         return "an address is leased to the device that has it: " + who + " has " + device.address();
     if (!sight.routed || (!stb && !itf))
         return device.address().empty() ? "a device that is no matter of the routed mode is served: " + who : "";
-    const Client_lease *identity = nullptr;
-    for (const Client_lease *lease : identities_of(sight.state))
-        if (lease->name == (itf ? "itf" : device.id()))
-            identity = lease;
+    const Client_lease *identity = identity_of(sight.state, device);
     if (!identity) /* one with a lease of a time without holds may not ask for hours */
         return heard_for_ms >= taken_up_within_ms ? "an STB that asks is taken up once there is a free slot: " + who
                                                   : "";
@@ -256,6 +262,17 @@ std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint6
         if (!sight.ground.rules().contains(rule))
             return "an STB that is served is mapped: " + who + " lacks " + rule;
     return "";
+}
+
+std::string broken_view(const Sight &sight, const SimStb &device, const StatusView &view) {
+    if (!sight.routed || !device.habits().vendor_class.starts_with("zep-stb"))
+        return "";
+    const Client_lease *identity = identity_of(sight.state, device);
+    const bool served = identity && identity->status == LeaseStatus::Connected && !device.address().empty();
+    return served == view.served.contains(device.mac())
+               ? ""
+               : "who is told of an STB is told what is so: " + device.mac() + " is " + (served ? "" : "not ") +
+                     "served, \"" + view.headline + "\"";
 }
 
 std::string broken_routes(const Sight &sight) {

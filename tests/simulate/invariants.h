@@ -12,6 +12,7 @@
 #include "host/sim/sim_stb.h"
 #include "tests/simulate/ground.h"
 #include "tests/simulate/image.h"
+#include "tests/simulate/status_view.h"
 
 namespace keel {
 
@@ -33,6 +34,8 @@ std::string broken_safety(const Sight &sight);
 /* The same for a device that has had all that it needs for long. heard_for_ms: since when the server knows that it
  * asks, while it could be taken up all the time; 0 when it has not heard of it. */
 std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint64_t heard_for_ms);
+/* The same for what a person is told of a device. */
+std::string broken_view(const Sight &sight, const SimStb &device, const StatusView &view);
 /* The same for the routes that the operator has sent. */
 std::string broken_routes(const Sight &sight);
 /* The same for an answer that a device has just got. */

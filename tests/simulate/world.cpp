@@ -357,6 +357,11 @@ void World::make_well() {
         life_->kernel->set_link(line, up);
 }
 
+/* It is there, and knows what the server knows: what somebody has moved by hand it learns of later. */
+bool World::is_settled(const SimStb &device) const {
+    return device.is_on() && device.is_plugged() && !moved_by_hand_.contains(&device);
+}
+
 void World::calm(bool by_people) {
     constexpr std::uint64_t minute_ms = 60000;
     make_well();
@@ -372,10 +377,14 @@ void World::calm(bool by_people) {
     set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"Enable", true}});
     loop_.advance(80 * minute_ms);
     for (const auto &device : devices_)
-        if (device->is_on() && device->is_plugged() &&
-            !moved_by_hand_.contains(device.get())) /* it learns of it later */
+        if (is_settled(*device))
             if (const std::string broken = broken_liveness(sight(), *device, heard_for_ms(*device)); !broken.empty())
                 throw Violation(broken);
+    life_->model.set("TIDE.Intf.iptv", {{"Status", std::string("Running")}}); /* there is no daemon here */
+    const StatusView view = status_view(life_->model);
+    for (const auto &device : devices_)
+        if (const std::string broken = broken_view(sight(), *device, view); !broken.empty() && is_settled(*device))
+            throw Violation(broken);
     if (const std::string broken = broken_routes(sight()); !broken.empty())
         throw Violation(broken);
     if (const std::string error = life_->model.text("KeelHost", "StoreError"); !error.empty())

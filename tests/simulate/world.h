@@ -89,6 +89,7 @@ private:
     void carry_out_as_person(const Step &step);
     void carry_out_on_ground(const Step &step);
     void make_well();
+    bool is_settled(const SimStb &device) const;
     void calm(bool by_people);
     void tell_operator();
     std::vector<std::string> clients() const;
