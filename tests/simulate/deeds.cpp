@@ -196,7 +196,7 @@ void World::carry_out_on_ground(const Step &step) {
     switch (step.deed) {
     case Deed::LineDown:
     case Deed::LineUp:
-        life_->kernel->set_link(line, lines_[line] = step.deed == Deed::LineUp);
+        set_line(line, step.deed == Deed::LineUp);
         break;
     case Deed::Flap: {
         const bool up = lines_[line];
@@ -239,6 +239,10 @@ void World::carry_out_on_ground(const Step &step) {
         if (unsaved)
             for (const auto &device : devices_)
                 moved_by_hand_.insert(device.get());
+        if (step.subject % 4 == 0) { /* the power was away, and the line comes back later than the host */
+            lines_["eth1.20"] = lines_["eth1.30"] = false;
+            loop_.start_timer(step.value % longest_fault_ms, [this] { set_line("eth1.20", true); });
+        }
         power_off(step.deed == Deed::Kill);
         loop_.advance(step.value % 30000);
         power_on();

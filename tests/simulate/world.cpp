@@ -321,6 +321,12 @@ void World::look_at_answer(std::size_t place, const SimStb::Answer &answer) {
                       answer.address + " of " + other->id();
 }
 
+void World::set_line(const std::string &line, bool up) {
+    lines_[line] = up;
+    if (life_)
+        life_->kernel->set_link(line, up);
+}
+
 std::vector<std::string> World::clients() const {
     std::vector<std::string> all;
     for (const std::string &name : life_->model.instances("Weft.Intf"))

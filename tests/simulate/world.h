@@ -80,6 +80,7 @@ private:
     static std::map<std::string, std::string> stored_values(const Model &model);
     void look_at_leases();
     void look_at_answer(std::size_t device, const SimStb::Answer &answer);
+    void set_line(const std::string &line, bool up);
     void set_present(const SimStb &device, bool present);
     void set(const std::string &path, const Values &values);
 
