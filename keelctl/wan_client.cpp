@@ -16,7 +16,8 @@ WanClient::WanClient(Gateway &gateway, const Json &identity)
       next_try(number(exchange, "NextTry")) {
     if (or_none(address) == "none")
         address = "";
-    if (state == "Bound" && address.empty()) { /* the last slot's address is not written with its identity */
+    /* The last slot's identity is written when its client is given up, and not at a binding: it may be an old one. */
+    if (is_bound() && or_none(text(wan, "IPAddress")) != "none") {
         address = text(wan, "IPAddress");
         status = "Connected";
     }
