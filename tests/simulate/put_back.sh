@@ -1,7 +1,7 @@
 #!/bin/sh
 # Puts faults that the project once had back into a copy of the tree, one at a time, and has the simulator find each.
 #   put_back.sh SOURCE_DIR BUILD_DIR [NAME...]    the patches of faults/ of those names, else all; 1 when one is not found
-# The drawn seeds come first, then the runs that are kept in tests/seeds.
+# The runs that are kept in tests/seeds come first, then seeds as they are drawn.
 set -eu
 source=$1
 build=$2
@@ -27,7 +27,7 @@ for name in "$@"; do
         exit 1
     }
     patch -s -R -d "$tree" -p1 <"$faults/$name.patch"
-    if "$build/build/simulate" --seeds $seeds --file "$source/tests/seeds" --days $days --jobs "$jobs" --first --quiet \
+    if "$build/build/simulate" --file "$source/tests/seeds" --seeds $seeds --days $days --jobs "$jobs" --first --quiet \
         >"$build/$name.log"; then
         echo "$name: NOT FOUND in $seeds seeds of $days days"
         failed=1
