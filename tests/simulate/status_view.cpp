@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "host/control/conversation.h"
-#include "keelctl/diagnosis.h"
+#include "keelctl/stbs.h"
 
 namespace keelctl {
 
@@ -12,8 +12,6 @@ keel::Model *asked = nullptr;
 }
 
 /* Instead of a socket, the model itself is asked, in the words that go over the socket. */
-Client::Client(const std::string &socket) : socket_(-1), name_(socket) {}
-
 Client::~Client() = default;
 
 Json Client::ask(const Json &message) {
@@ -50,8 +48,8 @@ StatusView status_view(Model &model) {
     keelctl::asked = &model;
     keelctl::Client client("");
     keelctl::Gateway gateway(client, keelctl::Gateway::Devices::Iptv);
-    keelctl::Json list = keelctl::Json::array();
-    StatusView view{keelctl::headline(gateway, &list), {}};
+    const keelctl::Json list = keelctl::stbs_of(gateway);
+    StatusView view{keelctl::headline(list), {}};
     for (const keelctl::Json &one : list)
         if (one.value("served", false))
             view.served.insert(one.value("mac", ""));
