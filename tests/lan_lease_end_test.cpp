@@ -86,7 +86,7 @@ TEST_F(LanServerTest, AClockThatWasSetIsNoTimeThatHasPassedAtTheNextStart) {
     loop.set_wall_clock(1800000000);
     stb.start();
     loop.advance(3600000);
-    for (const std::uint64_t clock : {1900000000, 1700000000, 3600, 1800000000}) {
+    for (const std::uint64_t clock : std::initializer_list<std::uint64_t>{1900000000, 1700000000, 3600, 1800000000}) {
         loop.set_wall_clock(clock);
         loop.advance(61000);
         restart();

@@ -8,7 +8,7 @@ namespace keel {
 namespace {
 
 constexpr const char *service = "Keel.Zephyrin";
-constexpr std::uint64_t longest_fault_ms = 2 * 3600 * 1000;
+constexpr std::uint64_t longest_fault_ms = std::uint64_t{2} * 3600 * 1000;
 constexpr std::uint64_t clock_noticed_ms = 61000; /* the ends of leases are written by the clock of then */
 
 template <typename Choices> auto pick(const Choices &choices, std::uint64_t number) {

@@ -13,9 +13,10 @@ namespace {
 
 constexpr const char *identities = "Keel.Zephyrin.ClientLease";
 constexpr const char *client_prefix = "dhcp_zep_";
-constexpr std::uint64_t taken_up_within_ms = 3 * 60000; /* who was refused is reported anew after two minutes */
-constexpr std::int64_t usual_lease_s = 86400;           /* of the LAN pools */
-constexpr int unsaved_slot = client_slots - 1;          /* which is not stored at a binding */
+constexpr std::uint64_t taken_up_within_ms =
+    std::uint64_t{3} * 60000;                  /* who was refused is reported anew after two minutes */
+constexpr std::int64_t usual_lease_s = 86400;  /* of the LAN pools */
+constexpr int unsaved_slot = client_slots - 1; /* which is not stored at a binding */
 
 const char *const status_names[] = {"Unconnected", "Connected", "Internal", "Unleased"};
 

@@ -254,7 +254,7 @@ int simulate(const Options &options) {
     std::vector<std::uint64_t> failed;
     std::deque<Run> running;
     const auto finish = [&] {
-        const Result result = running.front().wait();
+        Result result = running.front().wait();
         running.pop_front();
         if (result.failed || (one && !options.quiet))
             std::cout << result.report << std::flush;

@@ -124,7 +124,7 @@ Plan draw_plan(std::uint64_t seed, unsigned days, const std::vector<std::string>
         plan.push_back({at_ms += 1000, Deed::SwitchOn, first, 0});
     while (at_ms < days * day_ms) {
         at_ms += draw_pause(chance);
-        std::uint64_t drawn = chance.below(total);
+        std::uint64_t drawn = chance.below(std::max(total, 1U)); /* there are always some */
         std::size_t kind = 0;
         while (drawn >= weights.at(kind))
             drawn -= weights.at(kind++);
