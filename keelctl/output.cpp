@@ -1,7 +1,6 @@
 #include "keelctl/output.h"
 
-#include <cstdio>
-#include <ctime>
+#include "host/base/trace_form.h"
 
 namespace keelctl {
 
@@ -20,18 +19,7 @@ std::string tree_text(const Json &tree, const std::string &path) {
 }
 
 std::string trace_text(const Json &line) {
-    const auto milliseconds = line["time_ms"].get<std::uint64_t>();
-    const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    const auto level = line["level"].get<unsigned>();
-    char time[32];
-    std::snprintf(time, sizeof time, "%02d:%02d:%02d.%03u %c ", local.tm_hour, local.tm_min, local.tm_sec,
-                  static_cast<unsigned>(milliseconds % 1000),
-                  level <= 100   ? 'x'
-                  : level <= 200 ? '!'
-                                 : 'i');
-    return time + line["zone"].get<std::string>() + ": " + line["text"].get<std::string>() + "\n";
+    return keel::format_trace(line["time_ms"], line["level"], line["zone"], line["text"]) + "\n";
 }
 
 } // namespace keelctl

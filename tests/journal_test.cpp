@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "host/base/journal.h"
+#include "host/base/trace_form.h"
 
 namespace keel {
 
@@ -71,6 +72,22 @@ TEST_F(JournalTest, OneThatTakesNothingIsTriedAgain) {
 
 TEST_F(JournalTest, APathThatIsTooLongIsNone) {
     EXPECT_FALSE(Journal(std::string(200, 'x')).write(6, "host", "text"));
+}
+
+TEST(TraceForm, ZoneAndLevelStandOnceInALine) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    const struct {
+        const char *zone;
+        const char *text;
+        const char *line;
+    } cases[] = {{"routed", "routed  - [i]on - (f@a.cpp:1)", "2026-03-01 12:05:09.020 ! routed: on - (f@a.cpp:1)"},
+                 {"ip_route", "ip_rout - [x]asprintf failed", "2026-03-01 12:05:09.020 ! ip_route: asprintf failed"},
+                 {"routed", "wanmode - [i]on", "2026-03-01 12:05:09.020 ! routed: wanmode - [i]on"},
+                 {"routed", "routed  - [", "2026-03-01 12:05:09.020 ! routed: routed  - ["},
+                 {"", "up", "2026-03-01 12:05:09.020 ! up"}};
+    for (const auto &one : cases)
+        EXPECT_EQ(format_trace(1772366709020, 200, one.zone, one.text), one.line);
 }
 
 } // namespace keel

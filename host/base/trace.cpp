@@ -9,6 +9,8 @@
 #include <ctime>
 #include <vector>
 
+#include "host/base/trace_form.h"
+
 namespace keel {
 
 namespace {
@@ -51,20 +53,15 @@ void TraceLog::write(Level level, std::string zone, std::string text) {
 }
 
 void TraceLog::print(const TraceLine &line) const {
-    const char *colon = line.zone.empty() ? "" : ": ";
-    if (journal_) {
-        const int priority = line.level == Level::Error ? 3 : line.level == Level::Warning ? 4 : 6;
-        if (journal_->write(priority, line.zone, line.text))
-            return;
-        std::fprintf(stderr, "<%d>%s%s%s\n", priority, line.zone.c_str(), colon, line.text.c_str());
+    if (!journal_) {
+        const auto level = static_cast<std::uint32_t>(line.level);
+        std::fprintf(stderr, "%s\n", format_trace(line.wall_clock_ms, level, line.zone, line.text).c_str());
         return;
     }
-    const auto seconds = static_cast<std::time_t>(line.wall_clock_ms / 1000);
-    tm local{};
-    localtime_r(&seconds, &local);
-    const char letter = line.level == Level::Error ? 'x' : line.level == Level::Warning ? '!' : 'i';
-    std::fprintf(stderr, "%02d:%02d:%02d.%03u %c %s%s%s\n", local.tm_hour, local.tm_min, local.tm_sec,
-                 static_cast<unsigned>(line.wall_clock_ms % 1000), letter, line.zone.c_str(), colon, line.text.c_str());
+    const int priority = line.level == Level::Error ? 3 : line.level == Level::Warning ? 4 : 6;
+    const std::string text = without_head(line.zone, line.text);
+    if (!journal_->write(priority, line.zone, text))
+        std::fprintf(stderr, "<%d>%s%s%s\n", priority, line.zone.c_str(), line.zone.empty() ? "" : ": ", text.c_str());
 }
 
 std::uint64_t TraceLog::follow(Follower follower) {
