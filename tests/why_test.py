@@ -19,9 +19,9 @@ import unittest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
 
-from lab import DATA, DEVICES, HERE, IPTV, Lab  # noqa: E402
+from lab import DATA, DEVICES, HERE, IPTV, Device, Lab  # noqa: E402
 from multicast import GROUP, Member, Stream, plays  # noqa: E402
-from network import wait_for  # noqa: E402
+from network import NETNS, wait_for  # noqa: E402
 
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1, STB2, ITF, PC = DEVICES
@@ -69,20 +69,23 @@ class RefusingOperator:
         self._socket.close()
 
 
-class WhyTest(unittest.TestCase):
+class OnALab(unittest.TestCase):
+    devices = DEVICES
+
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.mkdtemp(dir="/run")
-        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder)
+        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder, devices=cls.devices)
         cls.lab.build()
         cls.lab.start_operator()
         cls.lab.start_multicast_router()
         cls.lab.start_gateway()
-        cls.lab.start_device(STB1)
 
     @classmethod
     def tearDownClass(cls):
         cls.lab.close()
+        for name in os.listdir(NETNS):
+            subprocess.run(("ip", "netns", "del", name), check=True)
         shutil.rmtree(cls.folder)
 
     def keelctl(self, *words):
@@ -108,6 +111,13 @@ class WhyTest(unittest.TestCase):
 
     def headline(self):
         return self.keelctl()[0].splitlines()[1].strip()
+
+
+class WhyTest(OnALab):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.lab.start_device(STB1)
 
     def daemon(self):
         return next(pid for pid, name in self.lab.processes().items() if name == "igmpproxy")
@@ -252,6 +262,38 @@ class WhyTest(unittest.TestCase):
                         self.keelctl("why", lab.mac(STB1)))
         lab.change_data_address("del")
         self.await_why(STB1, f'no device below "data" is up with an address: {DATA} has no IPv4 address')
+
+
+class FullTest(OnALab):
+    """More STBs than are served at a time."""
+
+    devices = tuple(Device(f"stb{number}", "zep-stb", f"lan{number}", "zep_stb") for number in range(1, 6))
+
+    def test_1_all_slots_taken(self):
+        *served, late = self.devices
+        for device in served:
+            self.lab.start_device(device)
+        for device in served:
+            self.await_served(device)
+        self.lab.start_device(late)
+        names = [f"zep-stb-{self.lab.mac(device)[-5:]}" for device in served]
+        told = self.await_why(late, "4 of 4 identities are in use by [^;]*; all of them are there")
+        self.assertTrue(all(name in told for name in names), told)
+        self.lab.stop_device(served[-1])
+        self.lab.set_link(served[-1].port, "down")
+        self.await_why(late, f"the one longest absent, {names[-1]}, goes in 7[12] h")
+
+    def test_2_mono_client(self):
+        first, second = self.devices[:2]
+        for device in self.devices:
+            if device.name in self.lab.clients:
+                self.lab.stop_device(device)
+        self.assertTrue(self.lab.keel.set("Keel.Zephyrin", Enable="false"))
+        self.assertTrue(self.lab.keel.set("Keel.Zephyrin", MonoClient="true", Enable="true"))
+        self.lab.start_device(first)
+        self.await_served(first)
+        self.lab.start_device(second)
+        self.await_why(second, f"MonoClient is on and zep-stb-{self.lab.mac(first)[-5:]} is served")
 
 
 if __name__ == "__main__":
