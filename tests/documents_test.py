@@ -68,8 +68,9 @@ def check_script(script, words):
 
 def check_keelctl(words):
     words = [word.strip("[]") for word in words if word != "..."]
-    if words and words[0] in DOERS:
-        return check_options("keelctl", words, words[0])
+    command = next((word for word in words if not word.startswith("-")), "")
+    if command in DOERS:
+        return check_options("keelctl", words, command)
     status, said = printed("keelctl", "--socket", "/nonexistent/socket", *words)
     if len(words) == 1 and "is required" in said:  # a command that is named alone
         return None
@@ -77,7 +78,7 @@ def check_keelctl(words):
 
 
 def check_options(program, words, *command):
-    known = printed(program, *command, "--help")[1]
+    known = printed(program, "--help")[1] + printed(program, *command, "--help")[1]  # those of the program count there, too
     unknown = [word for word in words if word.startswith("-") and not knows(known, word)]
     return f"it has no option {unknown[0]}" if unknown else None
 
