@@ -168,13 +168,14 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
     if (rules.size() > 1)
         told += ", and " + std::to_string(rules.size() - 1) + " more";
     walk.evidence("missing", rules);
-    return walk.broken("rules", "rules_missing", "has lost its rules", since,
-                       told + (next > gateway.now ? "; keelhost puts it back in " + duration(next - gateway.now)
-                               : next != 0        ? "; keelhost puts it back now"
-                                                  : ", and has never been"),
-                       next != 0
-                           ? "somebody else flushes the tables: have the box's own firewall leave these chains alone"
-                           : "iptables refused it: keelctl trace and keelhost's stderr tell the reason");
+    return walk.broken(
+        "rules", "rules_missing", "has lost its rules", since,
+        told + (next > gateway.now ? "; keelhost puts it back in " + duration(next - gateway.now)
+                : next != 0        ? "; keelhost puts it back now"
+                                   : ", and has never been"),
+        next != 0 ? "somebody else flushes the tables: have the box's own firewall leave these chains alone"
+                  : "iptables refused it: keelctl trace and keelhost's stderr tell the reason; it is tried again "
+                    "every minute");
 }
 
 /* The operator's routes are made again and again while the kernel refuses them: so what counts is what it has sent. */

@@ -143,8 +143,9 @@ public:
           wan_troubles_(loop_, model_), stream_rates_(loop_, model_),
           runner_(loop_, [this](const std::vector<std::string> &argv, int status,
                                 const std::string &said) { note_script(loop_, model_, argv, status, said); }),
-          firewall_check_(std::make_unique<FirewallCheck>(loop_, graph_, options.share + "/chains.sh",
-                                                          std::filesystem::path(options.socket).parent_path())) {
+          firewall_check_(std::make_unique<FirewallCheck>(
+              loop_, graph_, options.share + "/chains.sh", std::filesystem::path(options.socket).parent_path(),
+              [this](std::uint32_t address) { lan_server_.report_lease_with(address); })) {
         drop_stray_routes(graph_);
         host_attach(loop_, graph_, runner_);
         provide_wan_address(graph_, box_settings_.wan_mac());

@@ -100,4 +100,35 @@ TEST_F(LanServerTest, AClockThatWasSetIsNoTimeThatHasPassedAtTheNextStart) {
     EXPECT_EQ(lease_count(), 0U);
 }
 
+TEST_F(LanServerTest, ALeaseThatIsReportedAnewStaysItsDevicesAndLastsAsBefore) {
+    hold(true);
+    stb.start();
+    loop.advance(1000);
+    set(lease(stb), {{"OnHold", false}});
+    loop.advance(1000);
+    const std::string address = stb.address();
+    ASSERT_FALSE(address.empty());
+    std::vector<std::string> told;
+    const auto watch = model.watch(lease(stb), [&](const Event &event) {
+        told.push_back(event.kind == Event::Kind::Added     ? "added"
+                       : event.kind == Event::Kind::Deleted ? "deleted"
+                                                            : "");
+    });
+    loop.advance(std::uint64_t{3600} * 1000);
+    server->report_lease_with(ipv4_or_none("192.168.1.99")); /* nobody's */
+    server->report_lease_with(ipv4_or_none(address));
+    loop.run_until_idle();
+    EXPECT_EQ(told, (std::vector<std::string>{"deleted", "added"}));
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "it is decided on anew";
+    server->report_lease_with(ipv4_or_none(address)); /* which is under way */
+    set(lease(stb), {{"OnHold", false}});
+    EXPECT_EQ(told.size(), 3U);
+    model.unwatch(watch);
+    stb.stop();
+    loop.advance(std::uint64_t{22} * 3600 * 1000);
+    EXPECT_EQ(model.text(lease(stb), "IPAddress"), address);
+    loop.advance(std::uint64_t{2} * 3600 * 1000);
+    EXPECT_FALSE(model.find(lease(stb))) << "it ends when it would have";
+}
+
 } // namespace keel

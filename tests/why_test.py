@@ -22,6 +22,7 @@ sys.path.insert(0, os.path.join(ROOT, "lab"))
 from lab import DATA, DEVICES, HERE, IPTV, Device, Lab  # noqa: E402
 from multicast import GROUP, Member, Stream, plays  # noqa: E402
 from network import NETNS, wait_for  # noqa: E402
+from wrapped_tables import wrapped_tables  # noqa: E402
 
 PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1, STB2, ITF, PC = DEVICES
@@ -221,6 +222,23 @@ class WhyTest(OnALab):
         lab.network.run("gateway", "iptables", "-t", "raw", "-D", "PREROUTING", "-i", IPTV, "-j", "PREROUTING_zep_ACCEPT")
         self.await_served(STB1, 70)
         self.assertEqual(sorted(lab.rules("nat") + lab.rules("raw") + lab.rules("filter")), before)
+
+    def test_7c_rules_never_made(self):
+        """iptables fails while an STB comes, and works again: it is not dark until it is switched off and on."""
+        lab = self.lab
+        with wrapped_tables(lab.folder, '[ "${0##*/} $4" != "iptables POSTROUTING_zep" ] || exit 4'):
+            lab.start_device(ITF)
+            self.await_why(ITF, r"the SNAT rule for 192\.168\.1\.40 is not in POSTROUTING_zep, and has never been", 5)
+        self.await_served(ITF, 70)
+        own = [rule for table in ("nat", "raw", "filter") for rule in lab.rules(table)
+               if f"{lab.address(ITF)}/" in rule or f"{lab.served_as(ITF)}/" in rule]
+        self.assertEqual(len(own), 4, own)
+        self.assertIn("could not be made: the lease is reported anew", lab.network.log("gateway.log"))
+        lab.keel.set("Keel.Zephyrin", Enable="false")
+        self.assertTrue(wait_for(lambda: not [rule for table in ("nat", "raw", "filter") for rule in lab.rules(table)
+                                              if "192.168.1.40/" in rule], 10), "it is taken away as any other")
+        lab.keel.set("Keel.Zephyrin", Enable="true")
+        self.await_served(STB1)
 
     def test_7b_slow_look(self):
         """Changes that are told while the rules are being read keep nobody from hearing of the next."""

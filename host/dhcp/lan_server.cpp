@@ -353,6 +353,23 @@ void LanDhcpServer::report_again(const std::string &id) {
     waiting_.because(id, "still on hold two minutes after it was reported", port_.port_of(waiting.message.hardware));
 }
 
+void LanDhcpServer::report_lease_with(std::uint32_t address) {
+    const std::string lease = leases_.lease_with(address);
+    const std::string id = model_.text(lease, "ClientID");
+    const LanRule *rule = lease.empty() ? nullptr : rule_of_lease(id, lease);
+    if (!rule || model_.boolean(lease, "OnHold"))
+        return;
+    const std::uint64_t now = loop_.now_ms();
+    const std::uint64_t end = std::max(leases_.end_of(lease).value_or(now), now);
+    Values values = model_.find(lease)->values();
+    values["OnHold"] = rule->pool->on_hold;
+    model_.remove(lease);
+    if (model_.add(rule->path + ".Lease", id, values))
+        return;
+    leases_.set_acknowledged(lease);
+    ends_.lasts(lease, (end - now) / 1000);
+}
+
 /* A lease lasts at least as long as its device may take to ask again; one that the device has lasts longer. */
 void LanDhcpServer::outlast_offer(const std::string &lease) {
     if (leases_.end_of(lease).value_or(0) < loop_.now_ms() + offer_valid_s * 1000)

@@ -63,6 +63,9 @@ public:
     void received(const std::uint8_t *data, std::size_t size);
     /* A device has told that it has the address. */
     void address_used(std::uint32_t address, const HardwareAddress &by);
+    /* Has whoever watches the pools decide anew on the lease with that address, as on one that was never reported: it
+     * is deleted and added, and lasts as long as before. Nothing while its device waits. */
+    void report_lease_with(std::uint32_t address);
     /* How many messages were dropped, by reason. */
     const std::map<std::string, std::uint64_t> &dropped() const { return dropped_; }
 

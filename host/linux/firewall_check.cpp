@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "host/base/text_forms.h"
 #include "host/base/timeline.h"
 #include "host/base/trace.h"
 #include "host/base/whole_file.h"
@@ -41,9 +42,10 @@ struct FirewallCheck::Poll {
     FirewallCheck *owner;
 };
 
-FirewallCheck::FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder)
+FirewallCheck::FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder,
+                             std::function<void(std::uint32_t address)> report_lease)
     : loop_(loop), graph_(graph), model_(graph.model()), script_(std::move(script)),
-      file_(std::filesystem::path(folder) / "iptables.restore") {
+      file_(std::filesystem::path(folder) / "iptables.restore"), report_lease_(std::move(report_lease)) {
     if (!listen())
         trace(Level::Info, "firewall",
               "the kernel does not tell of changes to the rules: they are looked at once a minute");
@@ -219,6 +221,7 @@ void FirewallCheck::looked() {
     tell();
     write_counts(traffic_of(all, saved_));
     put_back();
+    map_again();
     const bool fresh = std::any_of(missing_.begin(), missing_.end(), [this](const auto &one) {
         return loop_.now_ms() - one.second.found_ms < patience_ms;
     });
@@ -274,7 +277,7 @@ void FirewallCheck::find_missing(const std::vector<FirewallRule> &expected) {
             missing = std::move(known->second);
             before.erase(known);
         } else {
-            missing = {rule, loop_.now_ms(), static_cast<std::int64_t>(loop_.wall_clock_s()), stood, ""};
+            missing = {rule, loop_.now_ms(), static_cast<std::int64_t>(loop_.wall_clock_s()), stood, false, ""};
         }
     }
     for (const auto &[key, gone] : before)
@@ -334,13 +337,40 @@ void FirewallCheck::put_back() {
             rules.push_back(rule);
     std::erase_if(rules, [&](const FirewallRule &rule) {
         const Missing &missing = missing_.at(rule.key());
-        return !missing.stood || now - missing.found_ms < patience_ms;
+        return !(missing.stood || (!rule.is_of_mapping() && !missing.tried)) || now - missing.found_ms < patience_ms;
     });
     if (rules.empty() || now < next_put_back_ms_)
         return;
     next_put_back_ms_ = now + put_back_every_ms;
+    for (const FirewallRule &rule : rules)
+        missing_.at(rule.key()).tried = true;
     if (restore(rules))
         look_in(0);
+}
+
+/* The plug-in remembers no mapping of which a command has failed, and makes it when the lease is reported. */
+void FirewallCheck::map_again() {
+    const std::uint64_t now = loop_.now_ms();
+    std::erase_if(next_report_ms_, [now](const auto &one) { return one.second <= now; });
+    std::map<std::string, std::string> never_made; /* LAN address -> what is missing */
+    for (const auto &[key, missing] : missing_)
+        if (!missing.stood && missing.rule.is_of_mapping() && now - missing.found_ms >= patience_ms &&
+            !next_report_ms_.contains(missing.rule.address))
+            never_made[missing.rule.address] = missing.rule.what;
+    for (const auto &[address, what] : never_made) {
+        next_report_ms_[address] = now + put_back_every_ms;
+        std::vector<FirewallRule> halves;
+        for (const FirewallRule &rule : expected())
+            if (rule.is_of_mapping() && rule.address == address && saved_.has(rule))
+                halves.push_back(rule);
+        if (!restore(removal_text(halves), {"/usr/sbin/iptables-restore", "--noflush", "-w", "5", file_}))
+            continue;
+        for (const FirewallRule &rule : halves)
+            stood_.erase(rule.key());
+        trace(Level::Warning, "firewall", "%s could not be made: the lease is reported anew, so that it is tried again",
+              what.c_str());
+        report_lease_(ipv4_or_none(address));
+    }
 }
 
 /* Before the loop turns: the plug-in's own commands come before or after it, not in between. */

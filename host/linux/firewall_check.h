@@ -25,11 +25,14 @@ namespace keel {
  * A rule that ought to stand and is not there, in two looks, is an instance of "Firewall.Missing". One that has stood
  * before was taken away by somebody else: that is traced, and it is put back after two seconds, but not more often than
  * once a minute, so that two that will not have each other's rules do not keep the machine busy. One that has never
- * stood is for its owner to make, who knows why it could not be made. */
+ * stood is one whose command failed: it is made once, unless it belongs to a device's mapping. What stands of such a
+ * mapping is taken away, and the device's lease reported anew, at most once a minute, so that the plug-in makes all of
+ * it. */
 class FirewallCheck {
 public:
     /* The script is share/chains.sh; what iptables-restore and ebtables-restore read is written into the folder. */
-    FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder);
+    FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder,
+                  std::function<void(std::uint32_t address)> report_lease);
     FirewallCheck(const FirewallCheck &) = delete;
     FirewallCheck &operator=(const FirewallCheck &) = delete;
     ~FirewallCheck();
@@ -45,6 +48,7 @@ private:
         std::uint64_t found_ms = 0;
         std::int64_t since = 0;
         bool stood = false;
+        bool tried = false;   /* to make it, which never stood */
         std::string instance; /* of "Firewall.Missing"; "" while it is not told */
     };
 
@@ -65,6 +69,7 @@ private:
     void find_missing(const std::vector<FirewallRule> &expected);
     void tell();
     void put_back();
+    void map_again();
     bool restore(const std::vector<FirewallRule> &rules);
     bool restore(const std::string &text, const std::vector<std::string> &argv);
     void forget(const Missing &missing);
@@ -90,6 +95,8 @@ private:
     bool blind_ = false;                         /* the last look failed */
     std::vector<std::function<void()>> waiting_; /* for the end of the look that is on its way */
     std::uint64_t next_put_back_ms_ = 0;
+    std::function<void(std::uint32_t address)> report_lease_;
+    std::map<std::string, std::uint64_t> next_report_ms_; /* by LAN address, of those reported in the last minute */
 };
 
 } // namespace keel

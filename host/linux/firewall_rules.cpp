@@ -122,6 +122,10 @@ bool concerns_somebody(const FirewallRule &rule, const Model &model) {
 
 } // namespace
 
+bool FirewallRule::is_of_mapping() const {
+    return is_address(address) && chain.find("_zep") != std::string::npos;
+}
+
 void SavedRules::take(const std::string &line) {
     if (line.starts_with("*")) {
         table_ = line.substr(1);
@@ -227,6 +231,16 @@ std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRu
             text += ":" + chain + (bridge ? " RETURN\n" : " - [0:0]\n");
         text += content.second + (bridge ? "" : "COMMIT\n");
     }
+    return text;
+}
+
+std::string removal_text(const std::vector<FirewallRule> &rules) {
+    std::map<std::string, std::string> tables;
+    for (const FirewallRule &rule : rules)
+        tables[rule.table] += "-D " + rule.chain + " " + rule.rule + "\n";
+    std::string text;
+    for (const auto &[table, lines] : tables)
+        text += "*" + table + "\n" + lines + "COMMIT\n";
     return text;
 }
 

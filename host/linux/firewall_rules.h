@@ -29,6 +29,8 @@ struct FirewallRule {
     /* What tells it from all others. */
     std::string key() const { return table + " " + chain + " " + rule; }
     bool is_of_bridge() const { return table.starts_with(bridge_family); }
+    /* One of the four of a device that is mapped onto a WAN address. */
+    bool is_of_mapping() const;
 };
 
 /* What has gone through a device's mapping since its rules were made. */
@@ -69,6 +71,8 @@ std::map<std::string, Traffic> traffic_of(const std::vector<FirewallRule> &expec
 /* What iptables-restore, or ebtables-restore, is told to put those rules of its own, and the chains that they need,
  * back where they are not; "" when none of them is its own. */
 std::string restore_text(const std::vector<FirewallRule> &missing, const SavedRules &saved, bool bridge);
+/* What iptables-restore is told to take rules that stand away. */
+std::string removal_text(const std::vector<FirewallRule> &rules);
 
 } // namespace keel
 
