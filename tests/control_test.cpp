@@ -145,7 +145,7 @@ TEST_F(ControlTest, Transcripts) {
 }
 
 TEST_F(ControlTest, TheStateIsTheDefaultView) {
-    const std::string expires = std::to_string(std::time(nullptr) + 3600 * 5 + 60);
+    const std::string expires = std::to_string(std::time(nullptr) + std::time_t{3600} * 5 + 60);
     for (const std::string &line : {
              std::string("add Keel.Zephyrin.ClientLease 0102 Name=0102 ClientIDOffset=1 DHCPCStatus=Connected "
                          "IPAddress=10.20.0.7"),

@@ -131,4 +131,16 @@ TEST_F(LanServerTest, ALeaseThatIsReportedAnewStaysItsDevicesAndLastsAsBefore) {
     EXPECT_FALSE(model.find(lease(stb))) << "it ends when it would have";
 }
 
+TEST_F(LanServerTest, AnStbThatIsRefusedForLongWearsOutNoFlash) {
+    hold(true);
+    stb.start();
+    loop.advance(1000);
+    std::size_t writes = 0;
+    const auto watch = model.watch("DHCPv4.Server.Pool.zep_stb", [&](const Event &) { ++writes; });
+    loop.advance(std::uint64_t{3600} * 1000); /* it asks every few seconds */
+    EXPECT_TRUE(model.find(lease(stb)));
+    EXPECT_LE(writes, 2U * 30) << "it is taken away and added every two minutes, and nothing else";
+    model.unwatch(watch);
+}
+
 } // namespace keel

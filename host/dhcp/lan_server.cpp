@@ -318,7 +318,7 @@ void LanDhcpServer::park(const Request &request) {
     WaitingDevice &device = *waiting_.find(request.id);
     if (device.reported_ms == 0) /* its lease is from before the hold, and was reported with it */
         device.reported_ms = held_ms_.try_emplace(request.rule.pool->name, start_ms_).first->second;
-    outlast_offer(request.lease);
+    ends_.outlasts(request.lease, offer_valid_s); /* as long as its device may take to ask again */
     if (!model_.boolean(request.lease, "OnHold"))
         return;
     if (!device.told)
@@ -370,12 +370,6 @@ void LanDhcpServer::report_lease_with(std::uint32_t address) {
     ends_.lasts(lease, (end - now) / 1000);
 }
 
-/* A lease lasts at least as long as its device may take to ask again; one that the device has lasts longer. */
-void LanDhcpServer::outlast_offer(const std::string &lease) {
-    if (leases_.end_of(lease).value_or(0) < loop_.now_ms() + offer_valid_s * 1000)
-        ends_.lasts(lease, offer_valid_s);
-}
-
 /* As things stand now; the lease stays where it is, whatever the rules say of the device by now. */
 void LanDhcpServer::answer_waiting(const std::string &id) {
     const WaitingDevice waiting = *waiting_.find(id);
@@ -403,7 +397,7 @@ void LanDhcpServer::answer_lease(const Request &request, DhcpType type) {
         leases_.set_acknowledged(request.lease);
         ends_.lasts(request.lease, time);
     } else {
-        outlast_offer(request.lease);
+        ends_.outlasts(request.lease, offer_valid_s);
     }
     answer(request.message, *request.rule.pool, std::move(reply));
 }

@@ -98,7 +98,6 @@ private:
     void park_or_answer(const Request &request, DhcpType type);
     void park(const Request &request);
     void report_again(const std::string &id);
-    void outlast_offer(const std::string &lease);
     void answer_waiting(const std::string &id);
     void answer_lease(const Request &request, DhcpType type);
     void answer(const DhcpMessage &message, const LanPool &pool, DhcpReply reply);

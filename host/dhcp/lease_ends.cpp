@@ -72,6 +72,11 @@ void LeaseEnds::lasts(const std::string &path, std::uint64_t validity_s) {
     follow_expiry();
 }
 
+void LeaseEnds::outlasts(const std::string &path, std::uint64_t validity_s) {
+    leases_.set_end(path, std::max(leases_.end_of(path).value_or(0), loop_.now_ms() + validity_s * 1000));
+    follow_expiry();
+}
+
 /* One timer, for the lease that ends first. */
 void LeaseEnds::follow_expiry() {
     const auto first = leases_.first_end();

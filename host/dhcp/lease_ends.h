@@ -27,6 +27,9 @@ public:
     /* From now on, for a lease that there is. Not every prolongation is written: a device that waits asks every few
      * seconds. */
     void lasts(const std::string &path, std::uint64_t validity_s);
+    /* The same for a while only, of a lease that its device does not have yet: nothing is written, and at a start it
+     * counts as before. */
+    void outlasts(const std::string &path, std::uint64_t validity_s);
     /* An event of a lease that there is; whoever else writes when it ends has the last word. */
     void changed(const std::string &path, const Event &event);
 
