@@ -50,13 +50,15 @@ bool is_loaded(const std::string &plugin) {
 }
 
 const RoutedState &routed_state_of(const std::string &plugin) {
-    static const std::size_t offset = offset_of(plugin, "routed_state");
+    constexpr const char *exported = "cur_intf"; /* from where the other one is found */
+    static const auto distance = static_cast<std::ptrdiff_t>(offset_of(plugin, "routed_state")) -
+                                 static_cast<std::ptrdiff_t>(offset_of(plugin, exported));
     void *library = dlopen(plugin.c_str(), RTLD_NOW | RTLD_NOLOAD);
     if (!library)
         throw std::runtime_error("the plug-in is not loaded");
+    const auto *known = static_cast<const char *>(dlsym(library, exported));
     dlclose(library); /* it stays loaded by its first opening */
-    const auto *map = static_cast<const link_map *>(library);
-    return *reinterpret_cast<const RoutedState *>(map->l_addr + offset);
+    return *reinterpret_cast<const RoutedState *>(known + distance);
 }
 
 } // namespace keel
