@@ -266,6 +266,16 @@ class WhyTest(OnALab):
         self.assertTrue(lab.keel.set(f"Hosts.Host.{lab.mac(STB1)}", Tags="lan"))
         self.assertTrue(lab.keel.set("Keel.Zephyrin", Mode="Simplified"))
         self.await_why(STB1, f'Hosts.Host.{lab.mac(STB1)} is not tagged "stb"')
+        # Without an address that the gateway has seen.
+        lab.network.run(STB2.name, "ip", "link", "set", "eth0", "down")
+        if STB2.name in lab.clients:
+            lab.stop_device(STB2)
+        lab.network.run(STB2.name, "ip", "-4", "addr", "flush", "dev", "eth0")
+        lab.network.run("gateway", "ip", "neigh", "flush", "dev", "br-lan")
+        lab.network.run(STB2.name, "ip", "link", "set", "eth0", "up")
+        lab.tag_stb(STB2)
+        self.await_why(STB2, "it was seen with no IPv4 address", 30)
+
         broken = os.path.join(lab.folder, "broken.sh")
         with open(broken, "w", encoding="utf-8") as file:
             file.write("#!/bin/sh\necho no such chain >&2\nexit 4\n")
