@@ -14,6 +14,7 @@
 #include "host/base/timeline.h"
 #include "host/base/trace.h"
 #include "host/base/whole_file.h"
+#include "host/gateway/settings.h"
 #include "host/linux/bridge_rules.h"
 #include "host/linux/program.h"
 
@@ -49,10 +50,13 @@ FirewallCheck::FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string sc
     if (!listen())
         trace(Level::Info, "firewall",
               "the kernel does not tell of changes to the rules: they are looked at once a minute");
+    follow_model();
     read_plan();
 }
 
 FirewallCheck::~FirewallCheck() {
+    for (const Model::WatchId watch : watches_)
+        model_.unwatch(watch);
     loop_.cancel_timer(looking_);
     process_.reset();
     for (const auto &[key, missing] : missing_)
@@ -67,6 +71,17 @@ FirewallCheck::~FirewallCheck() {
 }
 
 /* --------------------------------------------------------------------------------------------------- when to look */
+
+void FirewallCheck::follow_model() {
+    const auto look = [this](const Event &) { on_model(); };
+    const auto look_for_stb = [this](const Event &event) {
+        if (has_word(model_.text(event.path(), "Tags"), "stb")) /* of thousands of devices that come and go */
+            on_model();
+    };
+    watches_ = {model_.watch(std::string(service_path) + ".ClientLease", look),
+                model_.watch(interfaces_path, look, {{"DHCPStatus", "Flags"}, false}),
+                model_.watch("Hosts.Host", look_for_stb, {{"Tags", "IPAddress", "Active"}, false})};
+}
 
 bool FirewallCheck::listen() {
     socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER);
@@ -96,6 +111,12 @@ void FirewallCheck::wait_for_event() {
 void FirewallCheck::on_event() {
     const std::uint64_t now = loop_.now_ms();
     look_in(std::max(now + settle_ms, last_look_ms_ + look_every_ms) - now);
+}
+
+/* Once those who follow the model have run their commands. */
+void FirewallCheck::on_model() {
+    const std::uint64_t now = loop_.now_ms();
+    look_in(std::max(now + look_again_ms, last_look_ms_ + look_every_ms) - now);
 }
 
 /* The earlier one of two counts. */
@@ -337,7 +358,7 @@ void FirewallCheck::put_back() {
             rules.push_back(rule);
     std::erase_if(rules, [&](const FirewallRule &rule) {
         const Missing &missing = missing_.at(rule.key());
-        return !(missing.stood || (!rule.is_of_mapping() && !missing.tried)) || now - missing.found_ms < patience_ms;
+        return !(missing.stood || (!rule.is_of_device() && !missing.tried)) || now - missing.found_ms < patience_ms;
     });
     if (rules.empty() || now < next_put_back_ms_)
         return;

@@ -19,15 +19,15 @@
 
 namespace keel {
 
-/* Looks at the rules when the kernel tells that some of them have changed, at most once a second, and every few seconds
- * while one is missing; where the kernel does not tell, once a minute.
+/* Looks at the rules when the kernel tells that some of them have changed, or the model that others ought to stand: a
+ * command that fails changes nothing that the kernel could tell. That is at most once a second, and every few seconds
+ * while one is missing; where the kernel does not tell, also once a minute.
  *
  * A rule that ought to stand and is not there, in two looks, is an instance of "Firewall.Missing". One that has stood
  * before was taken away by somebody else: that is traced, and it is put back after two seconds, but not more often than
  * once a minute, so that two that will not have each other's rules do not keep the machine busy. One that has never
- * stood is one whose command failed: it is made once, unless it belongs to a device's mapping. What stands of such a
- * mapping is taken away, and the device's lease reported anew, at most once a minute, so that the plug-in makes all of
- * it. */
+ * stood is one whose command failed: it is made once, unless it is a single device's. What stands of a device's mapping
+ * is taken away then, and its lease reported anew, at most once a minute, so that the plug-in makes all of it. */
 class FirewallCheck {
 public:
     /* The script is share/chains.sh; what iptables-restore and ebtables-restore read is written into the folder. */
@@ -52,9 +52,11 @@ private:
         std::string instance; /* of "Firewall.Missing"; "" while it is not told */
     };
 
+    void follow_model();
     bool listen();
     void wait_for_event();
     void on_event();
+    void on_model();
     void look_in(std::uint64_t milliseconds);
     void read_plan();
     void look();
@@ -94,6 +96,7 @@ private:
     bool due_ = false;                           /* a look, once the program that runs has ended */
     bool blind_ = false;                         /* the last look failed */
     std::vector<std::function<void()>> waiting_; /* for the end of the look that is on its way */
+    std::vector<Model::WatchId> watches_;
     std::uint64_t next_put_back_ms_ = 0;
     std::function<void(std::uint32_t address)> report_lease_;
     std::map<std::string, std::uint64_t> next_report_ms_; /* by LAN address, of those reported in the last minute */

@@ -122,8 +122,12 @@ bool concerns_somebody(const FirewallRule &rule, const Model &model) {
 
 } // namespace
 
+bool FirewallRule::is_of_device() const {
+    return is_address(address);
+}
+
 bool FirewallRule::is_of_mapping() const {
-    return is_address(address) && chain.find("_zep") != std::string::npos;
+    return is_of_device() && chain.find("_zep") != std::string::npos;
 }
 
 void SavedRules::take(const std::string &line) {
@@ -201,7 +205,7 @@ std::vector<FirewallRule> expected_rules(const std::vector<FirewallRule> &planne
 std::map<std::string, Traffic> traffic_of(const std::vector<FirewallRule> &expected, const SavedRules &saved) {
     std::map<std::string, Traffic> found;
     for (const FirewallRule &rule : expected) {
-        if (!is_address(rule.address) || !saved.has(rule))
+        if (!rule.is_of_device() || !saved.has(rule))
             continue;
         if (rule.chain.starts_with("FORWARD_"))
             found[rule.address].packets_out += saved.packets(rule);

@@ -29,7 +29,8 @@ struct FirewallRule {
     /* What tells it from all others. */
     std::string key() const { return table + " " + chain + " " + rule; }
     bool is_of_bridge() const { return table.starts_with(bridge_family); }
-    /* One of the four of a device that is mapped onto a WAN address. */
+    /* It lets one device through; and it is one of the four of one that is mapped onto a WAN address. */
+    bool is_of_device() const;
     bool is_of_mapping() const;
 };
 
