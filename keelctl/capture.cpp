@@ -60,7 +60,7 @@ Subject look_up(Client &client, const std::string &stb) {
         throw Refused("more than one device is known by \"" + stb + "\": name it by its MAC address");
     const Device &device = *devices.front();
     Subject subject{device.name(), device.mac, device.address, device.port, "", {}, {}, {}};
-    if (subject.mac.empty())
+    if (!keel::parse_mac(subject.mac))
         throw Refused("the MAC address of \"" + stb + "\" is not known: it is not on the LAN");
     if (subject.lan_device.empty())
         subject.lan_device = text(client.tree("DHCPv4.Server"), "Interface");

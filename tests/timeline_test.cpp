@@ -50,6 +50,14 @@ TEST_F(TimelineTest, AnStbsLifeIsToldInOrder) {
               (Lines{"route Enabled 10.60.0.0/24 via 10.20.0.1", "route Enabled 10.61.0.0/16 via 10.20.0.1"}));
 
     Timeline::instance().clear();
+    std::string missing;
+    ASSERT_FALSE(model->add("Firewall.Missing", std::nullopt, {{"Address", address}}, &missing));
+    loop->advance(1 * second);
+    ASSERT_FALSE(model->remove("Firewall.Missing." + missing));
+    loop->advance(1 * second);
+    EXPECT_EQ(told("state"), (Lines{"state dark served", "state served dark"})) << "somebody takes its rules away";
+
+    Timeline::instance().clear();
     kernel->set_link("eth1.20", false);
     loop->advance(1 * second);
     EXPECT_EQ(told("state"), Lines{"state dark served"}) << "it has its lease, and no way to the operator";

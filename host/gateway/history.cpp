@@ -15,6 +15,7 @@ constexpr const char *pools_path = "DHCPv4.Server.Pool";
 constexpr const char *waiting_path = "DHCPv4.Server.Waiting";
 constexpr const char *service_path = "Keel.Zephyrin";
 constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
+constexpr const char *missing_rules_path = "Firewall.Missing";
 constexpr const char *iptv_pools[] = {"zep_stb", "zep_itf"};
 constexpr const char *settings[] = {"Enable", "Mode", "Interface", "MonoClient"};
 constexpr std::uint64_t settle_ms = 100;
@@ -44,7 +45,11 @@ History::History(Loop &loop, Model &model)
       interfaces_(model.watch(interfaces_path, [this](const Event &event) { on_interface(event); },
                               {{"DHCPStatus", "Status"}, false})),
       service_(model.watch(service_path, [this](const Event &event) { on_service(event); },
-                           {{"Enable", "Mode", "Interface", "MonoClient", "DHCPCStatus"}, false})) {
+                           {{"Enable", "Mode", "Interface", "MonoClient", "DHCPCStatus"}, false})),
+      missing_rules_(model.watch(missing_rules_path, [this](const Event &event) {
+          if (event.kind != Event::Kind::Changed) /* when it is put back */
+              touch_all();
+      })) {
     for (const char *pool : iptv_pools) {
         const std::string rules = join_path(pools_path, pool) + ".Rule";
         for (const std::string &number : model_.instances(rules)) {
@@ -61,7 +66,7 @@ History::History(Loop &loop, Model &model)
 
 History::~History() {
     loop_.cancel_timer(settling_);
-    for (const Model::WatchId watch : {leases_, waiting_, interfaces_, service_})
+    for (const Model::WatchId watch : {leases_, waiting_, interfaces_, service_, missing_rules_})
         model_.unwatch(watch);
 }
 
@@ -175,12 +180,25 @@ void History::look_at(const std::set<std::string> &ids, bool settled) {
     }
 }
 
+/* Rules that it needs, or that all need. */
+bool History::lacks_rules(const Device &device) const {
+    const std::string own = model_.text(device.lease, "IPAddress");
+    for (const std::string &name : model_.instances(missing_rules_path)) {
+        const std::string address = model_.text(join_path(missing_rules_path, name), "Address");
+        if (address.empty() || address == own)
+            return true;
+    }
+    return false;
+}
+
 /* Dark: it has no lease, or one without a way to the operator. */
 std::string History::state_of(const std::string &id, const Device &device) const {
     if (!model_.find(device.lease))
         return "dark";
     if (model_.boolean(device.lease, "OnHold"))
         return "held";
+    if (lacks_rules(device))
+        return "dark";
     if (model_.text(service_path, "Mode") != "Routed" || model_.text(service_path, "Interface") != "Dedicated")
         return "served";
     for (const std::string &name : model_.instances(identities_path)) {

@@ -36,6 +36,7 @@ private:
     void touch_all();
     void look();
     void look_at(const std::set<std::string> &ids, bool settled);
+    bool lacks_rules(const Device &device) const;
     std::string state_of(const std::string &id, const Device &device) const;
 
     Loop &loop_;
@@ -49,6 +50,7 @@ private:
     Model::WatchId waiting_;
     Model::WatchId interfaces_;
     Model::WatchId service_;
+    Model::WatchId missing_rules_;
 };
 
 } // namespace keel
