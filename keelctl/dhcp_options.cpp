@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "host/base/text_forms.h"
+#include "host/dhcp/packet.h"
 
 namespace keelctl {
 
@@ -64,23 +65,16 @@ std::string value_of(const std::uint8_t *data, std::size_t size, Form form) {
 } // namespace
 
 std::string describe_options(const std::string &hex) {
-    constexpr std::uint8_t padding = 0;
     const keel::Bytes bytes = keel::parse_hex(hex).value_or(keel::Bytes());
     std::string lines;
-    for (std::size_t at = 0; at + 1 < bytes.size();) {
-        const int number = bytes[at];
-        if (number == padding) {
-            ++at;
-            continue;
-        }
-        const std::size_t size = std::min<std::size_t>(bytes[at + 1], bytes.size() - at - 2);
-        const auto *option =
-            std::find_if(std::begin(known), std::end(known), [&](const Option &one) { return one.number == number; });
-        const bool common = option != std::end(known);
-        lines += std::to_string(number) + (common ? std::string(" ") + option->name : "") + ": " +
-                 value_of(bytes.data() + at + 2, size, common ? option->form : Form::Hex) + "\n";
-        at += 2 + bytes[at + 1];
-    }
+    keel::for_each_option(
+        bytes.data(), bytes.size(), [&lines](std::uint8_t number, const std::uint8_t *value, std::size_t size) {
+            const auto *option = std::find_if(std::begin(known), std::end(known),
+                                              [number](const Option &one) { return one.number == number; });
+            const bool common = option != std::end(known);
+            lines += std::to_string(number) + (common ? std::string(" ") + option->name : "") + ": " +
+                     value_of(value, size, common ? option->form : Form::Hex) + "\n";
+        });
     return lines;
 }
 

@@ -71,7 +71,6 @@ std::string carried_text(const Carried &carried);
 Carried read_carried(const std::string &text, const Model &model, std::vector<std::string> *errors);
 
 /* Where they are in the model. */
-constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
 constexpr const char *hosts_list_path = "Hosts.Host";
 std::string option_path(const std::string &pool);
 std::string lease_list_path(const Carried::Lease &lease);

@@ -243,6 +243,13 @@ void LanDhcpServer::drop_leases_before(const Request &request) {
     }
 }
 
+bool LanDhcpServer::add_lease(const LanRule &rule, const std::string &id, const Values &values) {
+    const Outcome refusal = model_.add(rule.path + ".Lease", id, values);
+    if (refusal)
+        trace(Level::Error, "lan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
+    return !refusal;
+}
+
 bool LanDhcpServer::report_lease(const Request &request, std::uint32_t address) {
     const auto now = static_cast<std::int64_t>(loop_.wall_clock_s());
     Values values = description_of_sender(request.message);
@@ -252,11 +259,8 @@ bool LanDhcpServer::report_lease(const Request &request, std::uint32_t address) 
     values["OnHold"] = request.rule.pool->on_hold;
     values["Expires"] = now + static_cast<std::int64_t>(offer_valid_s);
     values["Written"] = now;
-    const Outcome refusal = model_.add(request.rule.path + ".Lease", request.id, values);
-    if (refusal) {
-        trace(Level::Error, "lan", "%s: %s", refusal->path.c_str(), refusal->reason.c_str());
+    if (!add_lease(request.rule, request.id, values))
         return false;
-    }
     ends_.lasts(request.lease, offer_valid_s);
     return true;
 }
@@ -364,7 +368,7 @@ void LanDhcpServer::report_lease_with(std::uint32_t address) {
     Values values = model_.find(lease)->values();
     values["OnHold"] = rule->pool->on_hold;
     model_.remove(lease);
-    if (model_.add(rule->path + ".Lease", id, values))
+    if (!add_lease(*rule, id, values))
         return;
     leases_.set_acknowledged(lease);
     ends_.lasts(lease, (end - now) / 1000);

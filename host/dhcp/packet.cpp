@@ -68,20 +68,12 @@ std::uint32_t number_of(const Options &options, std::uint8_t number) {
 }
 
 /* Adds the options of one field; an option that stands there more than once is one long option (RFC 3396). False when
- * one reaches over the field's end; a missing end mark is forgiven. */
+ * one reaches over the field's end. */
 bool read_options(const std::uint8_t *data, std::size_t size, Options *options) {
-    for (std::size_t at = 0; at < size && data[at] != option_end;) {
-        if (data[at] == option_pad) {
-            ++at;
-            continue;
-        }
-        if (size - at < 2 || size - at - 2 < data[at + 1])
-            return false;
-        Bytes &value = (*options)[data[at]];
-        value.insert(value.end(), data + at + 2, data + at + 2 + data[at + 1]);
-        at += 2U + data[at + 1];
-    }
-    return true;
+    return for_each_option(data, size, [options](std::uint8_t number, const std::uint8_t *value, std::size_t length) {
+        Bytes &all = (*options)[number];
+        all.insert(all.end(), value, value + length);
+    });
 }
 
 /* The options of a whole message, with those in the fields that it lends them. */

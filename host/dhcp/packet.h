@@ -64,6 +64,24 @@ struct DhcpAnswer {
 
 /* The same for a server's message; *answer is set only on success. */
 bool parse_dhcp_answer(const std::uint8_t *data, std::size_t size, DhcpAnswer *answer, std::string *error);
+/* Calls take(number, value, size) for each option of a field, up to its end mark, as they stand: one of several pieces
+ * comes in pieces. False when one reaches over the field's end; a missing end mark is forgiven. */
+template <typename Take> bool for_each_option(const std::uint8_t *data, std::size_t size, Take take) {
+    enum : std::uint8_t { padding = 0, end_mark = 255 };
+    for (std::size_t at = 0; at < size && data[at] != end_mark;) {
+        if (data[at] == padding) {
+            ++at;
+            continue;
+        }
+        if (size - at < 2 || size - at - 2 < data[at + 1])
+            return false;
+        const std::size_t length = data[at + 1];
+        take(data[at], data + at + 2, length);
+        at += 2 + length;
+    }
+    return true;
+}
+
 /* The reply to a client's message, at least 300 bytes long (RFC 1542); options of more than 255 bytes are split. */
 Bytes build_dhcp_reply(const DhcpMessage &request, const DhcpReply &reply);
 

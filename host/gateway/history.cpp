@@ -4,6 +4,8 @@
 #include <utility>
 
 #include "host/base/timeline.h"
+#include "host/gateway/settings.h"
+#include "host/gateway/wan_lease.h"
 
 namespace keel {
 
@@ -11,12 +13,8 @@ namespace {
 
 using Kind = TimelineEvent::Kind;
 
-constexpr const char *pools_path = "DHCPv4.Server.Pool";
 constexpr const char *waiting_path = "DHCPv4.Server.Waiting";
-constexpr const char *service_path = "Keel.Zephyrin";
-constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
 constexpr const char *missing_rules_path = "Firewall.Missing";
-constexpr const char *iptv_pools[] = {"zep_stb", "zep_itf"};
 constexpr const char *settings[] = {"Enable", "Mode", "Interface", "MonoClient"};
 constexpr std::uint64_t settle_ms = 100;
 constexpr const char *client_prefix = "dhcp_zep_"; /* of the identities' interfaces */
@@ -33,14 +31,15 @@ std::string text_in(const Values &values, const char *parameter) {
 /* DHCPv4.Server.Pool.POOL.Rule.NUMBER.Lease.ID */
 bool is_iptv_lease(const Event &event) {
     return event.steps.size() == 8 && event.steps[6] == "Lease" &&
-           std::find(std::begin(iptv_pools), std::end(iptv_pools), event.steps[3]) != std::end(iptv_pools);
+           std::find(std::begin(iptv_pools), std::end(iptv_pools), join_path(lan_pools_path, event.steps[3])) !=
+               std::end(iptv_pools);
 }
 
 } // namespace
 
 History::History(Loop &loop, Model &model)
     : loop_(loop), model_(model), looking_(loop, [this] { look(); }),
-      leases_(model.watch(pools_path, [this](const Event &event) { on_lease(event); }, {{"OnHold"}, false})),
+      leases_(model.watch(lan_pools_path, [this](const Event &event) { on_lease(event); }, {{"OnHold"}, false})),
       waiting_(model.watch(waiting_path, [this](const Event &event) { on_waiting(event); }, {{"Because"}, false})),
       interfaces_(model.watch(interfaces_path, [this](const Event &event) { on_interface(event); },
                               {{"DHCPStatus", "Status"}, false})),
@@ -51,7 +50,7 @@ History::History(Loop &loop, Model &model)
               touch_all();
       })) {
     for (const char *pool : iptv_pools) {
-        const std::string rules = join_path(pools_path, pool) + ".Rule";
+        const std::string rules = std::string(pool) + ".Rule";
         for (const std::string &number : model_.instances(rules)) {
             const std::string leases = join_path(rules, number) + ".Lease";
             for (const std::string &id : model_.instances(leases)) {
@@ -208,7 +207,7 @@ std::string History::state_of(const std::string &id, const Device &device) const
             if (model_.text(join_path(stored, number), "Id") != id)
                 continue;
             const std::string client = model_.text(interface_path(client_prefix + name), "DHCPStatus");
-            if (client == "Bound" || client == "Renewing" || client == "Rebinding")
+            if (holds_lease(client))
                 return "served";
             return model_.text(identity, "DHCPCStatus") == "Unleased" ? "stop-gap" : "dark";
         }

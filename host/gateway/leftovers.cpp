@@ -11,7 +11,6 @@ namespace keel {
 
 namespace {
 
-constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
 constexpr const char *received_routes_path = "Keel.Zephyrin.ClasslessStaticRoute";
 constexpr const char *no_server = "00000000";
 constexpr const char *own_route_prefix = "zep_"; /* of the keys under which the routed mode adds routes */

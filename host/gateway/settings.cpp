@@ -25,12 +25,10 @@ bool is_routed(const Model &model) {
 }
 
 std::string objection_to_deletion(const Model &model, const std::string &path) {
-    const std::string identities = join_path(service_path, "ClientLease") + ".";
-    if (!path.starts_with(identities) || !is_routed(model))
+    if (!path.starts_with(std::string(identities_path) + ".") || !is_routed(model))
         return "";
     return "the plug-in is at work with it. An identity goes by itself once its STBs have been away for 48 h; to be "
-           "rid "
-           "of all of them now: keelctl set Keel.Zephyrin Enable=false, then Enable=true (each STB is served anew)";
+           "rid of all of them now: keelctl set Keel.Zephyrin Enable=false, then Enable=true (each STB is served anew)";
 }
 
 Settings::Settings(Model &model)

@@ -15,6 +15,7 @@
 namespace keel {
 
 constexpr const char *service_path = "Keel.Zephyrin";
+constexpr const char *identities_path = "Keel.Zephyrin.ClientLease";
 /* All pools of the LAN DHCP server. */
 constexpr const char *lan_pools_path = "DHCPv4.Server.Pool";
 /* The pools of the LAN DHCP server whose leases the routed mode holds. */

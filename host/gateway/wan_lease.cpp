@@ -39,6 +39,10 @@ std::string lan_pool_of(const Model &model, std::uint32_t address) {
 
 } // namespace
 
+bool holds_lease(const std::string &status) {
+    return status == "Bound" || status == "Renewing" || status == "Rebinding";
+}
+
 std::optional<LeaseFault> address_fault(const Model &model, const WanLease &lease) {
     const std::uint32_t mask = ipv4_or_none(lease.mask);
     if (mask == 0 || mask != mask_of(prefix_length_of(mask)))

@@ -19,6 +19,9 @@ struct WanLease {
     std::map<int, std::string> options; /* hexadecimal texts */
 };
 
+/* Whether a client of that state ("DHCPStatus") has a lease, new or being prolonged. */
+bool holds_lease(const std::string &status);
+
 struct LeaseFault {
     std::string of;   /* "address", "mask", "option 42" */
     std::string text; /* of, the value, and what is wrong with it; for a person */

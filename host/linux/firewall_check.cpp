@@ -78,7 +78,7 @@ void FirewallCheck::follow_model() {
         if (has_word(model_.text(event.path(), "Tags"), "stb")) /* of thousands of devices that come and go */
             on_model();
     };
-    watches_ = {model_.watch(std::string(service_path) + ".ClientLease", look),
+    watches_ = {model_.watch(identities_path, look),
                 model_.watch(interfaces_path, look, {{"DHCPStatus", "Flags"}, false}),
                 model_.watch("Hosts.Host", look_for_stb, {{"Tags", "IPAddress", "Active"}, false})};
 }

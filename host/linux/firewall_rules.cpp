@@ -6,6 +6,7 @@
 
 #include "host/base/text_forms.h"
 #include "host/gateway/settings.h"
+#include "host/gateway/wan_lease.h"
 
 namespace keel {
 
@@ -70,7 +71,7 @@ void add_hooks(Rules &rules, const std::string &device) {
 void add_identity(Rules &rules, const Model &model, const std::string &path) {
     const std::string client = interface_path("dhcp_zep_" + model.text(path, "Name"));
     const std::string state = model.text(client, "DHCPStatus");
-    const bool bound = state == "Bound" || state == "Renewing" || state == "Rebinding";
+    const bool bound = holds_lease(state);
     const std::string wan = model.text(bound ? client : path, "IPAddress");
     if (!is_address(wan) || (!bound && model.text(path, "DHCPCStatus") != "Internal"))
         return;
@@ -193,9 +194,8 @@ std::vector<FirewallRule> expected_rules(const std::vector<FirewallRule> &planne
         add_policy(rules, graph);
     if (is_routed(model) && !device.empty()) {
         add_hooks(rules, device);
-        const std::string identities = std::string(service_path) + ".ClientLease";
-        for (const std::string &name : model.instances(identities))
-            add_identity(rules, model, join_path(identities, name));
+        for (const std::string &name : model.instances(identities_path))
+            add_identity(rules, model, join_path(identities_path, name));
     }
     if (model.boolean(service_path, "Enable") && mode.starts_with("Simplified"))
         add_simplified(rules, graph);
