@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "lab"))
@@ -21,6 +22,7 @@ PROGRAMS = os.path.abspath(sys.argv[1])
 SKIPPED = 77
 BROWSER = shutil.which("chromium-headless-shell") or shutil.which("chromium")
 PNG_SIZE = slice(16, 24)
+HELD_SECONDS = 2  # an answer within one second is drawn as one at once
 
 
 def browse(folder, page, *words):
@@ -37,6 +39,7 @@ def draw(lab, page):
     lab.start_gateway()
     lab.start_device(DEVICES[0])
     held = wait_for(lambda: lab.keel.hold(lab.mac(DEVICES[0])), 20)
+    time.sleep(HELD_SECONDS)
     lab.start_operator()
     return held and wait_for(lambda: lab.served_as(DEVICES[0]), 60) and lab.keel.draw_timeline(page)
 
