@@ -234,7 +234,7 @@ Diagnosis diagnose(Gateway &gateway, const Device &device) {
 Json diagnosis_json(const Device &device, const Diagnosis &diagnosis) {
     Json links = Json::array();
     for (const Link &link : diagnosis.links)
-        links.push_back({{"link", link.name}, {"state", link.ok ? "ok" : "broken"}, {"text", link.text}});
+        links.push_back({{"link", link.name}, {"state", link.state}, {"text", link.text}});
     Json told{{"name", device.name()},        {"mac", device.mac}, {"id", device.id}, {"address", device.address},
               {"served", diagnosis.served()}, {"links", links}};
     if (!diagnosis.served()) {
@@ -251,9 +251,13 @@ std::string print_diagnosis(const Gateway &gateway, const Device &device, const 
     out << device.name();
     if (device.name() != device.mac)
         out << "  " << device.mac;
-    out << "  " << or_none(device.address) << (diagnosis.served() ? "  is served" : "  " + diagnosis.brief) << "\n";
+    out << "  " << or_none(device.address)
+        << (!diagnosis.served() ? "  " + diagnosis.brief
+            : diagnosis.unseen  ? "  is served, as far as can be seen"
+                                : "  is served")
+        << "\n";
     for (const Link &link : diagnosis.links)
-        out << "  " << pad(link.ok ? "ok" : "broken", 7) << pad(link.name, 10) << link.text << "\n";
+        out << "  " << pad(link.state, 7) << pad(link.name, 10) << link.text << "\n";
     if (!diagnosis.served()) {
         if (diagnosis.since != 0)
             out << "  since  " << time_of_day(diagnosis.since, gateway.now) << ", "

@@ -49,7 +49,7 @@ std::string Device::name() const {
 Gateway::Gateway(Client &asked, Devices which)
     : client(asked), interfaces(asked), now(static_cast<std::int64_t>(std::time(nullptr))),
       service(child(asked.tree("Keel"), "Zephyrin")), clients(asked.tree("DHCPv4.Client")),
-      missing(child(asked.tree("Firewall"), "Missing")) {
+      missing(child(asked.tree("Firewall"), "Missing")), rules_error(text(asked.tree("KeelHost"), "RulesError")) {
     if (which == Devices::All)
         for (const Json &pool : children(client.tree("DHCPv4.Server.Pool"), {}))
             take_pool(pool);

@@ -65,6 +65,7 @@ struct Gateway {
     Json service;
     Json clients;                     /* DHCPv4.Client */
     Json missing;                     /* Firewall.Missing */
+    std::string rules_error;          /* why it is not known which rules stand; "" when it is */
     std::vector<std::string> classes; /* that the IPTV pools' rules know */
     std::vector<Device> devices;
 

@@ -71,7 +71,7 @@ int status(Client &client, const Options &options) {
     return done;
 }
 
-/* Of the named devices, or of all STBs on the LAN that are not served. */
+/* Of the named devices, or of all STBs on the LAN that are not served, or of which not all can be seen. */
 int why(Client &client, const Options &options) {
     client.look();
     Gateway gateway(client, Gateway::Devices::All);
@@ -85,17 +85,19 @@ int why(Client &client, const Options &options) {
         asked = gateway.asked(options.path, stranger);
     }
     std::size_t dark = 0;
+    bool well = true;
     for (const Device *device : asked) {
         const Diagnosis diagnosis = diagnose(gateway, *device);
         dark += !diagnosis.served();
-        if (options.path.empty() && diagnosis.served())
+        if (options.path.empty() && diagnosis.served() && !diagnosis.unseen)
             continue;
+        well = false;
         if (options.script)
             print_json(diagnosis_json(*device, diagnosis));
         else
             std::printf("%s", print_diagnosis(gateway, *device, diagnosis).c_str());
     }
-    if (dark == 0 && options.path.empty() && !options.script)
+    if (well && options.path.empty() && !options.script)
         std::printf("%s\n", asked.empty() ? "no STB is on the LAN: nothing that looks like one has asked for an address"
                                           : "all STBs on the LAN are served");
     return dark == 0 ? done : broken;

@@ -146,7 +146,7 @@ std::string mode_line(const Json &status) {
 }
 
 bool is_well(const Json &status) {
-    return !any_is_dark(status["stbs"]) && status["isolation_missing"] == 0;
+    return !any_is_dark(status["stbs"]) && status["isolation_missing"] == 0 && status["rules_error"] == "";
 }
 
 const char *state_colour(const std::string &state) {
@@ -172,8 +172,10 @@ Json gather_status(Client &client) {
     const std::size_t missing = missing_isolation(gateway);
 
     Json status{{"time", gateway.now},
-                {"headline", headline(stbs) + (missing == 0 ? "" : "; what keeps devices apart on layer 2 is missing")},
+                {"headline", headline(stbs) + (missing == 0 ? "" : "; what keeps devices apart on layer 2 is missing") +
+                                 (gateway.rules_error.empty() ? "" : "; whether the rules stand is not known")},
                 {"stbs", stbs},
+                {"rules_error", gateway.rules_error},
                 {"store_error", text(client.tree("KeelHost"), "StoreError")},
                 {"enabled", flag(service, "Enable")},
                 {"mode", text(service, "Mode")},
@@ -223,6 +225,9 @@ std::string print_status(const Json &status, bool colours) {
     std::ostringstream out;
     out << shade("IPTV", "1") << "  " << mode_line(status) << "\n";
     out << "  " << shade(status["headline"], is_well(status) ? "32" : "31") << "\n";
+    if (status["rules_error"] != "")
+        out << "  " << shade("rules", "31")
+            << "    whether they stand is not known: " << status["rules_error"].get<std::string>() << "\n";
     if (!status["store_error"].get<std::string>().empty())
         out << "  " << shade("store", "31")
             << "    nothing is stored, the service runs from memory: " << status["store_error"].get<std::string>()

@@ -35,7 +35,10 @@ void add_mapping(const Gateway &gateway, const Device &device, Json &stb) {
     for (const Json &one : mappings["children"])
         if (text(one, "Address") == device.address)
             counted = &one;
-    stb["rules"] = rules_are_missing(gateway, device) ? "missing" : counted ? "in_kernel" : "none";
+    stb["rules"] = rules_are_missing(gateway, device) ? "missing"
+                   : !gateway.rules_error.empty()     ? "unseen"
+                   : counted                          ? "in_kernel"
+                                                      : "none";
     stb["packets_out"] = counted ? number(*counted, "PacketsOut") : 0;
     stb["packets_in"] = counted ? number(*counted, "PacketsIn") : 0;
 }
@@ -103,8 +106,10 @@ std::string wan_line(const Json &stb) {
 }
 
 std::string rules_line(const Json &stb) {
-    return std::string(stb["rules"] == "missing" ? "missing" : "in the kernel") + ", " + stb["packets_out"].dump() +
-           " packets out, " + stb["packets_in"].dump() + " in";
+    const std::string state = stb["rules"] == "missing"  ? "missing"
+                              : stb["rules"] == "unseen" ? "not known"
+                                                         : "in the kernel";
+    return state + ", " + stb["packets_out"].dump() + " packets out, " + stb["packets_in"].dump() + " in";
 }
 
 std::string groups_line(const Json &stb) {

@@ -14,8 +14,8 @@
 namespace keelctl {
 
 struct Link {
-    const char *name; /* of a fixed set: service, lan, class, identity, client, ... */
-    bool ok;
+    const char *name;  /* of a fixed set: service, lan, class, identity, client, ... */
+    const char *state; /* "ok", "unseen" or "broken" */
     std::string text;
 };
 
@@ -25,6 +25,7 @@ struct Diagnosis {
     std::string brief;       /* the same in a few words after its name: "waits for the operator" */
     std::int64_t since = 0;  /* in seconds since 1970; 0: not known */
     std::string remedy;      /* what to do about it */
+    bool unseen = false;     /* not all could be looked at */
     Json evidence = Json::object();
 
     bool served() const { return cause.empty(); }
@@ -34,13 +35,20 @@ struct Diagnosis {
 class Walk {
 public:
     bool ok(const char *link, std::string text) {
-        diagnosis.links.push_back({link, true, std::move(text)});
+        diagnosis.links.push_back({link, "ok", std::move(text)});
+        return true;
+    }
+
+    /* What cannot be looked at may be in order. */
+    bool unseen(const char *link, std::string text) {
+        diagnosis.links.push_back({link, "unseen", std::move(text)});
+        diagnosis.unseen = true;
         return true;
     }
 
     bool broken(const char *link, const char *cause, std::string brief, std::int64_t since, std::string text,
                 std::string remedy) {
-        diagnosis.links.push_back({link, false, std::move(text)});
+        diagnosis.links.push_back({link, "broken", std::move(text)});
         diagnosis.cause = cause;
         diagnosis.brief = std::move(brief);
         diagnosis.since = since;

@@ -163,6 +163,9 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
         since = since == 0 ? number(one, "Since") : std::min(since, number(one, "Since"));
         next = std::max(next, number(one, "NextTry"));
     }
+    if (told.empty() && !gateway.rules_error.empty())
+        return walk.unseen("rules", "whether they stand is not known: " + gateway.rules_error +
+                                        "; it is looked again within a minute");
     if (told.empty())
         return walk.ok("rules", gateway.routed() ? "its four rules are in the kernel" : "its rules are in the kernel");
     if (rules.size() > 1)

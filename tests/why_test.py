@@ -247,6 +247,28 @@ class WhyTest(OnALab):
         lab.keel.set("Keel.Zephyrin", Enable="true")
         self.await_served(STB1)
 
+    def test_7d_rules_not_seen(self):
+        """While it cannot be looked whether the rules stand, nothing says that they do."""
+        lab = self.lab
+        self.await_served(STB1)
+        snat = ("POSTROUTING_zep", "-s", lab.address(STB1), "-j", "SNAT", "--to-source", lab.served_as(STB1))
+        with wrapped_tables(lab.folder, '[ "${0##*/}" != iptables-save ] || exit 1'):
+            lab.network.run("gateway", "iptables", "-t", "nat", "-D", *snat)
+            page = self.keelctl()[0]
+            self.assertTrue(self.headline().endswith("; whether the rules stand is not known"), page)
+            self.assertIn("  rules    whether they stand is not known: /usr/sbin/iptables-save ended with status 1", page)
+            self.assertIn("  rules    not known, ", page)
+            self.assertNotIn("  rules    in the kernel", page)
+            told, status = self.keelctl("why")
+            self.assertIn("is served, as far as can be seen", told)
+            self.assertIn("  unseen rules     whether they stand is not known", told)
+            self.assertEqual(status, 0)
+        self.keelctl()  # asks for a look
+        self.await_why(STB1, r"the SNAT rule for \S+ is not in POSTROUTING_zep", 5)
+        lab.network.run("gateway", "iptables", "-t", "nat", "-A", *snat)
+        self.await_served(STB1, 10)
+        self.assertTrue(self.headline().endswith(" served"), self.headline())
+
     def test_7b_slow_look(self):
         """Changes that are told while the rules are being read keep nobody from hearing of the next."""
         lab = self.lab

@@ -24,6 +24,7 @@ namespace {
 
 constexpr const char *missing_path = "Firewall.Missing";
 constexpr const char *mapping_path = "Firewall.Mapping";
+constexpr const char *host_path = "KeelHost";
 constexpr std::uint64_t settle_ms = 100;         /* from an event to the look: a command makes several */
 constexpr std::uint64_t look_every_ms = 1000;    /* at most */
 constexpr std::uint64_t look_again_ms = 500;     /* whether what is missing is only on its way */
@@ -218,13 +219,19 @@ void FirewallCheck::read(const std::vector<std::string> &argv, void (SavedRules:
         failed(error);
 }
 
-/* Told once, until the rules can be looked at again. */
+/* Traced once, until the rules can be looked at again. */
 void FirewallCheck::failed(const std::string &why) {
     if (!std::exchange(blind_, true))
         trace(Level::Warning, "firewall", "whether the rules stand is not known: %s; it is tried again once a minute",
               why.c_str());
+    tell_error(why);
     look_in(look_without_ms);
     write_counts({});
+}
+
+void FirewallCheck::tell_error(const std::string &why) {
+    if (model_.text(host_path, "RulesError") != why)
+        model_.set(host_path, {{"RulesError", why}});
 }
 
 /* In the order in which they belong. */
@@ -237,6 +244,7 @@ std::vector<FirewallRule> FirewallCheck::expected() const {
 
 void FirewallCheck::looked() {
     blind_ = false;
+    tell_error("");
     const auto all = expected();
     find_missing(all);
     tell();
@@ -259,7 +267,11 @@ void FirewallCheck::count(std::function<void()> done) {
     if (planned_.empty())
         read_plan();
     else
-        read_iptables([this] { write_counts(traffic_of(expected(), saved_)); });
+        read_iptables([this] {
+            write_counts(traffic_of(expected(), saved_));
+            if (blind_) /* which may be over */
+                look_in(0);
+        });
 }
 
 /* Only when somebody asks. */

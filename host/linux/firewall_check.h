@@ -27,7 +27,9 @@ namespace keel {
  * before was taken away by somebody else: that is traced, and it is put back after two seconds, but not more often than
  * once a minute, so that two that will not have each other's rules do not keep the machine busy. One that has never
  * stood is one whose command failed: it is made once, unless it is a single device's. What stands of a device's mapping
- * is taken away then, and its lease reported anew, at most once a minute, so that the plug-in makes all of it. */
+ * is taken away then, and its lease reported anew, at most once a minute, so that the plug-in makes all of it.
+ *
+ * While a look fails, "KeelHost.RulesError" tells why. */
 class FirewallCheck {
 public:
     /* The script is share/chains.sh; what iptables-restore and ebtables-restore read is written into the folder. */
@@ -67,6 +69,7 @@ private:
     std::vector<FirewallRule> expected() const;
     void looked();
     void failed(const std::string &why);
+    void tell_error(const std::string &why);
     void write_counts(const std::map<std::string, Traffic> &counted);
     void find_missing(const std::vector<FirewallRule> &expected);
     void tell();
