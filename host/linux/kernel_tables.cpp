@@ -1,5 +1,8 @@
 #include "host/linux/kernel_tables.h"
 
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -44,12 +47,19 @@ std::vector<Record> rows(const std::map<Key, Record> &table, const Key &first, C
 } // namespace
 
 KernelTables::KernelTables(UvLoop &loop, int buffer_bytes)
-    : loop_(loop), telling_(loop, [this] { tell(); }), events_(loop, buffer_bytes,
-                                                               {[this](const KernelMessage &message) {
-                                                                    ++messages_;
-                                                                    take(message);
-                                                                },
-                                                                [this] { events_lost(); }}) {
+    : loop_(loop), telling_(loop, [this] { tell(); }),
+      events_(loop,
+              {NETLINK_ROUTE,
+               {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH},
+               buffer_bytes,
+               "kernel"},
+              {[this](const std::uint8_t *data, std::size_t size) {
+                   for_each_message(data, size, [this](const KernelMessage &message) {
+                       ++messages_;
+                       take(message);
+                   });
+               },
+               [this] { events_lost(); }, nullptr}) {
     std::string error;
     if (!read_all(&error))
         throw std::runtime_error("the kernel's tables cannot be read: " + error);

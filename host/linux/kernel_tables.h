@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "host/linux/netlink.h"
-#include "host/linux/netlink_events.h"
+#include "host/linux/event_socket.h"
 #include "host/model/recheck.h"
 
 namespace keel {
@@ -131,7 +131,7 @@ private:
     std::uint64_t last_read_ms_ = 0;
     bool unreadable_ = false; /* has been traced */
     Loop::TimerId reading_ = 0;
-    NetlinkEvents events_; /* last: it hands over to the tables */
+    EventSocket events_; /* last: it hands over to the tables */
 };
 
 } // namespace keel

@@ -244,6 +244,15 @@ std::optional<KernelMessage> read_kernel_message(const nlmsghdr *header) {
     }
 }
 
+void for_each_message(const std::uint8_t *data, std::size_t size,
+                      const std::function<void(const KernelMessage &)> &take) {
+    auto rest = static_cast<unsigned>(size);
+    for (const auto *header = reinterpret_cast<const nlmsghdr *>(data); NLMSG_OK(header, rest);
+         header = NLMSG_NEXT(header, rest))
+        if (const auto message = read_kernel_message(header))
+            take(*message);
+}
+
 std::string link_address(const std::string &name) {
     ifreq request{};
     const int socket_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

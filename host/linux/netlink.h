@@ -4,7 +4,9 @@
 #ifndef HOST_LINUX_NETLINK_H
 #define HOST_LINUX_NETLINK_H
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <variant>
@@ -75,6 +77,10 @@ struct KernelMessage {
 
 /* Nothing for a message of anything else. The header must stand before the whole message. */
 std::optional<KernelMessage> read_kernel_message(const nlmsghdr *header);
+
+/* Those of them that there are in what a socket has given at once; data is aligned as an nlmsghdr. */
+void for_each_message(const std::uint8_t *data, std::size_t size,
+                      const std::function<void(const KernelMessage &)> &take);
 
 /* The MAC address of a link, lower case, or "". */
 std::string link_address(const std::string &name);

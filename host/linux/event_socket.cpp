@@ -1,7 +1,6 @@
-#include "host/linux/netlink_events.h"
+#include "host/linux/event_socket.h"
 
 #include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "host/base/trace.h"
 
@@ -24,13 +24,13 @@ constexpr int messages_at_most = 100000;
 
 } // namespace
 
-struct NetlinkEvents::Poll {
+struct EventSocket::Poll {
     uv_poll_t handle;
-    NetlinkEvents *owner;
+    EventSocket *owner;
 };
 
-NetlinkEvents::NetlinkEvents(UvLoop &loop, int buffer_bytes, Receiver receiver)
-    : loop_(loop), buffer_bytes_(buffer_bytes), receiver_(std::move(receiver)) {
+EventSocket::EventSocket(UvLoop &loop, Source source, Receiver receiver)
+    : loop_(loop), source_(std::move(source)), receiver_(std::move(receiver)) {
     if (!open()) {
         const std::string reason = std::strerror(errno);
         close();
@@ -38,21 +38,22 @@ NetlinkEvents::NetlinkEvents(UvLoop &loop, int buffer_bytes, Receiver receiver)
     }
 }
 
-NetlinkEvents::~NetlinkEvents() {
+EventSocket::~EventSocket() {
     loop_.cancel_timer(reopening_);
     close();
 }
 
-bool NetlinkEvents::open() {
-    socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+bool EventSocket::open() {
+    socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, source_.protocol);
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     if (socket_ < 0 || bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0)
         return false;
     /* the second is bounded by net.core.rmem_max, the first needs the right to it */
-    if (setsockopt(socket_, SOL_SOCKET, SO_RCVBUFFORCE, &buffer_bytes_, sizeof buffer_bytes_) < 0)
-        setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &buffer_bytes_, sizeof buffer_bytes_);
-    for (const int group : {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH})
+    const int bytes = source_.buffer_bytes;
+    if (bytes > 0 && setsockopt(socket_, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) < 0)
+        setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    for (const int group : source_.groups)
         if (setsockopt(socket_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
             return false;
     auto made = std::make_unique<Poll>(Poll{{}, this});
@@ -64,7 +65,7 @@ bool NetlinkEvents::open() {
     return true;
 }
 
-void NetlinkEvents::close() {
+void EventSocket::close() {
     if (poll_) {
         uv_poll_stop(&poll_->handle);
         uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
@@ -76,20 +77,36 @@ void NetlinkEvents::close() {
     socket_ = -1;
 }
 
-void NetlinkEvents::poll() {
+void EventSocket::poll() {
     uv_poll_start(&poll_->handle, UV_READABLE, [](uv_poll_t *handle, int status, int) {
-        NetlinkEvents *self = static_cast<Poll *>(handle->data)->owner;
+        EventSocket *self = static_cast<Poll *>(handle->data)->owner;
         self->read();
-        if (status < 0 && self->poll_) /* an overrun too counts as an error, after which libuv polls no more */
+        /* an overrun too counts as an error, after which libuv polls no more */
+        if (status < 0 && self->poll_ && !self->rests_)
             self->poll();
     });
 }
 
-void NetlinkEvents::read() {
+void EventSocket::rest() {
+    if (poll_)
+        uv_poll_stop(&poll_->handle);
+    rests_ = true;
+}
+
+void EventSocket::read() {
+    read(true);
+}
+
+void EventSocket::empty() {
+    read(false);
+}
+
+void EventSocket::read(bool hand_over) {
+    const bool rested = std::exchange(rests_, false);
     bool overrun = false;
-    for (int count = 0; count < (overrun ? messages_at_most : messages_a_turn) && socket_ >= 0; ++count) {
+    for (int count = 0; count < (overrun ? messages_at_most : messages_a_turn) && socket_ >= 0 && !rests_; ++count) {
         int error = 0;
-        const Outcome outcome = receive(&error);
+        const Outcome outcome = receive(hand_over, &error);
         if (outcome == Outcome::Failed)
             return fail(error);
         if (outcome == Outcome::Empty)
@@ -97,11 +114,13 @@ void NetlinkEvents::read() {
         /* From here on to the end of what it holds the kernel adds nothing; only then a look at the tables counts. */
         overrun = overrun || outcome == Outcome::Overrun;
     }
-    if (overrun)
+    if (rested && poll_ && !rests_)
+        poll();
+    if (overrun && hand_over)
         receiver_.lost();
 }
 
-NetlinkEvents::Outcome NetlinkEvents::receive(int *error) {
+EventSocket::Outcome EventSocket::receive(bool hand_over, int *error) {
     alignas(nlmsghdr) std::array<std::uint8_t, 65536> buffer;
     sockaddr_nl sender{};
     iovec part{buffer.data(), buffer.size()};
@@ -119,22 +138,22 @@ NetlinkEvents::Outcome NetlinkEvents::receive(int *error) {
     }
     if (sender.nl_pid != 0) /* only the kernel is to be believed */
         return Outcome::Message;
-    auto rest = static_cast<unsigned>(size);
-    for (const auto *header = reinterpret_cast<const nlmsghdr *>(buffer.data()); NLMSG_OK(header, rest);
-         header = NLMSG_NEXT(header, rest))
-        if (const auto message = read_kernel_message(header))
-            receiver_.message(*message);
+    if (hand_over)
+        receiver_.messages(buffer.data(), static_cast<std::size_t>(size));
     return envelope.msg_flags & MSG_TRUNC ? Outcome::Overrun : Outcome::Message;
 }
 
-void NetlinkEvents::fail(int error) {
-    trace(Level::Warning, "kernel", "the kernel's events are lost (%s): the socket is opened anew",
+void EventSocket::fail(int error) {
+    trace(Level::Warning, source_.zone, "the kernel's events are lost (%s): the socket is opened anew",
           std::strerror(error));
     close();
     reopening_ = loop_.start_timer(pause_.next_ms(), [this] { try_again(); });
+    if (receiver_.deaf)
+        receiver_.deaf();
 }
 
-void NetlinkEvents::try_again() {
+void EventSocket::try_again() {
+    rests_ = false;
     if (!open()) {
         close();
         reopening_ = loop_.start_timer(pause_.next_ms(), [this] { try_again(); });
@@ -142,7 +161,7 @@ void NetlinkEvents::try_again() {
     }
     reopening_ = 0;
     pause_.reset();
-    trace(Level::Info, "kernel", "the kernel's events are there again");
+    trace(Level::Info, source_.zone, "the kernel's events are there again");
     receiver_.lost();
 }
 
