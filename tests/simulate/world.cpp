@@ -16,6 +16,7 @@ constexpr const char *pools[] = {"zep_stb", "zep_itf", "lan"};
 constexpr const char *store_file = "simulated-keel.db";
 constexpr const char *gateway_address = "10.20.0.9";
 constexpr std::uint64_t script_ms = 50;
+constexpr std::uint64_t routes_are_made_ms = 3000; /* after a lease; until then there are none */
 constexpr std::size_t gateway_column = 0;
 constexpr std::size_t operator_column = 1;
 constexpr std::size_t first_device_column = 2;
@@ -215,6 +216,7 @@ void World::tell_operator() {
     wan.options = options_;
     const std::string own = life_->model.text("Weft.Intf.dhcp_iptv.SentOption.61", "Value");
     wan.vary = [this, own](const std::string &client_id, SimOperator::Terms &terms) {
+        leased_ms_ = loop_.now_ms();
         std::string &address = address_book_[client_id];
         if (client_id == own)
             address = gateway_address;
@@ -382,6 +384,8 @@ void World::calm(bool by_people) {
     set("Keel.Zephyrin", {{"MonoClient", false}});
     set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"Enable", true}});
     loop_.advance(80 * minute_ms);
+    while (loop_.now_ms() < leased_ms_ + routes_are_made_ms)
+        loop_.advance(leased_ms_ + routes_are_made_ms - loop_.now_ms());
     for (const auto &device : devices_)
         if (is_settled(*device))
             if (const std::string broken = broken_liveness(sight(), *device, heard_for_ms(*device)); !broken.empty())

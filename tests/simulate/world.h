@@ -121,6 +121,7 @@ private:
     std::map<int, std::string> options_;
     std::map<std::string, std::string> address_book_;
     unsigned next_address_ = 0;
+    std::uint64_t leased_ms_ = 0; /* the latest one */
     std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
 
     std::uint64_t clock_set_ms_ = 0;
