@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <linux/netlink.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -78,6 +81,20 @@ protected:
             usleep(10000);
         }
         return holds();
+    }
+    /* Has those sockets fail on which the kernel tells of changes, and tells how many there are. A descriptor that fails
+     * cannot be had of the kernel; another file in its place fails as well. */
+    static std::size_t fail_event_sockets() {
+        const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        std::size_t replaced = 0;
+        for (int number = 3; number < 256; ++number) {
+            std::array<std::uint32_t, 16> groups{};
+            socklen_t size = sizeof groups;
+            if (getsockopt(number, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, groups.data(), &size) == 0 && groups[0] != 0)
+                replaced += dup2(other, number) == number;
+        }
+        close(other);
+        return replaced;
     }
     bool up() const { return graph->has_flag("eth1.20", "up"); }
     std::string status(const std::string &path) const { return model.text("Weft.Intf.eth1.20." + path, "Status"); }

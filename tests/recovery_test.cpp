@@ -15,11 +15,14 @@
 #include <fstream>
 
 #include "host/linux/child.h"
+#include "host/linux/firewall_check.h"
 #include "host/linux/firewall_policy.h"
 #include "host/linux/kernel.h"
 #include "host/linux/lan_port.h"
 #include "host/linux/multicast.h"
 #include "tests/linux_fixture.h"
+
+using namespace std::string_literals;
 
 namespace keel {
 
@@ -216,6 +219,30 @@ TEST_F(RecoveryTest, TheMulticastConfigurationGoesThroughNoLink) {
     EXPECT_EQ(count(shell("cat /run/keel/igmpproxy.conf"), "phyint eth1.20:zep upstream"), 1U);
     EXPECT_EQ(shell("cat /run/precious"), "kept\n");
     EXPECT_FALSE(std::filesystem::exists(folder / "igmpproxy.conf.new"));
+}
+
+TEST_F(RecoveryTest, ChangesToTheRulesAreHeardOfAgain) {
+    set_up();
+    FirewallCheck check(loop, *graph, SOURCE_DIR "/share/chains.sh", "/run", [](std::uint32_t) {});
+    bool looked = false;
+    check.count([&] { looked = true; });
+    EXPECT_TRUE(soon([&] { return looked; }));
+    const auto takes_note = [&](const char *chain) {
+        EXPECT_EQ(shell("iptables -t nat -D POSTROUTING -j "s + chain), "");
+        return soon([&] {
+            const auto all = model.instances("Firewall.Missing");
+            return std::any_of(all.begin(), all.end(), [&](const std::string &one) {
+                return model.text("Firewall.Missing." + one, "Rule") == "-j "s + chain;
+            });
+        });
+    };
+    EXPECT_TRUE(takes_note("POSTROUTING_IPTV"));
+
+    ASSERT_EQ(fail_event_sockets(), 1U);
+    model.set("Weft.Intf.eth1.20", {{"Flags", "netdev up"s}}); /* which has the rules looked at */
+    EXPECT_TRUE(soon([&] { return traced(Level::Info, "events are there again") == 1; }));
+    EXPECT_EQ(traced(Level::Warning, "events are lost"), 1U);
+    EXPECT_TRUE(takes_note("POSTROUTING_ZEP"));
 }
 
 /* As the plug-in does it, with a process each for what comes and what goes. */

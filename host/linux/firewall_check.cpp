@@ -2,12 +2,10 @@
 
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
+#include <stdexcept>
 #include <utility>
 
 #include "host/base/text_forms.h"
@@ -39,18 +37,11 @@ const std::vector<std::string> ebtables_save = {"/usr/sbin/ebtables-save"};
 
 } // namespace
 
-struct FirewallCheck::Poll {
-    uv_poll_t handle;
-    FirewallCheck *owner;
-};
-
 FirewallCheck::FirewallCheck(UvLoop &loop, InterfaceGraph &graph, std::string script, const std::string &folder,
                              std::function<void(std::uint32_t address)> report_lease)
     : loop_(loop), graph_(graph), model_(graph.model()), script_(std::move(script)),
       file_(std::filesystem::path(folder) / "iptables.restore"), report_lease_(std::move(report_lease)) {
-    if (!listen())
-        trace(Level::Info, "firewall",
-              "the kernel does not tell of changes to the rules: they are looked at once a minute");
+    listen();
     follow_model();
     read_plan();
 }
@@ -62,13 +53,6 @@ FirewallCheck::~FirewallCheck() {
     process_.reset();
     for (const auto &[key, missing] : missing_)
         forget(missing);
-    if (poll_) {
-        uv_poll_stop(&poll_->handle);
-        uv_close(reinterpret_cast<uv_handle_t *>(&poll_->handle),
-                 [](uv_handle_t *handle) { delete static_cast<Poll *>(handle->data); });
-    }
-    if (socket_ >= 0)
-        close(socket_);
 }
 
 /* --------------------------------------------------------------------------------------------------- when to look */
@@ -84,29 +68,21 @@ void FirewallCheck::follow_model() {
                 model_.watch("Hosts.Host", look_for_stb, {{"Tags", "IPAddress", "Active"}, false})};
 }
 
-bool FirewallCheck::listen() {
-    socket_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER);
-    sockaddr_nl address{};
-    address.nl_family = AF_NETLINK;
-    const int group = NFNLGRP_NFTABLES;
-    if (socket_ < 0 || bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0 ||
-        setsockopt(socket_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
-        return false;
-    auto made = std::make_unique<Poll>(Poll{{}, this});
-    if (uv_poll_init(loop_.handle(), &made->handle, socket_) != 0)
-        return false;
-    poll_ = made.release();
-    poll_->handle.data = poll_;
-    wait_for_event();
-    return true;
-}
-
 /* What is told matters not, only that something is; the next events are let come until a look is due. */
-void FirewallCheck::wait_for_event() {
-    uv_poll_start(&poll_->handle, UV_READABLE, [](uv_poll_t *handle, int, int) {
-        uv_poll_stop(handle);
-        static_cast<Poll *>(handle->data)->owner->on_event();
-    });
+void FirewallCheck::listen() {
+    const auto changed = [this] { on_event(); };
+    const auto told = [this](const std::uint8_t *, std::size_t) {
+        events_->rest();
+        on_event();
+    };
+    try {
+        events_ = std::make_unique<EventSocket>(
+            loop_, EventSocket::Source{NETLINK_NETFILTER, {NFNLGRP_NFTABLES}, 0, "firewall"},
+            EventSocket::Receiver{told, changed, changed});
+    } catch (const std::runtime_error &error) {
+        trace(Level::Info, "firewall",
+              "the kernel does not tell of changes to the rules (%s): they are looked at once a minute", error.what());
+    }
 }
 
 void FirewallCheck::on_event() {
@@ -166,13 +142,8 @@ void FirewallCheck::look() {
         read_plan();
         return;
     }
-    if (poll_) { /* what comes from here on is another change */
-        std::array<char, 65536> rest;
-        for (int count = 0; count < 10000; ++count)
-            if (recv(socket_, rest.data(), rest.size(), 0) < 0 && errno != ENOBUFS)
-                break;
-        wait_for_event();
-    }
+    if (events_)
+        events_->empty(); /* what comes from here on is another change */
     last_look_ms_ = loop_.now_ms();
     read_iptables([this] { read(ebtables_save, &SavedRules::take_of_bridge, [this] { looked(); }); });
 }
@@ -256,7 +227,7 @@ void FirewallCheck::looked() {
     });
     if (!missing_.empty())
         look_in(fresh ? look_again_ms : look_missing_ms);
-    else if (!poll_)
+    else if (!events_ || !events_->hears())
         look_in(look_without_ms);
 }
 

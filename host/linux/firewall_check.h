@@ -15,6 +15,7 @@
 #include "host/base/uv_loop.h"
 #include "host/gateway/graph.h"
 #include "host/linux/child.h"
+#include "host/linux/event_socket.h"
 #include "host/linux/firewall_rules.h"
 
 namespace keel {
@@ -44,7 +45,6 @@ public:
     void count(std::function<void()> done);
 
 private:
-    struct Poll; /* lives until libuv has closed it */
     struct Missing {
         FirewallRule rule;
         std::uint64_t found_ms = 0;
@@ -55,8 +55,7 @@ private:
     };
 
     void follow_model();
-    bool listen();
-    void wait_for_event();
+    void listen();
     void on_event();
     void on_model();
     void look_in(std::uint64_t milliseconds);
@@ -84,8 +83,7 @@ private:
     Model &model_;
     std::string script_;
     std::string file_;
-    int socket_ = -1;
-    Poll *poll_ = nullptr;
+    std::unique_ptr<EventSocket> events_; /* null where the kernel does not tell of changes to the rules */
     Loop::TimerId looking_ = 0;
     std::uint64_t look_at_ms_ = 0; /* when that comes */
     std::uint64_t last_look_ms_ = 0;
