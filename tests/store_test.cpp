@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -27,7 +28,10 @@ constexpr const char *tree = R"({"objects": {
     "KeelHost": {"parameters": {"StoreError": ["text", ""]}},
     "Kept": {"persistent": true,
              "parameters": {"Mode": ["text", "default"], "Status": ["text", "default"]},
-             "objects": {"Item": {"instance": {"parameters": {"N": ["uint32", 0]}}}}}}})";
+             "objects": {"Item": {"instance": {"parameters": {"N": ["uint32", 0]}}},
+                         "Offer": {"instance": {"persistent": "Taken",
+                                                "parameters": {"Taken": ["bool", false], "N": ["uint32", 0]},
+                                                "objects": {"Note": {"parameters": {"Text": ["text", ""]}}}}}}}}})";
 
 class StoreTest : public testing::Test {
 protected:
@@ -140,6 +144,50 @@ TEST_F(StoreTest, AWriteThatIsNotStoredIsToldAndStoredLater) {
     loop.advance(5000);
     EXPECT_EQ(error(), "");
     EXPECT_EQ(stored("Mode"), "two");
+}
+
+/* Somebody may still go without it: what is only offered is not worth a write. */
+TEST_F(StoreTest, AnInstanceIsStoredOnceItsParameterSaysSo) {
+    {
+        Store store(loop, model, file);
+        model.add("Kept.Offer", "never", {{"N", std::int64_t{1}}});
+        model.add("Kept.Offer", "late", {{"N", std::int64_t{2}}});
+        model.set("Kept.Offer.late.Note", {{"Text", std::string("early")}});
+        model.add("Kept.Offer", "gone", {});
+        EXPECT_EQ(store.flush(), "");
+        model.add("Kept.Offer", "once", {{"Taken", true}, {"N", std::int64_t{3}}});
+        model.set("Kept.Offer.late", {{"Taken", true}});
+        model.set("Kept.Offer.never", {{"N", std::int64_t{4}}});
+        model.set("Kept.Offer.gone", {{"Taken", true}});
+        EXPECT_EQ(store.flush(), "");
+        model.remove("Kept.Offer.gone");
+        model.set("Kept.Offer.late", {{"Taken", false}, {"N", std::int64_t{5}}});
+    }
+    const auto read = [&] {
+        SimLoop later;
+        auto fresh = std::make_unique<Model>(later);
+        fresh->load_text(tree, "test");
+        const Store store(later, *fresh, file);
+        EXPECT_EQ(fresh->instances("Kept.Offer"), (std::vector<std::string>{"once", "late"}));
+        EXPECT_EQ(fresh->integer("Kept.Offer.late", "N"), 5) << "it stays";
+        EXPECT_EQ(fresh->text("Kept.Offer.late.Note", "Text"), "early");
+        EXPECT_TRUE(fresh->boolean("Kept.Offer.late", "Taken")) << "else it would not be here";
+        fresh->set("Kept.Offer.once", {{"N", std::int64_t{6}}});
+        fresh->remove("Kept.Offer.once");
+        fresh->add("Kept.Offer", "once", {{"Taken", true}});
+        fresh->remove("Kept.Offer.late");
+        fresh->add("Kept.Offer", "late", {{"Taken", true}, {"N", std::int64_t{5}}});
+        fresh->set("Kept.Offer.late.Note", {{"Text", std::string("early")}});
+    };
+    read();
+    sql("DELETE FROM value WHERE name = 'Taken'"); /* an earlier version's file */
+    sqlite3_close(std::exchange(other, nullptr));
+    read();
+    Model model_with_none(loop);
+    EXPECT_THROW(model_with_none.load_text(R"({"objects": {"A": {"instance": {"persistent": "N", "parameters": {"N":
+        ["uint32", 0]}}}}})",
+                                           "test"),
+                 ModelError);
 }
 
 TEST_F(StoreTest, FilesAreTheHostsAloneAndNoLinkIsFollowed) {

@@ -74,7 +74,7 @@ void gather_pool(const Model &model, const std::string &pool, Carried &carried) 
         const std::string leases = join_path(rules, rule) + ".Lease";
         for (const std::string &id : model.instances(leases)) {
             const std::string path = join_path(leases, id);
-            if (!model.boolean(path, "OnHold")) /* else the device does not have it */
+            if (model.boolean(path, "Acknowledged")) /* else the device does not have it */
                 carried.leases[id] = {pool,
                                       rule,
                                       model.text(path, "MACAddress"),

@@ -211,6 +211,7 @@ void Import::write_leases() {
                  {"HostName", lease.host_name},
                  {"VendorClass", lease.vendor_class},
                  {"OnHold", false},
+                 {"Acknowledged", true},
                  {"Expires", now + model_.integer(pool, "MaxLeaseTime")},
                  {"Written", now}});
             ++added;

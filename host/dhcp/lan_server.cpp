@@ -182,7 +182,7 @@ void LanDhcpServer::begin_lease(const Request &request) {
         wait_without_lease(request, "no address is free", "");
         return;
     }
-    if (!report_lease(request, address))
+    if (!report_lease(request, address, false))
         return;
     if (!waiting_.keep(request.id, request.lease, true, request.message)) {
         drop("too many devices wait");
@@ -250,13 +250,14 @@ bool LanDhcpServer::add_lease(const LanRule &rule, const std::string &id, const 
     return !refusal;
 }
 
-bool LanDhcpServer::report_lease(const Request &request, std::uint32_t address) {
+bool LanDhcpServer::report_lease(const Request &request, std::uint32_t address, bool acknowledged) {
     const auto now = static_cast<std::int64_t>(loop_.wall_clock_s());
     Values values = description_of_sender(request.message);
     values["ClientID"] = request.id;
     values["IPAddress"] = format_ipv4(address);
     values["MACAddress"] = format_mac(request.message.hardware.data());
     values["OnHold"] = request.rule.pool->on_hold;
+    values["Acknowledged"] = acknowledged;
     values["Expires"] = now + static_cast<std::int64_t>(offer_valid_s);
     values["Written"] = now;
     if (!add_lease(request.rule, request.id, values))
@@ -349,9 +350,10 @@ void LanDhcpServer::report_again(const std::string &id) {
     if (!rule)
         return;
     const std::uint32_t address = ipv4_or_none(model_.text(waiting.lease, "IPAddress"));
+    const bool acknowledged = model_.boolean(waiting.lease, "Acknowledged");
     const std::uint64_t end = std::max(leases_.end_of(waiting.lease).value_or(now), now + offer_valid_s * 1000);
     model_.remove(waiting.lease);
-    if (!report_lease({waiting.message, *rule, id, waiting.lease}, address))
+    if (!report_lease({waiting.message, *rule, id, waiting.lease}, address, acknowledged))
         return;
     ends_.lasts(waiting.lease, (end - now) / 1000);
     waiting_.because(id, "still on hold two minutes after it was reported", port_.port_of(waiting.message.hardware));
@@ -370,7 +372,6 @@ void LanDhcpServer::report_lease_with(std::uint32_t address) {
     model_.remove(lease);
     if (!add_lease(*rule, id, values))
         return;
-    leases_.set_acknowledged(lease);
     ends_.lasts(lease, (end - now) / 1000);
 }
 
@@ -398,8 +399,7 @@ void LanDhcpServer::answer_lease(const Request &request, DhcpType type) {
     reply.options[option_renewal] = network_bytes(time / 2);
     reply.options[option_rebinding] = network_bytes(time / 8 * 7);
     if (type == DhcpType::Ack) {
-        leases_.set_acknowledged(request.lease);
-        ends_.lasts(request.lease, time);
+        ends_.lasts(request.lease, time, {{"Acknowledged", true}}); /* and is stored from now on */
     } else {
         ends_.outlasts(request.lease, offer_valid_s);
     }

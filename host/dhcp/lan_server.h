@@ -90,7 +90,7 @@ private:
     void begin_lease(const Request &request);
     bool may_be_reported(const Request &request);
     bool add_lease(const LanRule &rule, const std::string &id, const Values &values);
-    bool report_lease(const Request &request, std::uint32_t address);
+    bool report_lease(const Request &request, std::uint32_t address, bool acknowledged);
     bool identifier_is_in_use(const Request &request);
     void drop_leases_before(const Request &request);
     void wait_without_lease(const Request &request, const std::string &reason, const std::string &port);

@@ -61,14 +61,16 @@ std::uint64_t LeaseEnds::remaining_s(const std::string &path) const {
     return expires > written + since ? expires - written - since : 0;
 }
 
-void LeaseEnds::lasts(const std::string &path, std::uint64_t validity_s) {
+void LeaseEnds::lasts(const std::string &path, std::uint64_t validity_s, Values with) {
     leases_.set_end(path, loop_.now_ms() + validity_s * 1000);
     const std::uint64_t now = loop_.wall_clock_s();
     const auto shown = static_cast<std::uint64_t>(model_.integer(path, "Expires"));
     const std::uint64_t unwritten_s = std::max(validity_s / 8, longest_unwritten_s);
-    if (shown + unwritten_s <= now + validity_s || shown > now + validity_s)
-        model_.set(path, {{"Expires", static_cast<std::int64_t>(now + validity_s)},
-                          {"Written", static_cast<std::int64_t>(now)}});
+    if (shown + unwritten_s <= now + validity_s || shown > now + validity_s) {
+        with["Expires"] = static_cast<std::int64_t>(now + validity_s);
+        with["Written"] = static_cast<std::int64_t>(now);
+    }
+    model_.set(path, with);
     follow_expiry();
 }
 

@@ -25,8 +25,8 @@ public:
     ~LeaseEnds();
 
     /* From now on, for a lease that there is. Not every prolongation is written: a device that waits asks every few
-     * seconds. */
-    void lasts(const std::string &path, std::uint64_t validity_s);
+     * seconds. What else is to be written of it goes with it. */
+    void lasts(const std::string &path, std::uint64_t validity_s, Values with = {});
     /* The same for a while only, of a lease that its device does not have yet: nothing is written, and at a start it
      * counts as before. */
     void outlasts(const std::string &path, std::uint64_t validity_s);

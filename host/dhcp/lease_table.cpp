@@ -13,6 +13,11 @@ std::uint32_t address_in(const Values &values) {
     return found == values.end() ? 0 : ipv4_or_none(to_text(found->second));
 }
 
+bool is_acknowledged(const Values &values) {
+    const auto found = values.find("Acknowledged");
+    return found != values.end() && found->second == Value(true);
+}
+
 template <typename Map, typename Key, typename Lease> void take_out(Map &map, const Key &key, const Lease *lease) {
     const auto [first, end] = map.equal_range(key);
     const auto found = std::find_if(first, end, [lease](const auto &entry) { return entry.second == lease; });
@@ -27,10 +32,8 @@ LeaseTable::LeaseTable(Model &model) : model_(model) {
         const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
         for (const std::string &rule : model_.instances(rules))
             if (const Node *leases = model_.find(join_path(rules, rule) + ".Lease"))
-                for (const Node &lease : leases->children) {
+                for (const Node &lease : leases->children)
                     add(lease.steps(), lease.values());
-                    leases_.at(lease.path()).acknowledged = !model_.boolean(lease.path(), "OnHold");
-                }
     }
     model_.observe(this, [this](const Event &event) { observe(event); });
 }
@@ -49,6 +52,8 @@ void LeaseTable::observe(const Event &event) {
         remove(path);
     else if (event.kind == Event::Kind::Changed && event.values.contains("IPAddress"))
         set_address(leases_.at(path), address_in(event.values));
+    if (event.kind == Event::Kind::Changed)
+        leases_.at(path).acknowledged |= is_acknowledged(event.values);
 }
 
 void LeaseTable::add(const std::vector<std::string> &steps, const Values &values) {
@@ -58,6 +63,7 @@ void LeaseTable::add(const std::vector<std::string> &steps, const Values &values
     Lease &lease = leases_[path];
     lease.place = {steps[3], steps[5]};
     lease.id = steps[7];
+    lease.acknowledged = is_acknowledged(values);
     lease.number = ++last_number_;
     by_id_.emplace(lease.id, &lease);
     set_address(lease, address_in(values));

@@ -49,9 +49,6 @@ public:
     /* All paths. */
     std::vector<std::string> all() const;
 
-    /* Of a lease that there is: a device has its address from now on. One that is not on hold when it is taken up from
-     * the model counts as acknowledged. */
-    void set_acknowledged(const std::string &path) { leases_.at(path).acknowledged = true; }
     /* Of a lease that there is; ms of the loop's clock. */
     void set_end(const std::string &path, std::uint64_t end_ms);
     std::optional<std::uint64_t> end_of(const std::string &path) const;

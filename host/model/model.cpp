@@ -101,7 +101,7 @@ Outcome Model::set(std::string_view path, const Values &values) {
         return Refusal{std::string(path), "no such object"};
     if (Outcome refusal = misfit(*node->shape, values, [&] { return node->path(); }))
         return refusal;
-    Event event{Event::Kind::Changed, {}, {}, {}, 0, 0};
+    Event event{Event::Kind::Changed, {}, {}, {}};
     for (const auto &[name, value] : values) {
         Parameter &parameter = *node->parameter(name);
         if (parameter.present && parameter.value == value)
@@ -113,6 +113,7 @@ Outcome Model::set(std::string_view path, const Values &values) {
     if (!event.values.empty()) {
         event.steps = node->steps();
         written(*node);
+        event.persistent = node->persistent;
         tell(std::move(event));
     }
     return std::nullopt;
@@ -137,7 +138,7 @@ Outcome Model::add(std::string_view parent, const std::optional<std::string> &ke
     for (const auto &[parameter_name, value] : values)
         write(*node.parameter(parameter_name), value);
     written(node);
-    tell({Event::Kind::Added, node.steps(), node.values(), {}, 0, 0});
+    tell({Event::Kind::Added, node.steps(), node.values(), {}, 0, 0, node.persistent});
     if (name)
         *name = chosen;
     return std::nullopt;
@@ -154,7 +155,7 @@ Outcome Model::remove(std::string_view path) {
         for (const Node &child : gone.children)
             note(child);
         if (gone.instance)
-            events.push_back({Event::Kind::Deleted, gone.steps(), gone.values(), {}, 0, 0});
+            events.push_back({Event::Kind::Deleted, gone.steps(), gone.values(), {}, 0, 0, gone.persistent});
     };
     note(*node);
     Node &parent = *node->parent;
@@ -188,6 +189,7 @@ void Model::observe(const void *key, Observer observer) {
 
 /* All objects above have changed with it. */
 void Model::written(Node &node) {
+    follow_persistence(node);
     ++generation_;
     for (Node *at = &node; at; at = at->parent)
         at->generation = generation_;

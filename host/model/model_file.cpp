@@ -121,14 +121,21 @@ public:
             else if (member == "instance")
                 shape.instance = read(value, join_path(path, "{i}"));
             else if (member == "persistent") {
-                expect(value.is_boolean(), path, "\"persistent\" must be true or false");
-                shape.persistent = value.get<bool>();
+                expect(value.is_boolean() || value.is_string(), path,
+                       "\"persistent\" must be true, false or the name of a parameter");
+                shape.persistent = value.is_boolean() && value.get<bool>();
+                shape.persistent_once = value.is_string() ? value.get<std::string>() : "";
             } else
                 expect(member == "instances", path, "unknown member \"" + member + "\"");
         }
         if (json.contains("instances")) {
             expect(shape.instance, path, "\"instances\" without \"instance\"");
             shape.instances = read_instances(*shape.instance, json["instances"], path);
+        }
+        if (!shape.persistent_once.empty()) {
+            const ParameterShape *once = shape.parameter(shape.persistent_once);
+            expect(path.ends_with("{i}") && once && once->type == Type::Bool, path,
+                   "\"" + shape.persistent_once + "\" is no bool parameter of an instance");
         }
         expect(!shape.instance || (shape.objects.empty() && shape.parameters.empty()), path,
                "a multi-instance object has no parameters or objects of its own");

@@ -136,6 +136,13 @@ Node *descend(Node *from, std::string_view path) {
 
 namespace {
 
+void make_persistent(Node &node) {
+    node.persistent = true;
+    for (const Node &child : node.children)
+        if (child.shape->persistent_once.empty())
+            make_persistent(*node.children.find(child.name));
+}
+
 void place_initial(Node &multi, const Shape::Initial &initial, std::uint64_t generation) {
     Node *node = multi.children.find(initial.name);
     if (!node)
@@ -145,6 +152,7 @@ void place_initial(Node &multi, const Shape::Initial &initial, std::uint64_t gen
         parameter.value = value;
         parameter.present = true;
     }
+    follow_persistence(*node);
     for (const auto &[object, instances] : initial.below)
         for (const Shape::Initial &below : instances)
             place_initial(*node->children.find(object), below, generation);
@@ -157,7 +165,7 @@ void grow(Node &node, const Shape &shape, std::uint64_t generation) {
     node.generation = generation;
     node.multi = shape.instance != nullptr;
     node.instance = node.parent && node.parent->multi;
-    node.persistent = shape.persistent || (node.parent && node.parent->persistent);
+    node.persistent = shape.persistent_once.empty() && (shape.persistent || (node.parent && node.parent->persistent));
     node.parameters.reserve(shape.parameters.size());
     for (const ParameterShape &one : shape.parameters)
         node.parameters.push_back({&one, one.initial, one.present});
@@ -168,6 +176,12 @@ void grow(Node &node, const Shape &shape, std::uint64_t generation) {
     }
     for (const Shape::Initial &initial : shape.instances)
         place_initial(node, initial, generation);
+}
+
+void follow_persistence(Node &node) {
+    const std::string &once = node.shape->persistent_once;
+    if (!node.persistent && !once.empty() && node.parameter(once)->value == Value(true))
+        make_persistent(node);
 }
 
 Node &grow_instance(Node &multi, std::string name, std::uint64_t generation) {

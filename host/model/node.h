@@ -42,6 +42,7 @@ struct Shape {
     const Shape *instance = nullptr; /* set: a multi-instance object */
     std::vector<Initial> instances;  /* those it starts with */
     bool persistent = false;
+    std::string persistent_once; /* of an instance: the parameter that makes it persistent when it is true */
 
     const ParameterShape *parameter(std::string_view name) const;
 };
@@ -118,6 +119,8 @@ Node *descend(Node *from, std::string_view path);
 /* Makes a node what its shape says, with the objects and instances that stand below it from the start, all of them of
  * that generation. */
 void grow(Node &node, const Shape &shape, std::uint64_t generation);
+/* After a write: an instance whose parameter now makes it persistent is so from now on, with all below it. */
+void follow_persistence(Node &node);
 /* Adds an instance of a multi-instance object, grown. */
 Node &grow_instance(Node &multi, std::string name, std::uint64_t generation);
 

@@ -139,6 +139,8 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
     Values values = stored_values(path, *shape);
     if (newer != dirty_.end())
         std::erase_if(values, [&](const auto &value) { return newer->second.changed.contains(value.first); });
+    if (!shape->persistent_once.empty()) /* an earlier version had no such parameter */
+        values[shape->persistent_once] = true;
     const std::uint64_t before = model_.latest_event();
     const Outcome refusal = missing ? model_.add(parent, name, values) : model_.set(path, values);
     if (model_.latest_event() != before)
@@ -180,14 +182,13 @@ Values Store::stored_values(const std::string &path, const Shape &shape) {
 void Store::on_event(const Event &event) {
     if (event.kind == Event::Kind::Custom || event.number <= start_ || own_events_.erase(event.number) != 0)
         return;
-    const std::string path = event.path();
-    const Node *node = model_.find(path);
-    if (node && !node->persistent)
+    if (!event.persistent)
         return;
+    const std::string path = event.path();
     Dirty &dirty = dirty_[path];
     if (event.kind == Event::Kind::Deleted)
         dirty.deleted = true;
-    else if (event.kind == Event::Kind::Added)
+    else if (event.kind == Event::Kind::Added || became_persistent(event))
         dirty.position = highest_position_ + static_cast<std::int64_t>(event.number);
     else if (!database_.is_open())
         for (const auto &[name, value] : event.values)
@@ -199,6 +200,23 @@ void Store::on_event(const Event &event) {
         if (*alive)
             write_dirty();
     });
+}
+
+/* What was added before has no rows then. */
+bool Store::became_persistent(const Event &event) {
+    const Node *node = model_.find(event.path());
+    if (!node || !event.values.contains(node->shape->persistent_once))
+        return false;
+    mark_below(*node);
+    return true;
+}
+
+void Store::mark_below(const Node &node) {
+    for (const Node &child : node.children)
+        if (child.persistent) {
+            dirty_[child.path()].position = highest_position_ + static_cast<std::int64_t>(model_.latest_event());
+            mark_below(child);
+        }
 }
 
 std::string Store::flush() {

@@ -41,7 +41,7 @@ public:
 private:
     struct Dirty {
         bool deleted = false;            /* at some time, with all below */
-        std::int64_t position = 0;       /* of an instance that was added: later ones have higher positions */
+        std::int64_t position = 0;       /* of an instance that has no row yet: later ones have higher positions */
         std::set<std::string> changed{}; /* while the file cannot be read: the parameters that are newer here */
     };
 
@@ -52,6 +52,8 @@ private:
     void restore_below(const std::string &path);
     Values stored_values(const std::string &path, const Shape &shape);
     void on_event(const Event &event);
+    bool became_persistent(const Event &event);
+    void mark_below(const Node &node);
     void write_dirty();
     bool write_all(const std::map<std::string, Dirty> &changes);
     std::vector<std::string> left_out_within(const std::string &path) const;

@@ -30,6 +30,7 @@ struct Event {
     Values before;
     std::uint32_t custom_type = 0;
     std::uint64_t number = 0; /* counts all events of the model, from 1 */
+    bool persistent = false;  /* the object was one that is stored */
 
     std::string path() const;
 };

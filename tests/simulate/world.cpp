@@ -242,8 +242,9 @@ std::map<std::string, std::string> World::stored_values(const Model &model) {
     for (const char *pool : pools) {
         const std::string parent = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease";
         for (const std::string &name : model.instances(parent))
-            for (const char *parameter : {"IPAddress", "MACAddress", "Expires"})
-                all[join_path(parent, name) + "." + parameter] = model.text(join_path(parent, name), parameter);
+            if (model.boolean(join_path(parent, name), "Acknowledged")) /* else its device does not have it */
+                for (const char *parameter : {"IPAddress", "MACAddress", "Expires"})
+                    all[join_path(parent, name) + "." + parameter] = model.text(join_path(parent, name), parameter);
     }
     return all;
 }
