@@ -146,6 +146,47 @@ TEST_F(StoreTest, AWriteThatIsNotStoredIsToldAndStoredLater) {
     EXPECT_EQ(stored("Mode"), "two");
 }
 
+/* By somebody who cleans up, or a disk that was pulled and plugged in again. */
+TEST_F(StoreTest, AFileThatIsTakenAwayOrReplacedIsBegunAnewWithAllThatThereIs) {
+    model.add("Kept.Item", "a", {{"N", std::int64_t{1}}}); /* from before the store */
+    auto store = std::make_unique<Store>(loop, model, file);
+    for (const char *name : {"c", "b"})
+        model.add("Kept.Item", name, {});
+    model.set("Kept", {{"Mode", std::string("one")}});
+    EXPECT_EQ(store->flush(), "");
+    sql("INSERT INTO node VALUES ('Kept.Old', 'Kept', 'Old', 1, 9); INSERT INTO value VALUES ('Kept.Old', 'N', '7')");
+    store = std::make_unique<Store>(loop, model, file); /* which has no place for that */
+    sql("PRAGMA wal_checkpoint(TRUNCATE)");
+    sqlite3_close(std::exchange(other, nullptr));
+    std::filesystem::copy_file(file, folder / "copy.db");
+
+    for (const char *suffix : {"", "-wal", "-shm"})
+        std::filesystem::remove(file + suffix);
+    loop.advance(300000); /* nothing is written */
+    EXPECT_EQ(error(), "");
+    EXPECT_EQ(traced("was taken away or replaced"), 1U);
+    model.remove("Kept.Item.b");
+    model.add("Kept.Item", "d", {});
+    loop.run_until_idle();
+    EXPECT_EQ(stored("Mode"), "one");
+
+    std::filesystem::rename(folder / "copy.db", file); /* with "b", and without "d" */
+    model.set("Kept", {{"Mode", std::string("two")}});
+    model.add("Kept.Item", "e", {});
+    loop.run_until_idle();
+    EXPECT_EQ(error(), "");
+    EXPECT_EQ(traced("was taken away or replaced"), 2U);
+    store.reset();
+    SimLoop later;
+    Model fresh(later);
+    fresh.load_text(tree, "test");
+    const Store reader(later, fresh, file);
+    EXPECT_EQ(fresh.text("Kept", "Mode"), "two");
+    EXPECT_EQ(fresh.instances("Kept.Item"), (std::vector<std::string>{"a", "c", "d", "e"}));
+    sql("INSERT INTO value VALUES ('Kept.Old', 'M', '8')"); /* fails where it is there */
+    EXPECT_EQ(traced("Kept.Old is stored but not part"), 2U) << "it stays where it was";
+}
+
 /* Somebody may still go without it: what is only offered is not worth a write. */
 TEST_F(StoreTest, AnInstanceIsStoredOnceItsParameterSaysSo) {
     {

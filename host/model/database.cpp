@@ -26,6 +26,7 @@ Database::Opened Database::open(const std::string &file, const char *schema) {
     const mode_t before = umask(077); /* for the files beside it, too */
     const int result = sqlite3_open_v2((folder / path.filename()).c_str(), &database_,
                                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    broken_ = false;
     const Opened opened = result == SQLITE_OK ? look_over(file, schema) : failure();
     umask(before);
     return opened;
@@ -59,8 +60,23 @@ void Database::close() {
     for (const auto &[sql, statement] : statements_)
         sqlite3_finalize(statement);
     statements_.clear();
+    const std::string log = has_moved() ? std::string(sqlite3_db_filename(database_, nullptr)) + "-wal" : "";
     sqlite3_close(database_);
     database_ = nullptr;
+    std::error_code ignored;
+    if (!log.empty()) /* it stays, and would be taken for that of the file that now has the name */
+        std::filesystem::remove(log, ignored);
+}
+
+bool Database::has_moved() const {
+    int moved = 0;
+    if (database_)
+        sqlite3_file_control(database_, nullptr, SQLITE_FCNTL_HAS_MOVED, &moved);
+    return moved != 0;
+}
+
+bool Database::is_lost() const {
+    return broken_ || has_moved();
 }
 
 bool Database::in_transaction() const {
@@ -70,6 +86,8 @@ bool Database::in_transaction() const {
 /* Keeps the reason; always false. */
 bool Database::failed() {
     error_ = database_ ? sqlite3_errmsg(database_) : "out of memory";
+    const int code = sqlite3_errcode(database_);
+    broken_ = broken_ || (code != SQLITE_BUSY && code != SQLITE_LOCKED && code != SQLITE_FULL && code != SQLITE_NOMEM);
     return false;
 }
 

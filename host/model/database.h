@@ -35,6 +35,9 @@ public:
     Opened open(const std::string &file, const char *schema);
     void close();
     bool is_open() const { return database_ != nullptr; }
+    /* What is open, or was, may be of no use any more: its name is another file's by now, or nobody's, or something
+     * failed that is neither a lock nor a full disk. Opened anew it may be. */
+    bool is_lost() const;
 
     bool run(const char *sql, const std::vector<Value> &values = {});
     /* Nothing when it failed. */
@@ -50,10 +53,12 @@ private:
     Opened look_over(const std::string &file, const char *schema);
     Opened failure();
     bool failed();
+    bool has_moved() const;
 
     sqlite3 *database_ = nullptr;
     std::map<std::string, sqlite3_stmt *> statements_; /* by their text */
     std::string error_;
+    bool broken_ = false; /* since it was opened last */
 };
 
 } // namespace keel

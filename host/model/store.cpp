@@ -12,6 +12,7 @@ namespace {
 
 constexpr int max_rounds = 8; /* of changes that follow from changes */
 constexpr const char *host_path = "KeelHost";
+constexpr std::uint64_t look_ms = 300000; /* whether the file is still there: hours may pass without a write */
 
 /* position keeps the order of the instances; a node's row goes with the rows of its values. The reading statements find
  * out whether the tables are ours. */
@@ -30,14 +31,18 @@ Store::Store(Loop &loop, Model &model, const std::string &file)
     : loop_(loop), model_(model), file_(file), alive_(std::make_shared<bool>(true)) {
     start_ = model_.latest_event();
     watch_ = model_.watch("", [this](const Event &event) { on_event(event); });
-    if (!begin())
+    looking_ = loop_.start_timer(look_ms, [this] { look_at_file(); });
+    if (!begin()) {
+        set_error(database_.error());
         try_again();
+    }
 }
 
 Store::~Store() {
     flush();
     *alive_ = false;
     loop_.cancel_timer(retry_);
+    loop_.cancel_timer(looking_);
     model_.unwatch(watch_);
 }
 
@@ -46,11 +51,15 @@ bool Store::begin() {
     Database::Opened opened = database_.open(file_, schema);
     if (opened == Database::Opened::Damaged && move_aside())
         opened = database_.open(file_, schema);
-    if (opened != Database::Opened::Yes) {
-        set_error(database_.error());
+    if (opened != Database::Opened::Yes)
+        return false;
+    if (!restored_)
+        restore();
+    if (database_.is_lost() || (restored_ && !overwrite())) {
+        database_.close();
         return false;
     }
-    restore();
+    restored_ = true;
     return true;
 }
 
@@ -99,6 +108,12 @@ void Store::try_again() {
         if (*alive)
             write_dirty();
     });
+}
+
+void Store::look_at_file() {
+    looking_ = loop_.start_timer(look_ms, [this] { look_at_file(); });
+    if (database_.is_open() && database_.is_lost())
+        write_dirty();
 }
 
 /* -------------------------------------------------------------------------------------------------- reading */
@@ -190,7 +205,7 @@ void Store::on_event(const Event &event) {
         dirty.deleted = true;
     else if (event.kind == Event::Kind::Added || became_persistent(event))
         dirty.position = highest_position_ + static_cast<std::int64_t>(event.number);
-    else if (!database_.is_open())
+    else if (!restored_)
         for (const auto &[name, value] : event.values)
             dirty.changed.insert(name);
     if (write_posted_)
@@ -232,23 +247,31 @@ std::string Store::flush() {
 void Store::write_dirty() {
     write_posted_ = false;
     loop_.cancel_timer(retry_);
-    if (!database_.is_open() && !begin()) {
+    if (!write_once() && !(database_.is_lost() && write_once())) { /* a full disk, say: nothing is given up */
+        set_error(database_.error());
         try_again();
         return;
     }
-    if (!dirty_.empty()) {
-        const auto changes = std::exchange(dirty_, {});
-        if (!write_all(changes)) { /* a full disk, say: nothing is given up, it is tried again */
-            set_error(database_.error());
-            if (database_.in_transaction())
-                database_.run("ROLLBACK");
-            dirty_.insert(changes.begin(), changes.end());
-            try_again();
-            return;
-        }
-    }
     pause_.reset();
     set_error("");
+}
+
+bool Store::write_once() {
+    if (database_.is_open() && database_.is_lost()) {
+        if (error_.empty())
+            trace(Level::Warning, "store",
+                  "%s was taken away or replaced, or the disk lost hold of it: all is written anew", file_.c_str());
+        database_.close();
+    }
+    if (!database_.is_open() && !begin())
+        return false;
+    const auto changes = std::exchange(dirty_, {});
+    if (changes.empty() || write_all(changes))
+        return true;
+    if (database_.in_transaction())
+        database_.run("ROLLBACK");
+    dirty_.insert(changes.begin(), changes.end());
+    return false;
 }
 
 bool Store::write_all(const std::map<std::string, Dirty> &changes) {
@@ -271,6 +294,38 @@ bool Store::write_all(const std::map<std::string, Dirty> &changes) {
     for (const std::string &path : replaced)
         left_out_.erase(path);
     return true;
+}
+
+/* What the file holds of what the model has a place for goes, and all is written that the model holds. */
+bool Store::overwrite() {
+    for (const auto &[path, dirty] : dirty_)
+        if (dirty.position)
+            for (const std::string &old : left_out_within(path))
+                left_out_.erase(old);
+    const auto rows = database_.select("SELECT path, parent FROM node ORDER BY length(path)"); /* parents come first */
+    bool done = rows && database_.run("BEGIN");
+    std::set<std::string> kept;
+    for (std::size_t at = 0; done && at < rows->size(); ++at) {
+        const std::string &path = (*rows)[at][0];
+        if (left_out_.contains(path) || kept.contains((*rows)[at][1]))
+            kept.insert(path);
+        else
+            done = database_.run("DELETE FROM value WHERE path = ?", {path}) &&
+                   database_.run("DELETE FROM node WHERE path = ?", {path});
+    }
+    std::int64_t position = 0;
+    done = done && write_all_below(*model_.find(""), &position) && database_.run("COMMIT");
+    if (!done)
+        return false;
+    dirty_.clear();
+    highest_position_ = position;
+    return true;
+}
+
+bool Store::write_all_below(const Node &node, std::int64_t *position) {
+    return (!node.persistent || write_node(node, ++*position)) &&
+           std::all_of(node.children.begin(), node.children.end(),
+                       [&](const Node &child) { return write_all_below(child, position); });
 }
 
 /* Of an instance that was added, and of what is below it: at the next start these rows would be taken for its own. */

@@ -26,7 +26,10 @@ namespace keel {
  *
  * While the file cannot be used (it is locked, the disk is full, read-only or not there) the service runs from memory:
  * that is traced once, stands in "KeelHost.StoreError" of the model, and is tried again with a growing pause. A file
- * that can be read at last gives back what was not written since the start; what was wins. */
+ * that can be read at last gives back what was not written since the start; what was wins.
+ *
+ * A file that was taken away or replaced, or that a disk lost hold of, is opened anew, or begun anew, at the next
+ * write or within five minutes, and all is written into it: from the first reading on the model has the last word. */
 class Store {
 public:
     Store(Loop &loop, Model &model, const std::string &file);
@@ -42,10 +45,12 @@ private:
     struct Dirty {
         bool deleted = false;            /* at some time, with all below */
         std::int64_t position = 0;       /* of an instance that has no row yet: later ones have higher positions */
-        std::set<std::string> changed{}; /* while the file cannot be read: the parameters that are newer here */
+        std::set<std::string> changed{}; /* until the file was read: the parameters that are newer here */
     };
 
     bool begin();
+    bool overwrite();
+    bool write_all_below(const Node &node, std::int64_t *position);
     bool move_aside();
     void restore();
     void restore_node(const std::string &parent, const std::string &name, bool instance);
@@ -55,12 +60,14 @@ private:
     bool became_persistent(const Event &event);
     void mark_below(const Node &node);
     void write_dirty();
+    bool write_once();
     bool write_all(const std::map<std::string, Dirty> &changes);
     std::vector<std::string> left_out_within(const std::string &path) const;
     bool write_node(const Node &node, std::int64_t position);
     bool write_missing_parents(const Node &node);
     bool delete_rows(const std::string &path);
     void try_again();
+    void look_at_file();
     void set_error(const std::string &error);
 
     Loop &loop_;
@@ -73,9 +80,11 @@ private:
     std::set<std::string> left_out_;     /* paths in the file that are not in the model */
     std::uint64_t start_ = 0;            /* the latest event when this was made */
     std::set<std::uint64_t> own_events_; /* of what was restored, not told yet */
+    bool restored_ = false;              /* what was in the file is in the model */
     std::int64_t highest_position_ = 0;  /* in the file at that time */
     bool write_posted_ = false;
     Loop::TimerId retry_ = 0;
+    Loop::TimerId looking_ = 0;
     GrowingPause pause_{1000, 60000}; /* before the next try */
     std::shared_ptr<bool> alive_;
 };

@@ -23,9 +23,14 @@ struct SimDiskCalls {
     struct Handle {
         sqlite3_file base;
         std::shared_ptr<SimDisk::File> file;
+        unsigned plugged;
     };
 
     static SimDisk::File &file_of(sqlite3_file *handle) { return *reinterpret_cast<Handle *>(handle)->file; }
+
+    static bool is_dead(sqlite3_file *handle) {
+        return reinterpret_cast<Handle *>(handle)->plugged != the_disk->plugged_;
+    }
 
     static int close(sqlite3_file *handle) {
         reinterpret_cast<Handle *>(handle)->~Handle();
@@ -33,6 +38,8 @@ struct SimDiskCalls {
     }
 
     static int read(sqlite3_file *handle, void *target, int size, sqlite3_int64 offset) {
+        if (is_dead(handle))
+            return SQLITE_IOERR_READ;
         const SimDisk::Content &content = file_of(handle).content;
         const auto from = std::min(static_cast<std::size_t>(offset), content.size());
         const auto length = std::min(static_cast<std::size_t>(size), content.size() - from);
@@ -45,6 +52,8 @@ struct SimDiskCalls {
 
     static int write(sqlite3_file *handle, const void *source, int size, sqlite3_int64 offset) {
         SimDisk &disk = *the_disk;
+        if (is_dead(handle))
+            return SQLITE_IOERR_WRITE;
         const bool fails = disk.failing_write > 0 && --disk.failing_write == 0;
         if (fails || disk.full) {
             ++disk.refused;
@@ -60,11 +69,15 @@ struct SimDiskCalls {
     }
 
     static int truncate(sqlite3_file *handle, sqlite3_int64 size) {
+        if (is_dead(handle))
+            return SQLITE_IOERR_TRUNCATE;
         file_of(handle).content.resize(static_cast<std::size_t>(size));
         return SQLITE_OK;
     }
 
     static int size(sqlite3_file *handle, sqlite3_int64 *result) {
+        if (is_dead(handle))
+            return SQLITE_IOERR_FSTAT;
         *result = static_cast<sqlite3_int64>(file_of(handle).content.size());
         return SQLITE_OK;
     }
@@ -75,7 +88,14 @@ struct SimDiskCalls {
         *result = 0;
         return SQLITE_OK;
     }
-    static int control(sqlite3_file *, int, void *) { return SQLITE_NOTFOUND; }
+    static int control(sqlite3_file *handle, int question, void *answer) {
+        if (question != SQLITE_FCNTL_HAS_MOVED)
+            return SQLITE_NOTFOUND;
+        const SimDisk::File &file = file_of(handle);
+        *static_cast<int *>(answer) = std::none_of(the_disk->files_.begin(), the_disk->files_.end(),
+                                                   [&](const auto &one) { return one.second.get() == &file; });
+        return SQLITE_OK;
+    }
     static int sector(sqlite3_file *) { return sector_bytes; }
     static int traits(sqlite3_file *) { return SQLITE_IOCAP_POWERSAFE_OVERWRITE; }
 
@@ -113,7 +133,7 @@ struct SimDiskCalls {
             handle->pMethods = nullptr;
             return SQLITE_CANTOPEN;
         }
-        new (handle) Handle{{&methods}, std::move(file)};
+        new (handle) Handle{{&methods}, std::move(file), the_disk->plugged_};
         if (flags_out)
             *flags_out = flags;
         return SQLITE_OK;

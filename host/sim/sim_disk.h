@@ -28,6 +28,12 @@ public:
     /* How many writes were refused so far. */
     std::uint64_t refused = 0;
 
+    /* Somebody deletes all files: who has them open goes on with what no name leads to any more. */
+    void take_away() { files_.clear(); }
+    bool holds(const std::string &name) const { return files_.contains(name); }
+    /* Whatever is open is of no use any more, as when the medium was pulled and plugged in again. */
+    void lose_hold() { ++plugged_; }
+
     /* What is written after this is lost once come_back() is called; nothing may be open on the disk then. */
     void cut();
     void come_back();
@@ -43,6 +49,7 @@ private:
 
     std::map<std::string, std::shared_ptr<File>> files_;
     std::map<std::string, Content> saved_;
+    unsigned plugged_ = 0;     /* how often */
     std::uint64_t random_ = 1; /* the same in every run */
 };
 

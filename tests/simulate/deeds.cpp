@@ -226,6 +226,12 @@ void World::carry_out_on_ground(const Step &step) {
         if (disk_.full) /* somebody makes room: what is tried again each minute tells no more after hours */
             loop_.start_timer(step.value % longest_fault_ms, [this] { disk_.full = false; });
         break;
+    case Deed::StoreDeleted:
+        disk_.take_away();
+        break;
+    case Deed::FilesDead:
+        disk_.lose_hold();
+        break;
     case Deed::LanDead:
     case Deed::LanAlive:
         segment_.dead = step.deed == Deed::LanDead;
@@ -235,7 +241,7 @@ void World::carry_out_on_ground(const Step &step) {
     case Deed::Kill:
     case Deed::Restart: {
         const bool unsaved =
-            !life_->model.text("KeelHost", "StoreError").empty() || loop_.now_ms() < clock_set_ms_ + clock_noticed_ms;
+            !is_all_stored(step.deed == Deed::Kill) || loop_.now_ms() < clock_set_ms_ + clock_noticed_ms;
         if (unsaved)
             for (const auto &device : devices_)
                 moved_by_hand_.insert(device.get());

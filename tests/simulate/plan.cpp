@@ -64,6 +64,8 @@ constexpr std::array<Kind, static_cast<std::size_t>(Deed::count)> kinds{{
     {"a write fails", 3, "ground"},
     {"disk full", 2, "ground"},
     {"disk mended", 4, "ground"},
+    {"store file deleted", 1, "ground"},
+    {"open files dead", 1, "ground"},
     {"LAN socket dead", 2, "ground"},
     {"LAN socket alive", 4, "ground"},
     {"killed", 3, "kill"},

@@ -56,6 +56,8 @@ enum class Deed {
     WriteFails,
     DiskFull,
     DiskMended,
+    StoreDeleted,
+    FilesDead,
     LanDead,
     LanAlive,
     Kill,

@@ -180,11 +180,16 @@ void World::power_off(bool killed) {
         Ground::instance().rules() != Ground::default_rules())
         broken_ = "after an orderly stop the two default rules stand alone";
     segment_.plug_in(nullptr);
-    const bool all_stored = life_->model.text("KeelHost", "StoreError").empty();
-    stored_ = all_stored ? std::optional(stored_values(life_->model)) : std::nullopt;
+    stored_ = is_all_stored(killed) ? std::optional(stored_values(life_->model)) : std::nullopt;
     life_.reset();
     if (killed)
         disk_.come_back();
+}
+
+/* If the host is killed now, or stops. A file that was deleted is there again after the next write that there is room
+ * for, and an orderly stop is one. */
+bool World::is_all_stored(bool killed) const {
+    return life_->model.text("KeelHost", "StoreError").empty() && (disk_.holds(store_file) || !(killed || disk_.full));
 }
 
 void World::set(const std::string &path, const Values &values) {

@@ -74,6 +74,7 @@ private:
     void add_device(std::uint64_t number, const StbHabits &habits);
     void power_on();
     void power_off(bool killed);
+    bool is_all_stored(bool killed) const;
     void after_turn(bool idle);
     Sight sight();
     std::uint64_t heard_for_ms(const SimStb &device) const;
