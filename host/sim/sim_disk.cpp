@@ -210,9 +210,9 @@ void SimDisk::cut() {
 
 void SimDisk::come_back() {
     files_.clear();
-    for (const auto &[name, content] : saved_) {
+    for (auto &[name, content] : saved_) {
         files_[name] = std::make_shared<File>();
-        files_[name]->content = content;
+        files_[name]->content = std::move(content);
     }
     saved_.clear();
 }
