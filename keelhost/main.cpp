@@ -112,7 +112,7 @@ void note_script(Loop &loop, Model &model, const std::vector<std::string> &argv,
     }
 }
 
-/* Before anything of the host looks at them, and not before it is sure that model and settings are right. */
+/* Before anything of the host looks at them, and not before it is sure that model, settings and socket are right. */
 void make_chains(const std::string &share) {
     std::string error;
     if (!set_up_chains(share + "/chains.sh", &error))
@@ -126,10 +126,10 @@ public:
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)),
           box_settings_(model_, options.settings, !options.settings_given), graph_(model_),
           store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
-          chains_((make_chains(options.share), true)), settings_(model_),
-          import_(loop_, model_, settings_, "keelhost " KEEL_VERSION, &wan_address), history_(loop_, model_),
-          control_(loop_, model_, options.socket, control_actions()), tables_(loop_), kernel_(loop_, graph_, tables_),
-          interface_state_(loop_, graph_), presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
+          control_(loop_, model_, options.socket, control_actions()), chains_((make_chains(options.share), true)),
+          settings_(model_), import_(loop_, model_, settings_, "keelhost " KEEL_VERSION, &wan_address),
+          history_(loop_, model_), tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
+          presence_(loop_, graph_, tables_), firewall_policy_(loop_, graph_),
           multicast_(loop_, graph_, options.igmpproxy, std::filesystem::path(options.socket).parent_path()),
           lan_port_(
               loop_, tables_, model_.text(lan_server_path, "Interface"),
@@ -196,11 +196,11 @@ private:
     InterfaceGraph graph_;
     Store store_;
     bool cleaned_;
+    Control control_;
     bool chains_;
     Settings settings_;
     Import import_;
     History history_;
-    Control control_;
     KernelTables tables_;
     Kernel kernel_;
     InterfaceState interface_state_;

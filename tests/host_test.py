@@ -62,6 +62,21 @@ class HostTest(unittest.TestCase):
         self.assertEqual(self.in_force(), before)
         self.assertTrue(self.lab.served_as(STB1))
 
+    def test_a_start_without_a_socket_touches_nothing(self):
+        self.lab.stop_gateway()
+        self.lab.network.run("gateway", "iptables", "-t", "raw", "-F")
+        before = self.in_force()
+        path = os.path.join(self.folder, "no_socket")
+        with open(path, "w", encoding="ascii") as file:
+            file.write("somebody's")
+        done = subprocess.run(
+            ("nsenter", f"--net={NETNS}/gateway", os.path.join(PROGRAMS, "keelhost"), "--store",
+             os.path.join(self.folder, "other.db"), "--socket", path, "--share", os.path.join(ROOT, "share")),
+            capture_output=True, text=True, timeout=20, check=False)
+        self.assertEqual(done.returncode, 1, done.stderr)
+        self.assertIn(path, done.stderr)
+        self.assertEqual(self.in_force(), before)
+
     def test_no_signal_ends_it_halfway(self):
         gateway = self.lab.gateway
         for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGHUP):
