@@ -5,19 +5,12 @@ Runs inside namespaces of its own: script/in-namespaces python3 tests/carry_test
 
 import json
 import os
-import shutil
-import subprocess
-import sys
-import tempfile
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import build_lab, keelctl  # first: it finds the lab
+from lab import DEVICES
+from network import wait_for
 
-from lab import DEVICES, Lab  # noqa: E402
-from network import NETNS, wait_for  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1, STB2 = DEVICES[:2]
 FORMER_STB = "0102aabbccddee"  # of a device that was there once
 
@@ -26,23 +19,13 @@ class CarryTest(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        self.folder = tempfile.mkdtemp(dir="/run")
-        self.file = os.path.join(self.folder, "box.json")
-        self.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), self.folder, devices=(STB1, STB2))
-        self.lab.build()
+        self.lab = build_lab(self.addCleanup, (STB1, STB2))
+        self.file = os.path.join(self.lab.folder, "box.json")
         self.lab.start_operator()
         self.lab.start_gateway()
 
-    def tearDown(self):
-        self.lab.close()
-        for name in os.listdir(NETNS):
-            subprocess.run(("ip", "netns", "del", name), check=True)
-        shutil.rmtree(self.folder)
-
     def keelctl(self, *words):
-        done = subprocess.run((os.path.join(PROGRAMS, "keelctl"), "--socket", self.lab.socket, *words),
-                              capture_output=True, text=True, timeout=30, check=False)
-        return done.returncode, done.stdout, done.stderr
+        return keelctl(self.lab, *words)
 
     def export(self):
         self.assertEqual(self.keelctl("export", "-o", self.file), (0, self.file + "\n", ""))
@@ -71,8 +54,8 @@ class CarryTest(unittest.TestCase):
     def start_with_empty_store(self):
         self.assertEqual(self.lab.stop_gateway(), 0)
         for name in ("keel.db", "keel.db-wal", "keel.db-shm"):
-            if os.path.exists(os.path.join(self.folder, name)):
-                os.remove(os.path.join(self.folder, name))
+            if os.path.exists(os.path.join(self.lab.folder, name)):
+                os.remove(os.path.join(self.lab.folder, name))
         self.lab.start_gateway()
 
     def test_a_fresh_box_takes_the_place_of_another(self):
@@ -171,7 +154,7 @@ class CarryTest(unittest.TestCase):
             self.assertEqual((status, told), (1, ""), wanted)
             self.assertIn(wanted, wrong)
             self.assertTrue(wrong.rstrip().endswith("nothing is taken over"), wrong)
-        self.assertEqual(self.keelctl("import", os.path.join(self.folder, "none"))[0], 1)
+        self.assertEqual(self.keelctl("import", os.path.join(self.lab.folder, "none"))[0], 1)
         self.assertEqual(self.export(), box)
         self.assertEqual(self.lab.network.run("gateway", "iptables-save", "-t", "nat").split("*nat")[1].split("COMMIT")[0],
                          rules.split("COMMIT")[0])

@@ -10,26 +10,20 @@ import os
 import pty
 import re
 import select
-import shutil
 import signal
 import struct
 import subprocess
-import sys
 import tarfile
-import tempfile
 import termios
 import time
 import unittest
 import xml.etree.ElementTree
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import PROGRAMS, build_lab  # first: it finds the lab
+from lab import DEVICE_PORT, DEVICES, HERE, IPTV, SERVER_ADDRESS, SERVER_PORT
+from multicast import Member, Stream, plays
+from network import NETNS, wait_for
 
-from lab import DEVICE_PORT, DEVICES, HERE, IPTV, SERVER_ADDRESS, SERVER_PORT, Lab  # noqa: E402
-from multicast import Member, Stream, plays  # noqa: E402
-from network import NETNS, wait_for  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 KEELCTL = os.path.join(PROGRAMS, "keelctl")
 STB1, STB2, ITF, PC = DEVICES
 MAC = re.compile(r"(?:[0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}")
@@ -48,9 +42,7 @@ def link_local(mac):
 class EvidenceTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(dir="/run")
-        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder)
-        cls.lab.build()
+        cls.lab = build_lab(cls.addClassCleanup)
         cls.lab.start_operator()
         cls.lab.start_multicast_router()
         cls.lab.start_gateway()
@@ -59,13 +51,8 @@ class EvidenceTest(unittest.TestCase):
         if not wait_for(lambda: cls.lab.served_as(STB1) and cls.lab.address(PC), 40):
             raise RuntimeError(cls.lab.network.log("gateway.log")[-3000:])
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.lab.close()
-        shutil.rmtree(cls.folder)
-
     def file(self, name):
-        return os.path.join(self.folder, name)
+        return os.path.join(self.lab.folder, name)
 
     def on_gateway(self, *words, check=True, env=None):
         """What keelctl prints on the gateway itself, where it sees its network."""

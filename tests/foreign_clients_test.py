@@ -5,23 +5,18 @@ Runs inside namespaces of its own: script/in-namespaces python3 tests/foreign_cl
 
 import json
 import os
-import shutil
 import signal
 import socket
 import subprocess
 import sys
-import tempfile
 import threading
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import build_lab  # first: it finds the lab
+from lab import HERE, Device
+from network import wait_for
+from tap import ACK, OFFER, Frames
 
-from lab import HERE, Device, Lab  # noqa: E402
-from network import NETNS, wait_for  # noqa: E402
-from tap import ACK, OFFER, Frames  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 NTP, WWW = socket.inet_aton("10.20.0.2"), socket.inet_aton("10.20.0.3")
 LEASE_TIME = 16  # s
 STB_LEASES = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease"
@@ -168,10 +163,9 @@ class Sleeper:
 
 class ForeignClientsTest(unittest.TestCase):
     def setUp(self):
-        self.folder = tempfile.mkdtemp(dir="/run")
         devices = [Device(name, "", f"lan{number}", "zep_stb") for number, name in enumerate(MAKERS, 1)]
-        self.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), self.folder, devices=devices)
-        self.lab.build()
+        self.lab = build_lab(self.addCleanup, devices)
+        self.folder = self.lab.folder
         self.lab.network.namespace("squatter")
         self.lab.network.link("gateway", "lan9", "squatter", "eth0")
         self.lab.network.run("gateway", "ip", "link", "set", "lan9", "master", "br-lan")
@@ -180,10 +174,6 @@ class ForeignClientsTest(unittest.TestCase):
     def tearDown(self):
         if sys.exc_info()[0]:
             print(self.lab.network.log("gateway.log")[-3000:])
-        self.lab.close()
-        for name in os.listdir(NETNS):
-            subprocess.run(("ip", "netns", "del", name), check=True)
-        shutil.rmtree(self.folder)
 
     @classmethod
     def setUpClass(cls):

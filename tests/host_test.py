@@ -4,41 +4,28 @@ Runs inside namespaces of its own: script/in-namespaces python3 tests/host_test.
 """
 
 import os
-import shutil
 import signal
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import PROGRAMS, ROOT, build_lab, keelctl  # first: it finds the lab
+from lab import DEVICES, IPTV
+from network import NETNS, wait_for
+from wrapped_tables import wrapped_tables
 
-from lab import DEVICES, IPTV, Lab  # noqa: E402
-from network import NETNS, wait_for  # noqa: E402
-from wrapped_tables import wrapped_tables  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1 = DEVICES[0]
 
 
 class HostTest(unittest.TestCase):
     def setUp(self):
-        self.folder = tempfile.mkdtemp(dir="/run")
-        self.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), self.folder, devices=(STB1,))
-        self.lab.build()
+        self.lab = build_lab(self.addCleanup, (STB1,))
+        self.folder = self.lab.folder
         self.lab.start_operator()
         self.lab.start_gateway()
         self.lab.start_device(STB1)
         self.assertTrue(wait_for(lambda: self.lab.served_as(STB1), 30),
                         f"the STB is not served\n{self.lab.network.log('gateway.log')[-4000:]}")
-
-    def tearDown(self):
-        self.lab.close()
-        for name in os.listdir(NETNS):
-            subprocess.run(("ip", "netns", "del", name), check=True)
-        shutil.rmtree(self.folder)
 
     def in_force(self):
         """All rules, without their counters, and the addresses of the IPTV device."""
@@ -49,16 +36,20 @@ class HostTest(unittest.TestCase):
         return [rule for table in ("raw", "nat", "filter") for rule in self.lab.rules(table)
                 if "192.168.1." in rule or "10.20.0." in rule]
 
+    def start_another(self, socket):
+        """A host of its own on the same gateway, until it ends."""
+        self.other_store = os.path.join(self.folder, "other.db")
+        return subprocess.run(
+            ("nsenter", f"--net={NETNS}/gateway", os.path.join(PROGRAMS, "keelhost"), "--store", self.other_store,
+             "--socket", socket, "--share", os.path.join(ROOT, "share")),
+            capture_output=True, text=True, timeout=20, check=False)
+
     def test_a_second_host_touches_nothing(self):
         before = self.in_force()
-        store = os.path.join(self.folder, "second.db")
-        second = subprocess.run(
-            ("nsenter", f"--net={NETNS}/gateway", os.path.join(PROGRAMS, "keelhost"), "--store", store, "--socket",
-             os.path.join(self.folder, "second.sock"), "--share", os.path.join(ROOT, "share")),
-            capture_output=True, text=True, timeout=20, check=False)
+        second = self.start_another(os.path.join(self.folder, "second.sock"))
         self.assertEqual(second.returncode, 2, second.stderr)
         self.assertIn(f"process {self.lab.gateway.pid} (keelhost)", second.stderr)
-        self.assertFalse(os.path.exists(store))
+        self.assertFalse(os.path.exists(self.other_store))
         self.assertEqual(self.in_force(), before)
         self.assertTrue(self.lab.served_as(STB1))
 
@@ -69,10 +60,7 @@ class HostTest(unittest.TestCase):
         path = os.path.join(self.folder, "no_socket")
         with open(path, "w", encoding="ascii") as file:
             file.write("somebody's")
-        done = subprocess.run(
-            ("nsenter", f"--net={NETNS}/gateway", os.path.join(PROGRAMS, "keelhost"), "--store",
-             os.path.join(self.folder, "other.db"), "--socket", path, "--share", os.path.join(ROOT, "share")),
-            capture_output=True, text=True, timeout=20, check=False)
+        done = self.start_another(path)
         self.assertEqual(done.returncode, 1, done.stderr)
         self.assertIn(path, done.stderr)
         self.assertEqual(self.in_force(), before)
@@ -123,10 +111,9 @@ class HostTest(unittest.TestCase):
     def test_an_identity_in_use_is_not_deleted(self):
         keel, identities = self.lab.keel, "Keel.Zephyrin.ClientLease"
         identity, = keel.instances(identities)
-        done = subprocess.run((os.path.join(PROGRAMS, "keelctl"), "--socket", self.lab.socket, "del",
-                               f"{identities}.{identity}"), capture_output=True, text=True, timeout=10, check=False)
-        self.assertEqual((done.returncode, keel.instances(identities)), (1, [identity]))
-        self.assertIn("keelctl set Keel.Zephyrin Enable=false, then Enable=true", done.stderr)
+        status, _, wrong = keelctl(self.lab, "del", f"{identities}.{identity}")
+        self.assertEqual((status, keel.instances(identities)), (1, [identity]))
+        self.assertIn("keelctl set Keel.Zephyrin Enable=false, then Enable=true", wrong)
         self.assertTrue(self.lab.served_as(STB1))
         # What it says helps.
         self.assertTrue(keel.set("Keel.Zephyrin", Enable="false"))

@@ -3,38 +3,25 @@
 Runs inside namespaces of its own: script/in-namespaces python3 tests/mode_change_test.py PROGRAMS
 """
 
-import os
-import shutil
-import sys
-import tempfile
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import build_lab  # first: it finds the lab
+from lab import DATA, DEVICES, INTERNET_ADDRESS, INTERNET_PORT, IPTV, SERVER_ADDRESS
+from multicast import Member, Stream, plays
+from network import wait_for
+from simplified import main_rules_of
 
-from lab import DATA, DEVICES, INTERNET_ADDRESS, INTERNET_PORT, IPTV, LAN_ADDRESS, SERVER_ADDRESS, Lab  # noqa: E402
-from multicast import Member, Stream, plays  # noqa: E402
-from network import wait_for  # noqa: E402
-from simplified import main_rules_of  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB = DEVICES[0]
 SEEN_AS = "100.64.0.2"  # the gateway on the Internet side
 
 
 class ModeChangeTest(unittest.TestCase):
     def setUp(self):
-        self.folder = tempfile.mkdtemp(dir="/run")
-        self.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), self.folder)
-        self.lab.build()
+        self.lab = build_lab(self.addCleanup)
         self.lab.start_operator()
         self.lab.start_multicast_router()
         self.lab.start_gateway()
         self.lab.start_device(STB)
-
-    def tearDown(self):
-        self.lab.close()
-        shutil.rmtree(self.folder)
 
     def change(self, mode):
         self.assertTrue(self.lab.keel.set("Keel.Zephyrin", Mode=mode, Interface="Dedicated"))

@@ -3,37 +3,23 @@
 Runs inside namespaces of its own: script/in-namespaces python3 tests/network_test.py PROGRAMS
 """
 
-import os
-import shutil
 import signal
-import sys
-import tempfile
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import build_lab  # first: it finds the lab
+from lab import DEVICES, IPTV
+from network import wait_for
+from tap import ACK, OFFER
 
-from lab import DEVICES, IPTV, Lab  # noqa: E402
-from network import wait_for  # noqa: E402
-from tap import ACK, OFFER  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1, STB2, ITF, PC = DEVICES
 
 
 class NetworkTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(dir="/run")
-        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder)
-        cls.lab.build()
+        cls.lab = build_lab(cls.addClassCleanup)
         cls.lab.start_operator()
         cls.lab.start_gateway()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.lab.close()
-        shutil.rmtree(cls.folder)
 
     def await_service(self, device, seconds=40):
         """Waits until the device plays: its packets reach the server with its WAN address as source."""

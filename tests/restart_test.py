@@ -3,23 +3,16 @@
 Runs inside namespaces of its own: script/in-namespaces python3 tests/restart_test.py PROGRAMS
 """
 
-import os
 import re
-import shutil
 import signal
-import sys
-import tempfile
 import time
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import build_lab  # first: it finds the lab
+from lab import IPTV
+from network import wait_for
+from wrapped_tables import wrapped_tables
 
-from lab import IPTV, Lab  # noqa: E402
-from network import wait_for  # noqa: E402
-from wrapped_tables import wrapped_tables  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 INSTANTS = 30
 
 
@@ -28,14 +21,7 @@ class RestartTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(dir="/run")
-        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder, devices=())
-        cls.lab.build()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.lab.close()
-        shutil.rmtree(cls.folder)
+        cls.lab = build_lab(cls.addClassCleanup, ())
 
     def tearDown(self):
         if self.lab.gateway:
@@ -96,7 +82,7 @@ class RestartTest(unittest.TestCase):
         undisturbed, _ = self.start_undisturbed()
         for what in ("iptables-restore", "ebtables-restore"):
             self.clear()
-            with wrapped_tables(self.folder, f'[ "${{0##*/}}" != {what} ] || sleep 0.7'):
+            with wrapped_tables(self.lab.folder, f'[ "${{0##*/}}" != {what} ] || sleep 0.7'):
                 self.lab.launch_gateway()
                 self.assertTrue(wait_for(lambda: self.lab.network.run("gateway", "pgrep", "-f", f"/usr/sbin/{what}",
                                                                       check=False), 10, pause=0.02))
@@ -108,7 +94,7 @@ class RestartTest(unittest.TestCase):
     def test_killed_while_a_command_of_the_plug_in_runs(self):
         undisturbed, _ = self.start_undisturbed()
         self.clear()
-        with wrapped_tables(self.folder, '[ "${0##*/}" != iptables ] || sleep 1'):
+        with wrapped_tables(self.lab.folder, '[ "${0##*/}" != iptables ] || sleep 1'):
             self.lab.launch_gateway()
             self.assertTrue(wait_for(lambda: self.lab.network.run("gateway", "pgrep", "-f", "iptables .*PREROUTING_zep",
                                                                   check=False), 20, pause=0.02))

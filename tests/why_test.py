@@ -10,21 +10,16 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
-import tempfile
 import threading
 import time
 import unittest
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "lab"))
+from on_lab import build_lab, keelctl  # first: it finds the lab
+from lab import DATA, DEVICES, HERE, IPTV, Device
+from multicast import GROUP, Member, Stream, plays
+from network import wait_for
+from wrapped_tables import wrapped_tables
 
-from lab import DATA, DEVICES, HERE, IPTV, Device, Lab  # noqa: E402
-from multicast import GROUP, Member, Stream, plays  # noqa: E402
-from network import NETNS, wait_for  # noqa: E402
-from wrapped_tables import wrapped_tables  # noqa: E402
-
-PROGRAMS = os.path.abspath(sys.argv.pop(1))
 STB1, STB2, ITF, PC = DEVICES
 FIREWALL = "/usr/bin/zep_firewall.sh"
 
@@ -75,25 +70,15 @@ class OnALab(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(dir="/run")
-        cls.lab = Lab(PROGRAMS, os.path.join(ROOT, "share"), cls.folder, devices=cls.devices)
-        cls.lab.build()
+        cls.lab = build_lab(cls.addClassCleanup, cls.devices)
         cls.lab.start_operator()
         cls.lab.start_multicast_router()
         cls.lab.start_gateway()
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.lab.close()
-        for name in os.listdir(NETNS):
-            subprocess.run(("ip", "netns", "del", name), check=True)
-        shutil.rmtree(cls.folder)
-
     def keelctl(self, *words):
         """What keelctl prints, and its exit status."""
-        done = subprocess.run((os.path.join(PROGRAMS, "keelctl"), "--socket", self.lab.socket, *words),
-                              capture_output=True, text=True, timeout=10, check=False)
-        return done.stdout + done.stderr, done.returncode
+        status, told, wrong = keelctl(self.lab, *words)
+        return told + wrong, status
 
     def await_why(self, device, words, seconds=20):
         """Waits until "why" says these words of the device, and that it is not served."""
