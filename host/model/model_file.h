@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/text_forms.h"
 #include "host/model/node.h"
 
 namespace keel {
@@ -17,7 +18,8 @@ namespace keel {
 /* A data-model file that cannot be used: what() names file, path and reason. */
 class ModelError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    /* What is quoted of the file may hold anything: a NUL would end what() before the reason. */
+    explicit ModelError(const std::string &text) : std::runtime_error(printable_text(text, text.size())) {}
 };
 
 /* The shape of the root, and all that it refers to. Throws ModelError; file is for its text. */
