@@ -8,6 +8,7 @@
  *
  * Each run has a process of its own: the plug-in's state is that of a process. Leaves 1 when an invariant was broken.
  */
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +30,8 @@ namespace keel {
 namespace {
 
 constexpr const char *model_file = SOURCE_DIR "/share/gateway.json";
+constexpr double day_ms = 86400000;
+constexpr std::size_t progress_every = 500;
 
 struct Case {
     std::uint64_t seed = 0;
@@ -245,6 +248,20 @@ Options parse(int count, char **arguments) {
     return options;
 }
 
+/* How fast the runs that have ended went, as a line. */
+std::string rate(double days) {
+    rusage used{};
+    getrusage(RUSAGE_CHILDREN, &used);
+    const auto seconds = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    const double took = seconds(used.ru_utime) + seconds(used.ru_stime);
+    char text[120];
+    std::snprintf(text, sizeof text, "%.1f gateway-years in %.0f s of a processor: %.1f a minute\n", days / 365, took,
+                  took > 0 ? days / 365 * 60 / took : 0);
+    return text;
+}
+
 int simulate(const Options &options) {
     if (options.fleet != 0) {
         std::cout << fleet_report(options.fleet, PLUGIN_FILE, model_file);
@@ -262,18 +279,24 @@ int simulate(const Options &options) {
     };
     Result last;
     std::deque<std::uint64_t> started;
+    std::size_t ended = 0;
+    double days = 0;
     const auto take = [&] {
         last = finish();
         if (last.failed)
             failed.push_back(started.front());
         started.pop_front();
+        if (++ended % progress_every == 0)
+            std::cerr << ended << " of " << options.cases.size() << " runs, " << failed.size() << " failed\n";
     };
     for (const Case &next : options.cases) {
         if (running.size() >= options.jobs)
             take();
         if (options.first && !failed.empty())
             break;
-        running.emplace_back(drawn(options, next), true);
+        Case whole = drawn(options, next);
+        days += static_cast<double>(whole.plan.back().at_ms) / day_ms;
+        running.emplace_back(std::move(whole), true);
         started.push_back(next.seed);
     }
     while (!running.empty())
@@ -281,7 +304,7 @@ int simulate(const Options &options) {
     std::cout << options.cases.size() << " runs, " << failed.size() << " failed";
     for (const std::uint64_t seed : failed)
         std::cout << " " << seed;
-    std::cout << "\n";
+    std::cout << "\n" << rate(days);
     if (options.shrink && one && last.failed) {
         const Case shortest = shrink(drawn(options, options.cases[0]), last);
         std::cout << "\nthe shortest run that still fails:\nseed " << shortest.seed << "\n";
