@@ -278,6 +278,16 @@ TEST_F(KernelTest, WhatTheLanServerKnowsOfADeviceIsInHosts) {
     model.set("DHCPv4.Server.Pool.lan.Rule.1.Lease.01020000000007", {{"HostName", "attic"s}});
     ASSERT_TRUE(soon([&] { return model.text(host, "HostName") == "attic"; }));
     EXPECT_EQ(model.text(host, "Tags"), "lan stb") << "somebody has said so";
+    EXPECT_TRUE(model.find(host)->persistent);
+    presence.reset();
+    presence.emplace(loop, *graph, tables);
+    model.set("DHCPv4.Server.Pool.lan.Rule.1.Lease.01020000000007", {{"HostName", "cellar"s}});
+    ASSERT_TRUE(soon([&] { return model.text(host, "HostName") == "cellar"; }));
+    EXPECT_EQ(model.text(host, "Tags"), "lan stb");
+    model.remove(host); /* and takes it back */
+    ASSERT_TRUE(soon([&] { return model.text(host, "HostName") == "cellar"; }));
+    EXPECT_EQ(model.text(host, "Tags"), "lan");
+    EXPECT_FALSE(model.find(host)->persistent);
 }
 
 } // namespace keel

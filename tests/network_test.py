@@ -53,6 +53,9 @@ class NetworkTest(unittest.TestCase):
         before = {device.name: self.await_service(device) for device in (STB1, STB2)}
         clients = lab.wan_clients()
         self.assertEqual(len(clients), 3, "one for each STB, and the gateway's own")
+        guest = "02:00:00:00:00:99"
+        self.assertTrue(lab.keel.add("Hosts.Host", guest, MACAddress=guest, Active="true"))
+        self.assertTrue(lab.keel.set(f"Hosts.Host.{guest}", Tags="lan guest"))
 
         lab.stop_gateway(signal.SIGKILL)
         self.assertTrue(wait_for(lambda: not lab.wan_clients(), 5), "WAN clients outlive the host")
@@ -60,6 +63,8 @@ class NetworkTest(unittest.TestCase):
         lab.start_gateway()
         after = {device.name: self.await_service(device) for device in (STB1, STB2)}
         self.assertEqual(before, after)
+        self.assertEqual(lab.keel.get(f"Hosts.Host.{guest}", "Tags"), "lan guest")
+        self.assertIs(lab.keel.get(f"Hosts.Host.{guest}", "Active"), False, "it is not there")
         routes = lab.network.run("gateway", "ip", "route", "show", "dev", IPTV)
         self.assertEqual(routes.count("10.60.0.0/24 via 10.20.0.1"), 1)
         own = wait_for(lambda: lab.own_address(), 15)

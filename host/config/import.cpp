@@ -227,9 +227,9 @@ void Import::write_tags() {
         if (model_.text(path, "Tags") == tags)
             continue;
         if (model_.find(path))
-            set(path, {{"Tags", tags}});
+            set(path, {{"Tags", tags}, {"TagsByHand", true}});
         else
-            add(hosts_list_path, mac, {{"MACAddress", mac}, {"Tags", tags}});
+            add(hosts_list_path, mac, {{"MACAddress", mac}, {"Tags", tags}, {"TagsByHand", true}});
         told_.push_back("the tags of " + mac + " are " + shown(tags) + " now");
     }
 }

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint64_t ask_every_ms = 30000;
 constexpr const char *hosts_path = "Hosts.Host";
+constexpr const char *plain_tags = "lan";
 constexpr const char *stb_tag = "stb";
 
 std::string host_path(const std::string &mac) {
@@ -91,17 +92,27 @@ void Presence::on_host(const Event &event) {
         release(mac);
         update(mac);
         admit_waiting();
+    } else if (event.kind == Event::Kind::Added) {
+        if (event.values.at("Tags") != Value(std::string(plain_tags)))
+            keep_tags(mac);
     } else if (event.kind == Event::Kind::Changed) {
         static const std::set<std::string> ours = {"Active", "IPAddress", "Port", "HostName", "VendorClass"};
         const bool others = std::any_of(event.values.begin(), event.values.end(),
                                         [](const auto &value) { return !ours.contains(value.first); });
-        if (const auto device = devices_.find(mac); device != devices_.end() && event.values.contains("Tags"))
-            device->second.by_hand = true;
+        if (event.values.contains("Tags"))
+            keep_tags(mac);
         if (others) {
             release(mac); /* somebody cares for it */
             admit_waiting();
         }
     }
+}
+
+void Presence::keep_tags(const std::string &mac) {
+    const std::uint64_t before = model_.latest_event();
+    model_.set(host_path(mac), {{"TagsByHand", true}});
+    if (model_.latest_event() != before)
+        own_events_.insert(model_.latest_event());
 }
 
 void Presence::on_lease(const std::string &mac) {
@@ -157,7 +168,7 @@ Values Presence::lease_values(const std::string &mac, Device &device, const std:
         values["HostName"] = lease->host_name;
     if (!lease->vendor_class.empty())
         values["VendorClass"] = lease->vendor_class;
-    if (device.by_hand)
+    if (model_.boolean(host_path(mac), "TagsByHand"))
         return values;
     const std::string tags = model_.text(host_path(mac), "Tags");
     if (lease->stb && !has_word(tags, stb_tag)) {

@@ -22,7 +22,8 @@ namespace keel {
  * the flag "bridge"). "Active" while the bridge knows the device behind a port with carrier, or the neighbour table
  * holds it as not gone. Devices are asked now and then, so that one that vanished behind a switch is noticed within
  * minutes. Address, host name and class are those that the LAN DHCP server knows, the address while the kernel knows
- * none that is valid; a device of the STBs' pool has the tag "stb", from the same write on that tells its address.
+ * none that is valid; a device of the STBs' pool has the tag "stb", from the same write on that tells its address. Tags
+ * that somebody else has set stay: "TagsByHand" is true then, and the instance is stored.
  *
  * Of instances that it added itself and nobody else has written to there are at most max_hosts, so that who makes up
  * MAC addresses does not fill the memory: the one that is absent longest goes for a new one. While all are there, a new
@@ -42,7 +43,6 @@ private:
         int port = 0;             /* the port it was last seen behind; 0 while it was behind none */
         bool mine = false;        /* its instance is ours alone */
         bool tagged = false;      /* the tag "stb" is ours */
-        bool by_hand = false;     /* somebody else has set its tags: they stay so */
         std::uint64_t absent = 0; /* its place in absent_; 0 for none */
     };
     struct Sight {
@@ -55,6 +55,7 @@ private:
     void on_changes(const KernelChanges &changes);
     void on_interface(const Event &event);
     void on_host(const Event &event);
+    void keep_tags(const std::string &mac);
     void on_lease(const std::string &mac);
     void update(const std::string &mac, const std::string &reached = "");
     Sight see(const std::string &mac, const std::string &reached);

@@ -143,7 +143,8 @@ void Store::restore_node(const std::string &parent, const std::string &name, boo
     const Node *above = model_.find(parent);
     const bool missing = !node && instance && above && above->multi;
     const Shape *shape = node ? node->shape : missing ? above->shape->instance : nullptr;
-    if (!shape || !(node ? node->persistent : above->persistent || shape->persistent)) {
+    if (!shape ||
+        !(node ? node->persistent : above->persistent || shape->persistent || !shape->persistent_once.empty())) {
         trace(Level::Warning, "store", "%s is stored but not part of the model's persistent objects", path.c_str());
         if (node)
             restore_below(path); /* some of it may be persistent all the same */
