@@ -65,6 +65,18 @@ class HostTest(unittest.TestCase):
         self.assertIn(path, done.stderr)
         self.assertEqual(self.in_force(), before)
 
+    def test_a_socket_that_is_taken_away_comes_back(self):
+        os.remove(self.lab.socket)
+        with open(self.lab.socket, "w", encoding="ascii") as file:
+            file.write("somebody's")
+        log = self.lab.network.log
+        self.assertTrue(wait_for(lambda: "keelctl reaches this host no more" in log("gateway.log"), 15))
+        with open(self.lab.socket, encoding="ascii") as file:
+            self.assertEqual(file.read(), "somebody's")
+        os.remove(self.lab.socket)
+        self.assertTrue(wait_for(lambda: keelctl(self.lab, "why")[0] == 0, 15), log("gateway.log")[-2000:])
+        self.assertEqual(os.stat(self.lab.socket).st_mode & 0o777, 0o600)
+
     def test_no_signal_ends_it_halfway(self):
         gateway = self.lab.gateway
         for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGHUP):

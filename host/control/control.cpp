@@ -11,7 +11,9 @@
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
+#include "host/base/trace.h"
 #include "host/control/conversation.h"
 
 namespace keel {
@@ -20,6 +22,7 @@ namespace {
 
 constexpr std::size_t max_line = std::size_t{1} << 20; /* bytes; an import is one line */
 constexpr std::size_t max_clients = 32;
+constexpr std::uint64_t look_ms = 10000;                          /* whether the socket is still there */
 constexpr std::size_t max_backlog = std::size_t{4} * 1024 * 1024; /* bytes that a slow reader may leave unread */
 
 void make_folder(const std::filesystem::path &folder) {
@@ -85,6 +88,20 @@ struct Control::Client {
 
 Control::Control(UvLoop &loop, Model &model, std::string socket_path, ControlActions actions)
     : loop_(loop), model_(model), path_(std::move(socket_path)), actions_(std::move(actions)) {
+    listen();
+    looking_ = loop_.start_timer(look_ms, [this] { look_at_socket(); });
+}
+
+Control::~Control() {
+    loop_.cancel_timer(looking_);
+    while (!clients_.empty())
+        drop(**clients_.begin());
+    if (is_there())
+        unlink(path_.c_str());
+    close_listener();
+}
+
+void Control::listen() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path_.size() >= sizeof address.sun_path)
@@ -107,23 +124,50 @@ Control::Control(UvLoop &loop, Model &model, std::string socket_path, ControlAct
             close(listening);
         throw std::runtime_error(path_ + ": " + std::strerror(bind_error));
     }
+    struct stat made {};
+    lstat(path_.c_str(), &made);
+    inode_ = made.st_ino;
     listener_ = new Listener{{}, this};
     uv_pipe_init(loop_.handle(), &listener_->handle, 0);
     listener_->handle.data = listener_;
     uv_pipe_open(&listener_->handle, listening);
-    uv_listen(reinterpret_cast<uv_stream_t *>(&listener_->handle), 16, [](uv_stream_t *stream, int status) {
-        if (status == 0)
-            static_cast<Listener *>(stream->data)->owner->accept();
-    });
+    const int failed =
+        uv_listen(reinterpret_cast<uv_stream_t *>(&listener_->handle), 16, [](uv_stream_t *stream, int status) {
+            if (status == 0)
+                static_cast<Listener *>(stream->data)->owner->accept();
+        });
+    if (failed == 0)
+        return;
+    close_listener();
+    unlink(path_.c_str());
+    throw std::runtime_error(path_ + ": " + uv_strerror(failed));
 }
 
-Control::~Control() {
-    while (!clients_.empty())
-        drop(**clients_.begin());
-    uv_close(reinterpret_cast<uv_handle_t *>(&listener_->handle),
-             [](uv_handle_t *handle) { delete static_cast<Listener *>(handle->data); });
-    if (removable(path_))
-        unlink(path_.c_str());
+void Control::close_listener() {
+    if (listener_)
+        uv_close(reinterpret_cast<uv_handle_t *>(&listener_->handle),
+                 [](uv_handle_t *handle) { delete static_cast<Listener *>(handle->data); });
+    listener_ = nullptr;
+}
+
+bool Control::is_there() const {
+    struct stat found {};
+    return listener_ && lstat(path_.c_str(), &found) == 0 && S_ISSOCK(found.st_mode) && found.st_ino == inode_;
+}
+
+void Control::look_at_socket() {
+    looking_ = loop_.start_timer(look_ms, [this] { look_at_socket(); });
+    if (is_there())
+        return;
+    close_listener();
+    try {
+        listen();
+        trace(Level::Warning, "control", "%s was taken away: it is made anew", path_.c_str());
+        unreachable_ = false;
+    } catch (const std::exception &error) {
+        if (!std::exchange(unreachable_, true))
+            trace(Level::Error, "control", "keelctl reaches this host no more, it is tried again: %s", error.what());
+    }
 }
 
 void Control::accept() {
