@@ -146,7 +146,8 @@ std::string mode_line(const Json &status) {
 }
 
 bool is_well(const Json &status) {
-    return !any_is_dark(status["stbs"]) && status["isolation_missing"] == 0 && status["rules_error"] == "";
+    return !any_is_dark(status["stbs"]) && status["isolation_missing"] == 0 &&
+           status["rules_error"].get<std::string>().empty();
 }
 
 const char *state_colour(const std::string &state) {
@@ -225,7 +226,7 @@ std::string print_status(const Json &status, bool colours) {
     std::ostringstream out;
     out << shade("IPTV", "1") << "  " << mode_line(status) << "\n";
     out << "  " << shade(status["headline"], is_well(status) ? "32" : "31") << "\n";
-    if (status["rules_error"] != "")
+    if (!status["rules_error"].get<std::string>().empty())
         out << "  " << shade("rules", "31")
             << "    whether they stand is not known: " << status["rules_error"].get<std::string>() << "\n";
     if (!status["store_error"].get<std::string>().empty())

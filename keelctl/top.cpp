@@ -136,7 +136,7 @@ std::vector<std::string> screen_of(const Json &status, std::size_t columns, std:
     screen.add("IPTV", "1");
     screen.line("  " + or_none(status["device"]) + ", " + mode_line(status));
     screen.line(status["headline"], is_well(status) ? "32" : "31");
-    if (status["rules_error"] != "")
+    if (!status["rules_error"].get<std::string>().empty())
         screen.line("whether the rules stand is not known: " + status["rules_error"].get<std::string>(), "31");
     if (!status["store_error"].get<std::string>().empty())
         screen.line("nothing is stored: " + status["store_error"].get<std::string>(), "31");
