@@ -70,7 +70,7 @@ class HostTest(unittest.TestCase):
         with open(self.lab.socket, "w", encoding="ascii") as file:
             file.write("somebody's")
         log = self.lab.network.log
-        self.assertTrue(wait_for(lambda: "keelctl reaches this host no more" in log("gateway.log"), 15))
+        self.assertTrue(wait_for(lambda: "nobody reaches this host any more" in log("gateway.log"), 15))
         with open(self.lab.socket, encoding="ascii") as file:
             self.assertEqual(file.read(), "somebody's")
         os.remove(self.lab.socket)

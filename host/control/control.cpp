@@ -166,7 +166,7 @@ void Control::look_at_socket() {
         unreachable_ = false;
     } catch (const std::exception &error) {
         if (!std::exchange(unreachable_, true))
-            trace(Level::Error, "control", "keelctl reaches this host no more, it is tried again: %s", error.what());
+            trace(Level::Error, "control", "nobody reaches this host any more, it is tried again: %s", error.what());
     }
 }
 
