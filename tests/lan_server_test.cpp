@@ -196,6 +196,34 @@ TEST_F(LanServerTest, ADeviceThatWaitsIsNotWrittenAtEachOfItsRequestsAndNotStore
     EXPECT_TRUE(model.find(path)->persistent) << "it has it all the same";
 }
 
+TEST_F(LanServerTest, ADeviceWhoseIdentityIsGoneIsReportedAnewWhenItAsks) {
+    stb.start();
+    loop.advance(1000);
+    ASSERT_EQ(stb.address(), "192.168.1.20");
+    const auto forget = [&] {
+        model.add("Keel.Zephyrin.ClientLease", "itf", {});
+        EXPECT_FALSE(model.add("Keel.Zephyrin.ClientLease.itf.ServerLease", stb.id(), {}));
+        loop.run_until_idle();
+        model.remove("Keel.Zephyrin.ClientLease.itf");
+        loop.run_until_idle();
+    };
+    forget();
+    EXPECT_FALSE(model.boolean(lease(stb), "OnHold")) << "its pool has no holds";
+    hold(true);
+    set(lease(stb), {{"OnHold", false}});
+    bool reported = false;
+    model.watch(lease(stb), [&](const Event &event) { reported = reported || event.kind == Event::Kind::Added; });
+    forget();
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold"));
+    loop.advance(1000);
+    EXPECT_FALSE(reported) << "it is away";
+    loop.advance(120000); /* the hold was told of as any is */
+    stb.start();
+    loop.advance(1000);
+    EXPECT_TRUE(reported);
+    EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "until somebody has decided";
+}
+
 TEST_F(LanServerTest, AHeldDeviceIsAnsweredFromItsLeaseWhateverTheRulesSayByThen) {
     hold(true);
     stb.start();

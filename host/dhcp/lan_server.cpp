@@ -33,9 +33,9 @@ std::string lease_path(const LanRule &rule, const std::string &id) {
 } // namespace
 
 LanDhcpServer::LanDhcpServer(Loop &loop, Model &model, LanPort &port)
-    : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), addresses_(loop, model, pools_, leases_),
-      ends_(loop, model, leases_), waiting_(loop, model), reports_(loop), start_(model.latest_event()),
-      start_ms_(loop.now_ms()) {
+    : loop_(loop), model_(model), port_(port), pools_(model), leases_(model), forgotten_(model),
+      addresses_(loop, model, pools_, leases_), ends_(loop, model, leases_), waiting_(loop, model), reports_(loop),
+      start_(model.latest_event()), start_ms_(loop.now_ms()) {
     watch_ = model_.watch(lan_pools_path, [this](const Event &event) { on_event(event); });
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "host/dhcp/forgotten_devices.h"
 #include "host/dhcp/lan_addresses.h"
 #include "host/dhcp/lan_pools.h"
 #include "host/dhcp/lease_ends.h"
@@ -113,6 +114,7 @@ private:
     LanPort &port_;
     LanPools pools_;
     LeaseTable leases_;
+    ForgottenDevices forgotten_;
     LanAddresses addresses_;
     LeaseEnds ends_;
     WaitingDevices waiting_;

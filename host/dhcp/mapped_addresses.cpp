@@ -9,19 +9,17 @@ namespace keel {
 
 namespace {
 
-constexpr std::size_t longest_name = 35; /* of a device in the plug-in's records; a longer one is cut */
+constexpr std::size_t longest_name = 35;
+} // namespace
 
-std::string stored_name(const std::string &device) {
+std::string name_in_records(const std::string &device) {
     return device.substr(0, longest_name);
 }
 
-/* "Keel.Zephyrin.ClientLease.<identity>.ServerLease.<device>" */
-bool is_of_device(const Event &event) {
+bool is_of_mapped_device(const Event &event) {
     return event.steps.size() == 6 && event.steps[4] == "ServerLease" && event.steps[2] == "ClientLease" &&
            event.steps[1] == "Zephyrin" && event.steps[0] == "Keel";
 }
-
-} // namespace
 
 MappedAddresses::MappedAddresses(Model &model) : model_(model) {
     const std::string identities = join_path(service_path, "ClientLease");
@@ -38,17 +36,17 @@ MappedAddresses::~MappedAddresses() {
 }
 
 std::uint32_t MappedAddresses::of(const std::string &device) const {
-    const auto found = by_device_.find(stored_name(device));
+    const auto found = by_device_.find(name_in_records(device));
     return found == by_device_.end() ? 0 : found->second;
 }
 
 bool MappedAddresses::is_anothers(std::uint32_t address, const std::string &device) const {
     const auto [first, end] = by_address_.equal_range(address);
-    return std::any_of(first, end, [&](const auto &one) { return one.second != stored_name(device); });
+    return std::any_of(first, end, [&](const auto &one) { return one.second != name_in_records(device); });
 }
 
 void MappedAddresses::observe(const Event &event) {
-    if (!is_of_device(event))
+    if (!is_of_mapped_device(event))
         return;
     const auto address = event.values.find("IPAddress");
     if (event.kind == Event::Kind::Deleted)

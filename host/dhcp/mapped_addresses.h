@@ -12,6 +12,11 @@
 
 namespace keel {
 
+/* The name of a device (of its lease) as the plug-in's records have it: one of more than 35 characters is cut. */
+std::string name_in_records(const std::string &device);
+/* Whether an event is one of a device's record, "Keel.Zephyrin.ClientLease.<identity>.ServerLease.<device>". */
+bool is_of_mapped_device(const Event &event);
+
 /* An identity keeps its devices, with their LAN addresses, for two days after they went away, and over a restart. What
  * another device sent from such an address would leave with the WAN address of the one that is away. An index of
  * "Keel.Zephyrin.ClientLease.*.ServerLease", kept up by every write to the model. */

@@ -24,8 +24,9 @@ void SimSegment::send(const Bytes &message, const DhcpDestination &destination) 
     loop_.post([this, message] {
         const auto stations = stations_;
         for (SimStb *station : stations)
-            if (std::equal(station->hardware_.begin(), station->hardware_.end(), message.begin() + at_hardware))
-                station->take(message);
+            if (std::equal(station->hardware_.begin(), station->hardware_.end(), message.begin() + at_hardware) &&
+                !station->take(message) && on_lost)
+                on_lost(*station);
     });
 }
 
@@ -202,12 +203,12 @@ void SimStb::ask_to_renew() {
     after(std::min(std::max(left_ms / 2, shortest_renewal_pause_ms), left_ms), &SimStb::ask_to_renew);
 }
 
-void SimStb::take(const Bytes &bytes) {
+bool SimStb::take(const Bytes &bytes) {
     if (!plugged_ || !is_on())
-        return;
+        return false;
     const Tins::DHCP packet(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
     if (packet.xid() != xid_)
-        return;
+        return false;
     const auto option = [&](int number) {
         const auto *found = packet.search_option(static_cast<Tins::DHCP::OptionTypes>(number));
         return found ? Bytes(found->data_ptr(), found->data_ptr() + found->data_size()) : Bytes();
@@ -233,6 +234,7 @@ void SimStb::take(const Bytes &bytes) {
         ++xid_;
         after(1000, &SimStb::discover);
     }
+    return true;
 }
 
 void SimStb::bind(const Answer &answer) {

@@ -56,6 +56,8 @@ public:
     std::string port_of(const HardwareAddress &device) override;
     /* While the server's socket is dead, nothing comes through. */
     bool dead = false;
+    /* Called for what the server sends to a device that does not take it: it is off, unplugged, or has gone on. */
+    std::function<void(const SimStb &device)> on_lost;
 
 private:
     friend class SimStb;
@@ -115,7 +117,8 @@ private:
     void discover();
     void request();
     void ask_to_renew();
-    void take(const Bytes &message);
+    /* Whether it is for what the device has asked last. */
+    bool take(const Bytes &message);
     void bind(const Answer &answer);
 
     Loop &loop_;

@@ -1,4 +1,5 @@
 /* What each step of a plan does to the world. */
+#include <algorithm>
 #include <utility>
 
 #include "tests/simulate/world.h"
@@ -16,6 +17,17 @@ template <typename Choices> auto pick(const Choices &choices, std::uint64_t numb
 }
 
 } // namespace
+
+/* Of an identity that has not heard from the operator since its mask changed. One address would be there with two. */
+bool World::is_held_with_another_mask(const std::string &address) const {
+    const std::string identities = "Keel.Zephyrin.ClientLease";
+    const auto all = life_->model.instances(identities);
+    return std::any_of(all.begin(), all.end(), [&](const std::string &name) {
+        const std::string identity = join_path(identities, name);
+        return life_->model.text(identity, "IPAddress") == address &&
+               life_->model.text(identity, "SubnetMask") != mask_;
+    });
+}
 
 void World::carry_out(const Step &step) {
     if (step.deed <= Deed::Plug)
@@ -89,7 +101,8 @@ void World::carry_out_as_operator(const Step &step) {
         const std::string other = all.empty() ? "" : pick(all, step.value);
         const std::string other_id =
             other.empty() ? "" : life_->model.text(interface_path(other) + ".SentOption.61", "Value");
-        if (address_book_[id].empty() || other_id.empty() || other_id == id)
+        if (address_book_[id].empty() || other_id.empty() || other_id == id ||
+            is_held_with_another_mask(address_book_[id]))
             break;
         handed_on_.insert(address_book_[id]);
         address_book_[other_id] = std::exchange(address_book_[id], "");
@@ -99,7 +112,7 @@ void World::carry_out_as_operator(const Step &step) {
         break;
     }
     case Deed::NewMask:
-        if (handed_on_.empty()) /* else one address would be there with two of them */
+        if (handed_on_.empty()) /* as above */
             mask_ = pick(masks, step.value);
         break;
     case Deed::NewRoutes:

@@ -75,6 +75,7 @@ World::World(std::uint64_t seed, const std::string &plugin, const std::string &m
     Ground::instance().hold = [this](std::uint64_t ms) { loop_.hold(ms); };
     options_ = {{42, "0a140002"}, {72, "0a140003"}, {121, "180a3c000a140001"}};
     scripts_.loop = &loop_;
+    segment_.on_lost = [this](const SimStb &device) { moved_by_hand_.insert(&device); };
     Chance chance(seed ^ 0x5eed);
     for (const StbHabits &habits : habits_of_devices(chance))
         add_device(chance.next(), habits);

@@ -94,6 +94,7 @@ private:
     bool is_settled(const SimStb &device) const;
     void calm(bool by_people);
     void tell_operator();
+    bool is_held_with_another_mask(const std::string &address) const;
     std::vector<std::string> clients() const;
     std::vector<std::string> leases() const;
 
