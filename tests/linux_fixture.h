@@ -82,8 +82,8 @@ protected:
         }
         return holds();
     }
-    /* Has those sockets fail on which the kernel tells of changes, and tells how many there are. A descriptor that fails
-     * cannot be had of the kernel; another file in its place fails as well. */
+    /* Has those sockets fail on which the kernel tells of changes, and tells how many there are. A descriptor that
+     * fails cannot be had of the kernel; another file in its place fails as well. */
     static std::size_t fail_event_sockets() {
         const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
         std::size_t replaced = 0;

@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/linux/netlink.h"
 #include "host/linux/event_socket.h"
+#include "host/linux/netlink.h"
 #include "host/model/recheck.h"
 
 namespace keel {
