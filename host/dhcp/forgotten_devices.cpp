@@ -6,7 +6,7 @@
 namespace keel {
 
 ForgottenDevices::ForgottenDevices(Model &model) : model_(model) {
-    watch_ = model_.watch(join_path(service_path, "ClientLease"), [this](const Event &event) {
+    watch_ = model_.watch(identities_path, [this](const Event &event) {
         if (event.kind == Event::Kind::Deleted && is_of_mapped_device(event))
             hold(event.steps.back());
     });

@@ -22,9 +22,8 @@ bool is_of_mapped_device(const Event &event) {
 }
 
 MappedAddresses::MappedAddresses(Model &model) : model_(model) {
-    const std::string identities = join_path(service_path, "ClientLease");
-    for (const std::string &identity : model_.instances(identities)) {
-        const std::string devices = join_path(identities, identity) + ".ServerLease";
+    for (const std::string &identity : model_.instances(identities_path)) {
+        const std::string devices = join_path(identities_path, identity) + ".ServerLease";
         for (const std::string &device : model_.instances(devices))
             set(device, model_.text(join_path(devices, device), "IPAddress"));
     }

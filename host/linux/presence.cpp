@@ -93,7 +93,8 @@ void Presence::on_host(const Event &event) {
         update(mac);
         admit_waiting();
     } else if (event.kind == Event::Kind::Added) {
-        if (event.values.at("Tags") != Value(std::string(plain_tags)))
+        const auto tags = event.values.find("Tags"); /* a model of one's own may have none */
+        if (tags != event.values.end() && tags->second != Value(std::string(plain_tags)))
             keep_tags(mac);
     } else if (event.kind == Event::Kind::Changed) {
         static const std::set<std::string> ours = {"Active", "IPAddress", "Port", "HostName", "VendorClass"};
