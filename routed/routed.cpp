@@ -69,6 +69,13 @@ void watch_pool(unsigned index) {
     hull_waitSendRequest(rig_getHull(), rig_getSysbus(), request);
 }
 
+/* Those that are not watched yet. */
+void watch_pools() {
+    for (unsigned index = 0; index < dhcp_pools; ++index)
+        if (!routed_state.rule_requests[index])
+            watch_pool(index);
+}
+
 /* The IPTV path leaves an interface that was in use. */
 void leave_interface(const char *old) {
     zep_routed_set_ntpwwwserver(no_server, no_server);
@@ -113,6 +120,7 @@ void zep_routed_dedicated_mode_init(ServiceConfig *config) {
     if (routed_interface == IptvInterfaceMode::Dedicated) {
         if (config->interface == IptvInterfaceMode::Dedicated) {
             open_interface_query(); /* the service runs: only what could not be opened before is opened now */
+            watch_pools();
             return;
         }
         zep_routed_dedicated_mode_cleanup();
@@ -149,8 +157,7 @@ void zep_routed_dedicated_mode_init(ServiceConfig *config) {
     }
     for (Client_lease *lease : RecordsOf<Client_lease>(&routed_state.client_leases))
         resume(lease);
-    for (unsigned index = 0; index < dhcp_pools; ++index)
-        watch_pool(index);
+    watch_pools();
 }
 
 void zep_routed_bridge_iptv_intf_setup(const variant_t *result, void *data) {
