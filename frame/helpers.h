@@ -135,16 +135,20 @@ template <typename Record> class RecordsOf {
 public:
     class Iterator {
     public:
-        explicit Iterator(llist_iterator_t *member) : member_(member), next_(llist_iterator_next(member)) {}
+        explicit Iterator(llist_iterator_t *member) : member_(member), next_(after(member)) {}
         Record *operator*() const { return static_cast<Record *>(member_->data); }
         Iterator &operator++() {
             member_ = next_;
-            next_ = llist_iterator_next(member_);
+            next_ = after(member_);
             return *this;
         }
         bool operator!=(const Iterator &other) const { return member_ != other.member_; }
 
     private:
+        static llist_iterator_t *after(llist_iterator_t *member) {
+            return member ? llist_iterator_next(member) : nullptr;
+        }
+
         llist_iterator_t *member_;
         llist_iterator_t *next_;
     };
