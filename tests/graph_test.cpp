@@ -254,6 +254,17 @@ TEST_F(Graph, EveryQueryIsToldOfEveryChangeOfItsResult) {
     }
 }
 
+TEST_F(Graph, AnInterfaceThatIsNamedTwiceIsBelowOnce) {
+    for (const char *name : {"data", "eth1"})
+        model.add("Weft.Intf", name, {});
+    model.set("Weft.Intf.data", {{"LowerLayers", std::string("nowhere eth1 nowhere eth1")}});
+    EXPECT_EQ(graph.reach("data", Traversal::Down), (Names{"data", "eth1"}));
+    model.set("Weft.Intf.data", {{"LowerLayers", std::string()}});
+    EXPECT_EQ(graph.reach("data", Traversal::Down), Names{"data"});
+    model.remove("Weft.Intf.eth1");
+    EXPECT_FALSE(graph.exists("eth1"));
+}
+
 TEST_F(Graph, DerivedFlagsAndWantedClientsFollowEveryChange) {
     const PlainReading plain(model);
     const InterfaceState state(loop, graph);

@@ -114,6 +114,8 @@ void InterfaceGraph::set_links(Entry &of, const std::string &links) {
         lower->upper.erase(of.order);
     for (const std::string &name : split_words(links)) {
         Entry &lower = entry(name);
+        if (lower.upper.contains(of.order))
+            continue; /* named twice */
         of.lower.push_back(&lower);
         lower.upper[of.order] = &of;
     }
