@@ -87,7 +87,8 @@ variant_map_t *weft_getMIBs(const char *intf, const char *mibs, const char *cond
 void weft_setMIBs(const char *intf, const variant_map_t *map);
 /* The parsed value of a received DHCP option, newly allocated (variant_cleanup() and free()), or null when it was not
  * received or is malformed, which is traced. Kind is "req". Option 121 (RFC 3442) is a list of maps with "Destination"
- * (text), "PrefixLength" (unsigned 8-bit) and "Router" (text), in the order received; any other is its text. */
+ * (text), "PrefixLength" (unsigned 8-bit) and "Router" (text), in the order received, and an empty one of a client with
+ * a lease that came without: it has no routes, whatever an earlier lease had. Any other is its text. */
 variant_t *weft_getDHCPOption(const char *intf, const char *kind, uint16_t option, weft_traverse_t traversal);
 
 #ifdef __cplusplus

@@ -89,9 +89,11 @@ bool WanClientModel::bound(const std::string &name, WanLease lease) {
     std::set<std::string> leased; /* an instance has its option's number as its name */
     for (const auto &[number, value] : lease.options)
         leased.insert(std::to_string(number));
-    for (const std::string &instance : model_.instances(received))
-        if (!leased.contains(instance))
-            model_.remove(received + "." + instance);
+    /* An answer that prolongs a lease need not say again all that came with it. */
+    if (!holds_lease(model_.text(interface_path(name), "DHCPStatus")))
+        for (const std::string &instance : model_.instances(received))
+            if (!leased.contains(instance))
+                model_.remove(received + "." + instance);
     for (const auto &[number, value] : lease.options) {
         const std::string key = std::to_string(number);
         if (model_.find(received + "." + key))

@@ -32,7 +32,8 @@ public:
      * is dotted, "" when it did not tell. */
     void nak(const std::string &name, const std::string &server);
     /* Address, mask and received options, then "Bound": whoever sees the state finds the values in place. Options that
-     * are none of their kind are left out.
+     * are none of their kind are left out. A new lease has those alone that come with it; one that is prolonged keeps
+     * what is not said again.
      *
      * False for a lease whose address the gateway cannot use: nothing of it is put in force, and the client is shown as
      * "Selecting", for it has no lease that is any good. Whoever runs it must have it try again, and show it as

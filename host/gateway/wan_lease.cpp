@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "host/base/text_forms.h"
+#include "host/gateway/classless_routes.h"
 #include "host/gateway/settings.h"
 
 namespace keel {
@@ -65,12 +66,18 @@ std::vector<LeaseFault> drop_faulty_options(WanLease &lease) {
     std::erase_if(lease.options, [&](const auto &option) {
         const auto &[number, value] = option;
         const bool list = std::find(address_lists.begin(), address_lists.end(), number) != address_lists.end();
-        const bool hexadecimal = parse_hex(value).has_value();
-        if (hexadecimal && (!list || value.size() % address_digits == 0))
+        const auto bytes = parse_hex(value);
+        std::string wrong;
+        if (!bytes)
+            wrong = "is not hexadecimal";
+        else if (list && value.size() % address_digits != 0)
+            wrong = "is no list of addresses";
+        else if (number == option_classless_routes && !parse_classless_routes(*bytes, &wrong))
+            wrong = "is no list of routes: " + wrong;
+        if (wrong.empty())
             return false;
         const std::string shown = value.size() > shown_digits ? value.substr(0, shown_digits) + "..." : value;
-        faults.push_back(fault("option " + std::to_string(number), shown,
-                               hexadecimal ? "is no list of addresses" : "is not hexadecimal"));
+        faults.push_back(fault("option " + std::to_string(number), shown, wrong));
         return true;
     });
     return faults;

@@ -32,9 +32,9 @@ struct LeaseFault {
  * what belongs to the gateway or to a device there. */
 std::optional<LeaseFault> address_fault(const Model &model, const WanLease &lease);
 
-/* Takes out the options that are no hexadecimal text, and those that hold addresses (routers, name, NTP and WWW
- * servers) of another length than such a list has. An empty list stays: the operator has none. One fault for each taken
- * out. */
+/* Takes out the options that are no hexadecimal text, those that hold addresses (routers, name, NTP and WWW servers) of
+ * another length than such a list has, and routes that are none. An empty list of addresses stays: the operator has
+ * none. One fault for each taken out. */
 std::vector<LeaseFault> drop_faulty_options(WanLease &lease);
 
 } // namespace keel

@@ -16,8 +16,10 @@
 #include <vector>
 
 #include "host/base/trace.h"
+#include "host/gateway/classless_routes.h"
 #include "host/gateway/graph.h"
 #include "host/gateway/interface_state.h"
+#include "host/gateway/wan_lease.h"
 #include "host/model/recheck.h"
 #include "host/platform/attachment.h"
 #include "host/platform/dhcp_option.h"
@@ -480,9 +482,15 @@ variant_t *weft_getDHCPOption(const char *intf, const char *kind, uint16_t optio
     for (const std::string &name : reached(intf, nullptr, traversal)) {
         const std::string path = interface_path(name) + ".ReqOption." + std::to_string(option);
         const std::string value = host_model().text(path, "Value");
-        if (value.empty())
+        const bool no_routes = option == option_classless_routes && value.empty() &&
+                               holds_lease(host_model().text(interface_path(name), "DHCPStatus"));
+        if (value.empty() && !no_routes)
             continue;
         auto *parsed = static_cast<variant_t *>(std::calloc(1, sizeof(variant_t)));
+        if (no_routes) {
+            variant_initialize(parsed, variant_type_list);
+            return parsed;
+        }
         std::string error;
         if (parse_dhcp_option(option, value, parsed, &error))
             return parsed;
