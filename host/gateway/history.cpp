@@ -209,7 +209,10 @@ std::string History::state_of(const std::string &id, const Device &device) const
             const std::string client = model_.text(interface_path(client_prefix + name), "DHCPStatus");
             if (holds_lease(client))
                 return "served";
-            return model_.text(identity, "DHCPCStatus") == "Unleased" ? "stop-gap" : "dark";
+            const std::string status = model_.text(identity, "DHCPCStatus");
+            if (status == "Internal") /* its address stays in force while the operator does not answer */
+                return "served";
+            return status == "Unleased" ? "stop-gap" : "dark";
         }
     }
     return "dark";
