@@ -1,5 +1,6 @@
 #include "host/gateway/lease_facts.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "host/base/text_forms.h"
@@ -14,6 +15,12 @@ constexpr const char *stb_pool = "zep_stb";
 std::string text_in(const Node &lease, const char *parameter) {
     const Parameter *found = lease.parameter(parameter);
     return found && found->present ? to_text(found->value) : std::string();
+}
+
+std::int64_t written_at(const Node &lease) {
+    const Parameter *found = lease.parameter("Written");
+    const auto *time = found && found->present ? std::get_if<std::int64_t>(&found->value) : nullptr;
+    return time ? *time : 0;
 }
 
 /* 0 for what is no MAC address. */
@@ -56,26 +63,38 @@ LeaseFacts::~LeaseFacts() {
 
 void LeaseFacts::keep(const Node &lease) {
     if (const std::uint64_t mac = number_of(text_in(lease, "MACAddress")))
-        leases_[mac] = &lease;
+        leases_.emplace(mac, Known{lease.name, &lease});
 }
 
-/* A device has one lease; of one that has several, with other identifiers, the one that was written last counts. */
+void LeaseFacts::forget(const std::string &mac, const std::string &id) {
+    const auto [first, end] = leases_.equal_range(number_of(mac));
+    const auto found = std::find_if(first, end, [&](const auto &one) { return one.second.id == id; });
+    if (found != end)
+        leases_.erase(found);
+}
+
 void LeaseFacts::observe(const Event &event) {
     if (!is_of_lease(event))
         return;
     const Values &old = event.kind == Event::Kind::Deleted ? event.values : event.before;
-    if (const auto mac = old.find("MACAddress"); mac != old.end())
-        leases_.erase(number_of(to_text(mac->second)));
+    const auto mac = old.find("MACAddress");
+    if (event.kind == Event::Kind::Changed && mac == old.end())
+        return;
+    if (mac != old.end())
+        forget(to_text(mac->second), event.steps.back());
     if (event.kind != Event::Kind::Deleted)
         if (const Node *lease = model_.find(event.path()))
             keep(*lease);
 }
 
 std::optional<LeaseFacts::Facts> LeaseFacts::of(const std::string &mac) const {
-    const auto found = leases_.find(number_of(mac));
-    if (found == leases_.end())
+    const auto [first, end] = leases_.equal_range(number_of(mac));
+    if (first == end)
         return std::nullopt;
-    const Node &lease = *found->second;
+    const auto found = std::max_element(first, end, [](const auto &one, const auto &other) {
+        return written_at(*one.second.lease) < written_at(*other.second.lease);
+    });
+    const Node &lease = *found->second.lease;
     if (text_in(lease, "OnHold") == "true")
         return std::nullopt;
     const Node *pool = lease.parent->parent->parent->parent; /* Lease, the rule, Rule, the pool */

@@ -34,16 +34,22 @@ public:
     LeaseFacts &operator=(const LeaseFacts &) = delete;
     ~LeaseFacts();
 
-    /* Of the device's latest lease; nothing while that is on hold, since the device does not have it then. */
+    /* Of the device's latest lease, where it has several with other identifiers (of a boot loader, and of its system);
+     * nothing while that is on hold, since the device does not have it then. */
     std::optional<Facts> of(const std::string &mac) const;
 
 private:
     void observe(const Event &event);
     void keep(const Node &lease);
+    void forget(const std::string &mac, const std::string &id);
 
     Model &model_;
     Model::WatchId watch_;
-    std::unordered_map<std::uint64_t, const Node *> leases_; /* by MAC address */
+    struct Known {
+        std::string id;
+        const Node *lease;
+    };
+    std::unordered_multimap<std::uint64_t, Known> leases_; /* by MAC address */
 };
 
 } // namespace keel
