@@ -17,10 +17,18 @@ constexpr std::uint64_t look_every_ms = 50;
 constexpr std::uint64_t leaves_within_ms = 20000; /* its shell commands may have to wait for others */
 
 /* The leases by address, of the whole LAN. */
-std::map<std::string, std::string> owners_of_addresses(const Carried &carried) {
+/* Of every lease that there is now, also of one on hold: who asked for it may have it by the next message. */
+std::map<std::string, std::string> owners_of_addresses(const Model &model) {
     std::map<std::string, std::string> owners;
-    for (const auto &[id, lease] : carried.leases)
-        owners[lease.address] = lease.mac;
+    for (const std::string &pool : model.instances(lan_pools_path)) {
+        const std::string rules = join_path(lan_pools_path, pool) + ".Rule";
+        for (const std::string &rule : model.instances(rules)) {
+            const std::string leases = join_path(rules, rule) + ".Lease";
+            for (const std::string &id : model.instances(leases))
+                owners[model.text(join_path(leases, id), "IPAddress")] =
+                    model.text(join_path(leases, id), "MACAddress");
+        }
+    }
     return owners;
 }
 
@@ -190,7 +198,7 @@ void Import::write_identities() {
 
 /* A device of this box keeps what it has: it uses it. */
 void Import::write_leases() {
-    auto owners = owners_of_addresses(before_);
+    const auto owners = owners_of_addresses(model_);
     const auto now = static_cast<std::int64_t>(loop_.wall_clock_s());
     std::size_t added = 0;
     for (const auto &[id, lease] : wanted_.leases) {
@@ -199,7 +207,7 @@ void Import::write_leases() {
         if (own != before_.leases.end()) {
             if (own->second.address != lease.address)
                 told_.push_back("lease " + id + ": the device has " + own->second.address + " here, and keeps it");
-        } else if (owner != owners.end()) {
+        } else if (owner != owners.end() && owner->second != lease.mac) {
             told_.push_back("lease " + id + ": " + lease.address + " is " + owner->second + "'s here; " + lease.mac +
                             " gets another address when it asks");
         } else if (!model_.find(join_path(lease_list_path(lease), id))) {
