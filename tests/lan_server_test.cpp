@@ -222,6 +222,12 @@ TEST_F(LanServerTest, ADeviceWhoseIdentityIsGoneIsReportedAnewWhenItAsks) {
     loop.advance(1000);
     EXPECT_TRUE(reported);
     EXPECT_TRUE(model.boolean(lease(stb), "OnHold")) << "until somebody has decided";
+
+    set(lease(stb), {{"OnHold", false}});
+    model.add("Keel.Zephyrin.ClientLease", "iptv", {});
+    model.add("Keel.Zephyrin.ClientLease.iptv.ServerLease", stb.id(), {});
+    forget();
+    EXPECT_FALSE(model.boolean(lease(stb), "OnHold")) << "another identity has it";
 }
 
 TEST_F(LanServerTest, AHeldDeviceIsAnsweredFromItsLeaseWhateverTheRulesSayByThen) {
@@ -381,6 +387,8 @@ TEST_F(LanServerTest, AnIdentifierGoesOverToAnotherDeviceOnlyWhenItsOwnIsGone) {
     other.start();
     loop.advance(10000);
     EXPECT_EQ(other.address(), "");
+    EXPECT_EQ(model.text("DHCPv4.Server.Waiting.0102ab00000002", "Because"),
+              "its client identifier is that of " + stb.mac());
     EXPECT_EQ(model.text(lease(stb), "MACAddress"), stb.mac());
     EXPECT_FALSE(stb.address().empty());
     stb.stop();
@@ -451,6 +459,37 @@ TEST_F(LanServerTest, RelaysOfAPoolsSubnetAreServed) {
     EXPECT_EQ(foreign.address(), "10.0.0.20");
     EXPECT_EQ(format_hex(foreign.last(DhcpType::Ack)->options.at(3)), "0a000001");
     EXPECT_EQ(format_hex(foreign.last(DhcpType::Ack)->options.at(54)), "c0a80101");
+    EXPECT_TRUE(lan.sent.back().routed);
+
+    foreign.relay = 0; /* it renews straight from behind the relay, where its hardware address leads nowhere */
+    loop.advance(std::uint64_t{43201} * 1000);
+    EXPECT_TRUE(lan.sent.back().routed && !lan.sent.back().relay);
+    EXPECT_EQ(format_ipv4(lan.sent.back().address), "10.0.0.20");
+    SimDevice roaming(loop, lan, 3, "pc");
+    roaming.relay = 0x0a000001;
+    roaming.start();
+    loop.advance(probe_ms);
+    ASSERT_EQ(roaming.address(), "10.0.0.21");
+    roaming.stop();
+    roaming.relay = 0;
+    roaming.start();
+    loop.advance(probe_ms);
+    EXPECT_EQ(roaming.address(), "192.168.1.100") << "it has come to the LAN itself";
+}
+
+TEST_F(LanServerTest, ADeviceGetsAnAddressOfTheSubnetThatTheLanHasNow) {
+    stb.start();
+    loop.advance(probe_ms);
+    ASSERT_EQ(stb.address(), "192.168.1.20");
+    set("DHCPv4.Server.Pool.zep_stb", {{"Router", std::string("192.168.2.1")}});
+    set("DHCPv4.Server.Pool.zep_stb.Rule.1",
+        {{"MinAddress", std::string("192.168.2.20")}, {"MaxAddress", std::string("192.168.2.29")}});
+    loop.advance(std::uint64_t{43201} * 1000); /* it renews */
+    EXPECT_NE(stb.last(DhcpType::Nak), nullptr);
+    stb.stop();
+    stb.start();
+    loop.advance(probe_ms);
+    EXPECT_EQ(stb.address(), "192.168.2.20");
 }
 
 TEST_F(LanServerTest, ALongOptionReachesTheDeviceInPieces) {

@@ -7,7 +7,8 @@ namespace keel {
 
 ForgottenDevices::ForgottenDevices(Model &model) : model_(model) {
     watch_ = model_.watch(identities_path, [this](const Event &event) {
-        if (event.kind == Event::Kind::Deleted && is_of_mapped_device(event))
+        if (event.kind == Event::Kind::Deleted && is_of_mapped_device(event) &&
+            record_in_another(model_, event.steps[3], event.steps[5]).empty())
             hold(event.steps.back());
     });
 }

@@ -59,6 +59,16 @@ bool LanPools::is_own(std::uint32_t address) {
                        [address](const LanPool &pool) { return pool.router == address || pool.server == address; });
 }
 
+std::uint32_t LanPools::link_of(std::uint32_t relay, std::uint32_t client) {
+    if (relay != 0 || client == 0)
+        return relay;
+    const auto &pools = all();
+    const bool behind_relay = std::any_of(pools.begin(), pools.end(), [&](const LanPool &pool) {
+        return pool.has_in_subnet(client) && !pool.has_in_subnet(pool.server);
+    });
+    return behind_relay ? client : 0;
+}
+
 void LanPools::read() {
     stale_ = false;
     pools_.clear();

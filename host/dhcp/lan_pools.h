@@ -44,6 +44,8 @@ struct LanPool {
     /* What a device gets that asks for so long, s; 0 when it does not say. */
     std::uint32_t lease_time(std::uint32_t asked_s) const;
     bool has_in_subnet(std::uint32_t address) const { return ((address ^ router) & mask) == 0; }
+    /* Whether it is for devices of a link (LanPools::link_of()). */
+    bool is_of_link(std::uint32_t link) const { return has_in_subnet(link != 0 ? link : server); }
 };
 
 /* Reads anew what has changed. Pointers and references stay valid until something is asked for after a write to the
@@ -59,6 +61,9 @@ public:
     const std::vector<LanPool> &all();
     /* A rule of one of them, or null. */
     const LanRule *rule(const std::string &pool, const std::string &number);
+    /* Where a device is: an address of its link, 0 for the LAN's own. That is its relay's; and its own where it renews
+     * straight from behind one. */
+    std::uint32_t link_of(std::uint32_t relay, std::uint32_t client);
     /* Whether one of them has the address for its router or server. */
     bool is_own(std::uint32_t address);
 

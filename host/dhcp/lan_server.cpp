@@ -92,9 +92,10 @@ void LanDhcpServer::received(const std::uint8_t *data, std::size_t size) {
 /* A device that does not tell its vendor class, or one that no rule knows, belongs where its lease is: DECLINE and
  * RELEASE never tell it (RFC 2131, table 5), and some devices tell it in their DISCOVER alone. */
 const LanRule *LanDhcpServer::rule_for(const DhcpMessage &message, const std::string &id) {
+    const std::uint32_t link = pools_.link_of(message.relay, message.client_address);
     const LanRule *rest = nullptr;
     for (const LanPool &pool : pools_.all()) {
-        if (message.relay != 0 && !pool.has_in_subnet(message.relay))
+        if (!pool.is_of_link(link))
             continue;
         for (const LanRule &rule : pool.rules) {
             if (rule.vendor_class.empty())
@@ -105,7 +106,7 @@ const LanRule *LanDhcpServer::rule_for(const DhcpMessage &message, const std::st
     }
     for (const auto &[path, place] : leases_.leases_of(id)) {
         const LanRule *rule = is_of(path, message) ? pools_.rule(place.pool, place.rule) : nullptr;
-        if (rule && (message.relay == 0 || rule->pool->has_in_subnet(message.relay)))
+        if (rule && rule->pool->is_of_link(link))
             return rule;
     }
     return rest;
@@ -124,8 +125,16 @@ bool LanDhcpServer::is_of(const std::string &lease, const DhcpMessage &message) 
     return model_.text(lease, "MACAddress") == format_mac(message.hardware.data());
 }
 
+/* The address of the sender's lease; 0 when it has none, or one that is of no use since somebody has changed the
+ * subnet. */
+std::uint32_t LanDhcpServer::leased_to(const Request &request) {
+    const bool own = model_.find(request.lease) && is_of(request.lease, request.message);
+    const std::uint32_t address = own ? ipv4_or_none(model_.text(request.lease, "IPAddress")) : 0;
+    return request.rule.pool->has_in_subnet(address) && !pools_.is_own(address) ? address : 0;
+}
+
 void LanDhcpServer::discover(const Request &request) {
-    if (model_.find(request.lease) && is_of(request.lease, request.message))
+    if (leased_to(request) != 0)
         park_or_answer(request, DhcpType::Offer);
     else
         begin_lease(request);
@@ -137,8 +146,7 @@ void LanDhcpServer::request(const Request &request) {
         return; /* it took another server's offer */
     const std::uint32_t wanted = wanted_address(request.message);
     const bool known = model_.find(request.lease) != nullptr;
-    if (known && is_of(request.lease, request.message) &&
-        ipv4_or_none(model_.text(request.lease, "IPAddress")) == wanted)
+    if (wanted != 0 && leased_to(request) == wanted)
         park_or_answer(request, DhcpType::Ack);
     /* A device that comes back with an address that is free is given it; any other must begin anew. */
     else if (!known && wanted >= request.rule.low && wanted <= request.rule.high &&
@@ -227,6 +235,9 @@ bool LanDhcpServer::identifier_is_in_use(const Request &request) {
             continue;
         drop("two devices on the LAN have the same client identifier",
              "; at last " + format_mac(request.message.hardware.data()) + " that of " + owner);
+        const auto &own = request.message.hardware; /* which its identifier would be without option 61 */
+        wait_without_lease({request.message, request.rule, "01" + format_hex({own.begin(), own.end()}), ""},
+                           "its client identifier is that of " + owner, port_.port_of(own));
         return true;
     }
     return false;
@@ -418,11 +429,12 @@ void LanDhcpServer::answer(const DhcpMessage &message, const LanPool &pool, Dhcp
     DhcpDestination destination{message.hardware, broadcast_address, pool.server};
     if (message.relay != 0) {
         destination.address = message.relay;
-        destination.relay = true;
+        destination.relay = destination.routed = true;
     } else if (reply.type == DhcpType::Nak || (message.client_address == 0 && message.broadcast)) {
         destination.hardware.fill(0xff);
     } else {
         destination.address = message.client_address ? message.client_address : reply.your_address;
+        destination.routed = !pool.has_in_subnet(pool.server); /* it is behind a relay, and asks past it */
     }
     const Bytes bytes = build_dhcp_reply(message, reply);
     note_dhcp(TimelineEvent::Kind::LanDhcp, format_mac(message.hardware.data()), bytes);

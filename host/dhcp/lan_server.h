@@ -13,6 +13,7 @@
 #include "host/dhcp/forgotten_devices.h"
 #include "host/dhcp/lan_addresses.h"
 #include "host/dhcp/lan_pools.h"
+#include "host/dhcp/lan_port.h"
 #include "host/dhcp/lease_ends.h"
 #include "host/dhcp/lease_table.h"
 #include "host/dhcp/packet.h"
@@ -20,26 +21,6 @@
 #include "host/model/model.h"
 
 namespace keel {
-
-/* Where a reply goes. */
-struct DhcpDestination {
-    HardwareAddress hardware{};
-    std::uint32_t address = 0; /* host order; 255.255.255.255 for a broadcast */
-    std::uint32_t source = 0;  /* the server's */
-    bool relay = false;        /* the address is a relay's: it takes replies at the servers' port, the hardware address
-                                  is not known */
-};
-
-/* The network, real or simulated. */
-class LanPort {
-public:
-    virtual ~LanPort() = default;
-    virtual void send(const Bytes &message, const DhcpDestination &destination) = 0;
-    /* Asks all devices who has the address (RFC 5227, ARP probe). Who has it is told to the server's address_used(). */
-    virtual void probe(std::uint32_t address) = 0;
-    /* The port of the LAN behind which a device was seen; "" for one that was not, or is not there any more. */
-    virtual std::string port_of(const HardwareAddress &device) = 0;
-};
 
 /* A device belongs to the pool whose rule's "VendorClass" its vendor class (option 60) begins with, else where its
  * lease is, which is found by its identifier (option 61) and MAC address, else to the pool whose rule has no vendor
@@ -82,6 +63,7 @@ private:
     const LanRule *rule_for(const DhcpMessage &message, const std::string &id);
     const LanRule *rule_of_lease(const std::string &id, const std::string &lease);
     bool is_of(const std::string &lease, const DhcpMessage &message) const;
+    std::uint32_t leased_to(const Request &request);
 
     void discover(const Request &request);
     void request(const Request &request);

@@ -21,6 +21,15 @@ bool is_of_mapped_device(const Event &event) {
            event.steps[1] == "Zephyrin" && event.steps[0] == "Keel";
 }
 
+std::string record_in_another(const Model &model, const std::string &identity, const std::string &device) {
+    for (const std::string &other : model.instances(identities_path)) {
+        const std::string record = join_path(join_path(identities_path, other) + ".ServerLease", device);
+        if (other != identity && model.find(record))
+            return record;
+    }
+    return "";
+}
+
 MappedAddresses::MappedAddresses(Model &model) : model_(model) {
     for (const std::string &identity : model_.instances(identities_path)) {
         const std::string devices = join_path(identities_path, identity) + ".ServerLease";
@@ -49,7 +58,7 @@ void MappedAddresses::observe(const Event &event) {
         return;
     const auto address = event.values.find("IPAddress");
     if (event.kind == Event::Kind::Deleted)
-        set(event.steps[5], "");
+        set(event.steps[5], model_.text(record_in_another(model_, event.steps[3], event.steps[5]), "IPAddress"));
     else if (address != event.values.end())
         set(event.steps[5], to_text(address->second));
 }

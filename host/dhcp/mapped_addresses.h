@@ -17,6 +17,10 @@ std::string name_in_records(const std::string &device);
 /* Whether an event is one of a device's record, "Keel.Zephyrin.ClientLease.<identity>.ServerLease.<device>". */
 bool is_of_mapped_device(const Event &event);
 
+/* The record of a device (by its name there) in another identity than that; "" when there is none. A device may be in
+ * two while "MonoClient" is being changed. */
+std::string record_in_another(const Model &model, const std::string &identity, const std::string &device);
+
 /* An identity keeps its devices, with their LAN addresses, for two days after they went away, and over a restart. What
  * another device sent from such an address would leave with the WAN address of the one that is away. An index of
  * "Keel.Zephyrin.ClientLease.*.ServerLease", kept up by every write to the model. */

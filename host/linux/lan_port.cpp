@@ -83,8 +83,8 @@ void PacketLanPort::state_changed(int error) {
 void PacketLanPort::send(const Bytes &message, const DhcpDestination &destination) {
     if (!socket_.is_open())
         return;
-    if (destination.relay)
-        return send_to_relay(message, destination);
+    if (destination.routed)
+        return send_routed(message, destination);
     const auto packet = build_udp_packet({destination.source, server_port, destination.address, client_port}, message);
     if (!packet)
         trace(Level::Warning, "lan", "%s: a DHCP reply of %zu bytes is too long to be sent", interface_.c_str(),
@@ -94,11 +94,13 @@ void PacketLanPort::send(const Bytes &message, const DhcpDestination &destinatio
               std::strerror(error));
 }
 
-/* A relay has an address, so the kernel finds the way. */
-void PacketLanPort::send_to_relay(const Bytes &message, const DhcpDestination &destination) const {
-    if (const int error = port_.send(message, destination.source, destination.address))
-        trace(Level::Warning, "lan", "%s: a DHCP reply to the relay %s could not be sent: %s", interface_.c_str(),
-              format_ipv4(destination.address).c_str(), std::strerror(error));
+/* A relay has an address, and so has who is behind it and renews: the kernel finds the way. */
+void PacketLanPort::send_routed(const Bytes &message, const DhcpDestination &destination) const {
+    const std::uint16_t port = destination.relay ? server_port : client_port;
+    if (const int error = port_.send(message, destination.source, destination.address, port))
+        trace(Level::Warning, "lan", "%s: a DHCP reply to %s %s could not be sent: %s", interface_.c_str(),
+              destination.relay ? "the relay" : "the device", format_ipv4(destination.address).c_str(),
+              std::strerror(error));
 }
 
 /* Of a device that is not there the packet socket tells. */

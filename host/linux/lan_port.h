@@ -42,7 +42,7 @@ private:
     void state_changed(int error);
     void take_port();
     std::string learned_behind(const HardwareAddress &device) const;
-    void send_to_relay(const Bytes &message, const DhcpDestination &destination) const;
+    void send_routed(const Bytes &message, const DhcpDestination &destination) const;
 
     std::string interface_;
     Receiver receiver_;

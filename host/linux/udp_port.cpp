@@ -46,8 +46,8 @@ void UdpPort::close() {
     socket_ = -1;
 }
 
-int UdpPort::send(const Bytes &message, std::uint32_t from, std::uint32_t to) const {
-    sockaddr_in destination = address_of(to, port_);
+int UdpPort::send(const Bytes &message, std::uint32_t from, std::uint32_t to, std::uint16_t to_port) const {
+    sockaddr_in destination = address_of(to, to_port);
     iovec part{const_cast<std::uint8_t *>(message.data()), message.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
     msghdr whole{};

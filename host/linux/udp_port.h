@@ -23,9 +23,9 @@ public:
     /* 0, or an errno: EADDRINUSE when another program has the port. One that is open is opened anew. */
     int open(const std::string &device, std::uint16_t port);
     void close();
-    /* From that address (host order, as the other; one of this machine's) and port to the same port of another machine.
-     * 0, or an errno. */
-    int send(const Bytes &message, std::uint32_t from, std::uint32_t to) const;
+    /* From that address (host order, as the other; one of this machine's) and port to a port of another machine. 0, or
+     * an errno. */
+    int send(const Bytes &message, std::uint32_t from, std::uint32_t to, std::uint16_t to_port) const;
 
 private:
     int socket_ = -1;

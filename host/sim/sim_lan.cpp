@@ -8,7 +8,6 @@ namespace keel {
 
 namespace {
 constexpr std::uint64_t retry_ms = 3000;
-constexpr const char *server_address = "192.168.1.1";
 } // namespace
 
 void SimLan::send(const Bytes &message, const DhcpDestination &destination) {
@@ -94,7 +93,7 @@ Bytes SimDevice::message(DhcpType type, const std::string &requested, const std:
     if (!requested.empty()) {
         const Bytes bytes = network_bytes(ipv4_or_none(requested));
         packet.add_option({Tins::DHCP::DHCP_REQUESTED_ADDRESS, bytes.begin(), bytes.end()});
-        packet.server_identifier(Tins::IPv4Address(server_address));
+        packet.server_identifier(Tins::IPv4Address(server_));
     }
     const bool bare = type == DhcpType::Release || type == DhcpType::Decline; /* RFC 2131, table 5 */
     const bool tells_class = !bare && (type == DhcpType::Discover || !tells_class_once);
@@ -155,6 +154,7 @@ void SimDevice::take(const Bytes &bytes) {
         answer.options[option.option()] = Bytes(option.data_ptr(), option.data_ptr() + option.data_size());
     answers_.push_back(answer);
     if (answer.type == DhcpType::Offer && address_.empty()) {
+        server_ = packet.server_identifier().to_string();
         lan_.to_server(message(DhcpType::Request, answer.address, ""));
     } else if (answer.type == DhcpType::Ack) {
         address_ = answer.address;

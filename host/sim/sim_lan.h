@@ -92,6 +92,7 @@ private:
     SimLan &lan_;
     std::string vendor_class_;
     std::string address_;
+    std::string server_ = "192.168.1.1"; /* whose offer it took last */
     std::vector<Answer> answers_;
     Loop::TimerId timer_ = 0;
     bool running_ = false;
