@@ -188,13 +188,16 @@ std::string broken_remains(const Sight &sight) {
     return "";
 }
 
-bool is_leased(const Model &model, const SimStb &device) {
-    for (const std::string &pool : model.instances(lan_pools_path)) {
-        const std::string lease = join_path(lan_pools_path, pool) + ".Rule.1.Lease." + device.id();
-        if (model.text(lease, "IPAddress") == device.address() && model.text(lease, "MACAddress") == device.mac())
-            return true;
+std::set<std::string> routes_on(const Sight &sight) {
+    std::set<std::string> all;
+    const std::string parent = interface_path(sight.state.iptv_intf) + ".IPv4Route";
+    for (const std::string &name : sight.model.instances(parent)) {
+        const std::string route = join_path(parent, name);
+        if (name.starts_with("zep_"))
+            all.insert(sight.model.text(route, "Dst") + "/" + std::to_string(sight.model.integer(route, "DstLen")) +
+                       " via " + sight.model.text(route, "Gateway"));
     }
-    return false;
+    return all;
 }
 
 std::string broken_clean_up(const Sight &sight) {
@@ -215,6 +218,15 @@ std::string broken_clean_up(const Sight &sight) {
 
 } // namespace
 
+bool is_leased(const Model &model, const SimStb &device) {
+    for (const std::string &pool : model.instances(lan_pools_path)) {
+        const std::string lease = join_path(lan_pools_path, pool) + ".Rule.1.Lease." + device.id();
+        if (model.text(lease, "IPAddress") == device.address() && model.text(lease, "MACAddress") == device.mac())
+            return true;
+    }
+    return false;
+}
+
 bool any_in_force(const RoutedState &state) {
     const auto all = identities_of(state);
     return std::any_of(all.begin(), all.end(), in_force);
@@ -225,6 +237,15 @@ bool has_free_slot(const RoutedState &state) {
     for (const Client_lease *lease : identities_of(state))
         taken += lease->client_id_offset >= 0 && lease->client_id_offset < client_slots ? 1 : 0;
     return taken < client_slots;
+}
+
+std::map<std::string, std::string> slots_of(const RoutedState &state) {
+    std::map<std::string, std::string> all;
+    for (const Client_lease *lease : identities_of(state))
+        if (lease->client_id_offset >= 0)
+            for (const Server_lease *device : devices_of(lease))
+                all[lease->name] = device->id;
+    return all;
 }
 
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan) {
@@ -279,13 +300,35 @@ std::string broken_view(const Sight &sight, const SimStb &device, const StatusVi
 std::string broken_routes(const Sight &sight) {
     if (!sight.routed || !any_in_force(sight.state))
         return "";
-    std::size_t installed = 0;
-    for (const std::string &name : sight.model.instances(interface_path(sight.state.iptv_intf) + ".IPv4Route"))
-        installed += name.starts_with("zep_") ? 1 : 0;
+    const std::size_t installed = routes_on(sight).size();
     const std::size_t received = llist_size(&sight.state.routes);
-    return installed == received && received > 0 ? ""
-                                                 : "the operator's routes are installed: " + std::to_string(installed) +
-                                                       " of " + std::to_string(received);
+    return installed == received ? ""
+                                 : "the operator's routes are installed: " + std::to_string(installed) + " of " +
+                                       std::to_string(received);
+}
+
+std::string broken_terms(const Sight &sight, const std::string &mask, const std::map<int, std::string> &options) {
+    static const std::map<std::string, std::set<std::string>> routes{
+        {"180a3c000a140001", {"10.60.0.0/24 via 10.20.0.1"}},
+        {"180a3c000a140001100a3d0a140001", {"10.60.0.0/24 via 10.20.0.1", "10.61.0.0/16 via 10.20.0.1"}},
+        {"100a460a140001", {"10.70.0.0/16 via 10.20.0.1"}}};
+    if (!sight.routed || !any_in_force(sight.state))
+        return "";
+    for (const Client_lease *lease : identities_of(sight.state))
+        if (in_force(lease) && lease->subnet_mask != mask)
+            return "the mask that the operator leases is in force: " + std::string(lease->name) + " has " +
+                   lease->subnet_mask + ", not " + mask;
+    const std::string servers = options.at(42) + " " + options.at(72);
+    for (const char *pool : iptv_pools) {
+        const std::string told = sight.model.text(std::string(pool) + ".Option.ntp", "Value") + " " +
+                                 sight.model.text(std::string(pool) + ".Option.www", "Value");
+        if (told != servers)
+            return "the operator's servers are handed on: " + std::string(pool) + " has " + told + ", not " + servers;
+    }
+    const auto wanted = routes.find(options.at(121));
+    if (wanted != routes.end() && routes_on(sight) != wanted->second)
+        return "the operator's routes are installed: not those of " + wanted->first;
+    return "";
 }
 
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer) {
@@ -295,11 +338,17 @@ std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb
     const std::string wanted = answer.lease_s == unleased_lease_time_s
                                    ? " "
                                    : std::string(sight.state.ntp_server) + " " + sight.state.www_server;
-    for (const Client_lease *lease : identities_of(sight.state))
-        if (lease->name == (itf ? "itf" : device.id()) && in_force(lease) &&
-            wanted.find("00000000") == std::string::npos && answer.servers != wanted)
+    for (const Client_lease *lease : identities_of(sight.state)) {
+        if (lease->name != (itf ? "itf" : device.id()))
+            continue;
+        if (lease->status == LeaseStatus::Unleased && sight.restarting &&
+            (answer.lease_s != unleased_lease_time_s || answer.servers != " "))
+            return "while the operator answers nobody, an answer is short and has no servers: " + device.id() +
+                   " is told " + std::to_string(answer.lease_s) + " s, \"" + answer.servers + "\"";
+        if (in_force(lease) && wanted.find("00000000") == std::string::npos && answer.servers != wanted)
             return "an answer of the whole lease time has the operator's servers, a short one none: " + device.id() +
                    " is told \"" + answer.servers + "\", not \"" + wanted + "\"";
+    }
     return "";
 }
 

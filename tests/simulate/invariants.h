@@ -4,6 +4,7 @@
 #ifndef TESTS_SIMULATE_INVARIANTS_H
 #define TESTS_SIMULATE_INVARIANTS_H
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -38,10 +39,15 @@ std::string broken_liveness(const Sight &sight, const SimStb &device, std::uint6
 std::string broken_view(const Sight &sight, const SimStb &device, const StatusView &view);
 /* The same for the routes that the operator has sent. */
 std::string broken_routes(const Sight &sight);
+/* The same for what the operator leases, once all have renewed. */
+std::string broken_terms(const Sight &sight, const std::string &mask, const std::map<int, std::string> &options);
 /* The same for an answer that a device has just got. */
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer);
 bool any_in_force(const RoutedState &state);
 bool has_free_slot(const RoutedState &state);
+/* The identities that have a slot, each with its device's identifier. */
+std::map<std::string, std::string> slots_of(const RoutedState &state);
+bool is_leased(const Model &model, const SimStb &device);
 /* The rules that stand for one mapped device. */
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);
 

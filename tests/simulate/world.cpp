@@ -16,7 +16,6 @@ constexpr const char *pools[] = {"zep_stb", "zep_itf", "lan"};
 constexpr const char *store_file = "simulated-keel.db";
 constexpr const char *gateway_address = "10.20.0.9";
 constexpr std::uint64_t script_ms = 50;
-constexpr std::uint64_t routes_are_made_ms = 3000; /* after a lease; until then there are none */
 constexpr std::size_t gateway_column = 0;
 constexpr std::size_t operator_column = 1;
 constexpr std::size_t first_device_column = 2;
@@ -52,6 +51,22 @@ bool needs_no_slot(const SimStb &device) {
     return device.habits().vendor_class.starts_with("zep-itf");
 }
 
+bool is_stb(const SimStb &device) {
+    return device.habits().vendor_class.starts_with("zep-stb");
+}
+
+std::string lost_in_store(const std::map<std::string, std::string> &before,
+                          const std::map<std::string, std::string> &now) {
+    for (const auto &[name, value] : before)
+        if (const auto found = now.find(name); found == now.end() || found->second != value)
+            return "what was stored is there after a start: " + name + " was " + value + ", and is " +
+                   (found == now.end() ? "gone" : found->second);
+    for (const auto &[name, value] : now)
+        if (!before.contains(name))
+            return "what is there after a start was stored: " + name + " is " + value + " out of nothing";
+    return "";
+}
+
 std::vector<std::string> columns() {
     std::vector<std::string> names{"gateway", "operator"};
     for (int i = 1; i <= 13; ++i)
@@ -73,7 +88,6 @@ World::World(std::uint64_t seed, const std::string &plugin, const std::string &m
     Ground::instance().set_up();
     Ground::instance().secrets = {"reboot", "box;"};
     Ground::instance().hold = [this](std::uint64_t ms) { loop_.hold(ms); };
-    options_ = {{42, "0a140002"}, {72, "0a140003"}, {121, "180a3c000a140001"}};
     scripts_.loop = &loop_;
     segment_.on_lost = [this](const SimStb &device) { moved_by_hand_.insert(&device); };
     Chance chance(seed ^ 0x5eed);
@@ -113,14 +127,18 @@ World::Life::Life(World &world, SimLoop &loop) : model(loop) {
     model.add("Weft.Intf", "eth1.30", {{"Flags", std::string("netdev vlan")}});
     model.set("Weft.Intf.dhcp_iptv", {{"LowerLayers", std::string("eth1.20 eth1.30")}});
     store = std::make_unique<Store>(loop, model, store_file);
-    if (world.stored_ && *world.stored_ != world.stored_values(model) && world.broken_.empty())
-        world.broken_ = "what was stored is there after a start";
+    if (world.stored_ && world.broken_.empty())
+        world.broken_ = lost_in_store(*world.stored_, world.stored_values(model));
     drop_leftovers(model);
     settings = std::make_unique<Settings>(model);
     kernel = std::make_unique<SimKernel>(loop, *graph);
     interface_state = std::make_unique<InterfaceState>(loop, *graph);
     wan = std::make_unique<SimOperator>(loop, *graph);
     lan_server = std::make_unique<LanDhcpServer>(loop, model, world.segment_);
+    model.watch("DHCPv4.Server.Pool", [&world](const Event &event) {
+        if (event.kind == Event::Kind::Deleted && event.steps.size() > 2 && *(event.steps.end() - 2) == "Lease")
+            world.lease_ended_ms_[event.steps.back()] = world.loop_.now_ms();
+    });
 }
 
 void World::power_on() {
@@ -146,6 +164,8 @@ void World::power_on() {
     mono_switched_ = life_->model.boolean("Keel.Zephyrin", "MonoClient") ||
                      life_->model.find("Keel.Zephyrin.ClientLease.iptv") != nullptr;
     restarting_ = true;
+    started_ms_ = loop_.now_ms();
+    lease_ended_ms_.clear();
     const auto stored = life_->model.instances("Keel.Zephyrin.ClientLease");
     restored_ = {stored.begin(), stored.end()};
     seen_model_ = 0;
@@ -187,10 +207,11 @@ void World::power_off(bool killed) {
         disk_.come_back();
 }
 
-/* If the host is killed now, or stops. A file that was deleted is there again after the next write that there is room
- * for, and an orderly stop is one. */
+/* If the host is killed now, or stops. An orderly stop deletes the identities, for which there must be room, and has a
+ * file that was deleted made anew. */
 bool World::is_all_stored(bool killed) const {
-    return life_->model.text("KeelHost", "StoreError").empty() && (disk_.holds(store_file) || !(killed || disk_.full));
+    return life_->model.text("KeelHost", "StoreError").empty() &&
+           (killed ? disk_.holds(store_file) : !disk_.full && disk_.failing_write == 0);
 }
 
 void World::set(const std::string &path, const Values &values) {
@@ -207,7 +228,10 @@ void World::set_present(const SimStb &device, bool present) {
     if (life_->model.find(path))
         life_->model.set(path, {{"Active", present}});
     else if (present)
-        life_->model.add("Hosts.Host", device.mac(), {{"MACAddress", device.mac()}, {"Active", true}});
+        life_->model.add("Hosts.Host", device.mac(),
+                         {{"MACAddress", device.mac()},
+                          {"Active", true},
+                          {"Tags", std::string(is_stb(device) ? "lan stb" : "lan")}});
 }
 
 void World::tell_operator() {
@@ -240,11 +264,21 @@ void World::tell_operator() {
 
 /* ------------------------------------------------------------------------------------------------ looking on */
 
-/* What must outlast the host: settings and leases. */
+/* What must outlast the host: settings, identities and leases. */
 std::map<std::string, std::string> World::stored_values(const Model &model) {
     std::map<std::string, std::string> all;
     for (const char *parameter : {"Enable", "Mode", "Interface", "MonoClient"})
         all[parameter] = model.text("Keel.Zephyrin", parameter);
+    const std::string identities = "Keel.Zephyrin.ClientLease";
+    for (const std::string &name : model.instances(identities)) {
+        const std::string identity = join_path(identities, name);
+        for (const char *parameter : {"ClientIDOffset", "DHCPCStatus", "IPAddress", "SubnetMask"})
+            all[identity + "." + parameter] = model.text(identity, parameter);
+        for (const std::string &device : model.instances(identity + ".ServerLease"))
+            for (const char *parameter : {"Id", "DeviceType", "IPAddress", "MACAddress"})
+                all[identity + "." + device + "." + parameter] =
+                    model.text(identity + ".ServerLease." + device, parameter);
+    }
     for (const char *pool : pools) {
         const std::string parent = std::string("DHCPv4.Server.Pool.") + pool + ".Rule.1.Lease";
         for (const std::string &name : model.instances(parent))
@@ -318,8 +352,13 @@ void World::look_at_answer(std::size_t place, const SimStb::Answer &answer) {
         moved_by_hand_.erase(&asker);
         heard_ms_.erase(&asker);
     }
-    if (answer.type == DhcpType::Nak)
+    if (answer.type == DhcpType::Ack)
+        set("Hosts.Host." + asker.mac(), {{"IPAddress", answer.address}});
+    if (answer.type == DhcpType::Nak) {
+        if (life_ && !asker.address().empty() && is_leased(life_->model, asker))
+            broken_ = "nobody is refused the address that is leased to it: " + asker.id();
         return;
+    }
     if (loaded_ && !Ground::instance().allocation_failed)
         if (std::string broken = broken_answer(sight(), asker, answer); !broken.empty())
             broken_ = std::move(broken);
@@ -352,60 +391,6 @@ std::vector<std::string> World::leases() const {
             all.push_back(join_path(parent, name));
     }
     return all;
-}
-
-/* ------------------------------------------------------------------------------------------------ the calm */
-
-void World::make_well() {
-    online_ = true;
-    answer_ms_ = 10;
-    tell_operator();
-    disk_.full = false;
-    disk_.failing_write = 0;
-    segment_.dead = false;
-    Ground::instance().failing_command = 0;
-    Ground::instance().hanging_command = 0;
-    Ground::instance().failing_allocation = 0;
-    life_->kernel->lose_events(0);
-    lines_ = {{"eth1.20", true}, {"eth1.30", false}};
-    for (const auto &[line, up] : lines_)
-        life_->kernel->set_link(line, up);
-}
-
-/* It is there, and knows what the server knows: what somebody has moved by hand it learns of later. */
-bool World::is_settled(const SimStb &device) const {
-    return device.is_on() && device.is_plugged() && !moved_by_hand_.contains(&device);
-}
-
-void World::calm(bool by_people) {
-    constexpr std::uint64_t minute_ms = 60000;
-    make_well();
-    if (by_people || stored_by_hand_ || mono_switched_ || Ground::instance().rules_lost() ||
-        Ground::instance().allocation_failed) {
-        set("Keel.Zephyrin", {{"Enable", false}});
-        loop_.advance(2000);
-        stored_by_hand_ = false;
-        mono_switched_ = false;
-        Ground::instance().allocation_failed = false;
-    }
-    set("Keel.Zephyrin", {{"MonoClient", false}});
-    set("Keel.Zephyrin", {{"Mode", std::string("Routed")}, {"Interface", std::string("Dedicated")}, {"Enable", true}});
-    loop_.advance(80 * minute_ms);
-    while (loop_.now_ms() < leased_ms_ + routes_are_made_ms)
-        loop_.advance(leased_ms_ + routes_are_made_ms - loop_.now_ms());
-    for (const auto &device : devices_)
-        if (is_settled(*device))
-            if (const std::string broken = broken_liveness(sight(), *device, heard_for_ms(*device)); !broken.empty())
-                throw Violation(broken);
-    life_->model.set("TIDE.Intf.iptv", {{"Status", std::string("Running")}}); /* there is no daemon here */
-    const StatusView view = status_view(life_->model);
-    for (const auto &device : devices_)
-        if (const std::string broken = broken_view(sight(), *device, view); !broken.empty() && is_settled(*device))
-            throw Violation(broken);
-    if (const std::string broken = broken_routes(sight()); !broken.empty())
-        throw Violation(broken);
-    if (const std::string error = life_->model.text("KeelHost", "StoreError"); !error.empty())
-        throw Violation("a disk that can be written is written: " + error);
 }
 
 void World::run(const Plan &plan) {

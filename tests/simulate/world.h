@@ -93,6 +93,9 @@ private:
     void make_well();
     bool is_settled(const SimStb &device) const;
     void calm(bool by_people);
+    static const std::map<int, std::string> &sound_options();
+    void renew_all();
+    void look_at_ends();
     void tell_operator();
     bool is_held_with_another_mask(const std::string &address) const;
     std::vector<std::string> clients() const;
@@ -120,16 +123,18 @@ private:
     std::uint64_t answer_ms_ = 10;
     std::uint64_t lease_s_ = 86400;
     std::string mask_ = "255.255.255.0";
-    std::map<int, std::string> options_;
+    std::map<int, std::string> options_ = sound_options();
     std::map<std::string, std::string> address_book_;
     unsigned next_address_ = 0;
     std::uint64_t leased_ms_ = 0; /* the latest one */
-    std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}};
+    std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}, {"eth1.10", true}};
 
     std::uint64_t clock_set_ms_ = 0;
     bool stored_by_hand_ = false;
     bool mono_switched_ = false;
     std::set<std::string> restored_;
+    std::map<std::string, std::uint64_t> lease_ended_ms_; /* of a device's identifier, in this life of the gateway */
+    std::uint64_t started_ms_ = 0;
     bool restarting_ = false;                                  /* no identity has been in force since the start */
     std::set<std::string> handed_on_;                          /* addresses of one WAN client to another */
     std::optional<std::map<std::string, std::string>> stored_; /* at the latest stop */
