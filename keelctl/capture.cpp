@@ -265,6 +265,7 @@ void capture(Client &client, const std::string &stb, unsigned seconds, const std
     std::fprintf(stderr, "capturing %s on %s and %s; Ctrl-C ends it\n", subject.name.c_str(),
                  subject.lan_device.c_str(), subject.wan_device.c_str());
 
+    client.set_patience(std::chrono::seconds(1)); /* meanwhile no packets are taken */
     const auto start = Clock::now();
     auto looked = start;
     const auto learn = [&] {

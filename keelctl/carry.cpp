@@ -1,6 +1,7 @@
 #include "keelctl/carry.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -15,6 +16,8 @@ namespace {
 
 constexpr std::size_t longest_file = std::size_t{1}
                                      << 19; /* bytes: what the host takes at once, and more than any box has */
+
+constexpr std::chrono::seconds import_patience{120}; /* a whole box is written */
 
 std::string read_whole(std::istream &in) {
     return {std::istreambuf_iterator<char>(in), {}};
@@ -47,6 +50,7 @@ std::vector<std::string> import_from(Client &client, const std::string &file) {
     }
     if (text.size() > longest_file)
         throw Refused(file + " is larger than 512 KiB: it is no file of keelctl export");
+    client.set_patience(import_patience);
     client.send({{"op", "import"}, {"text", text}});
     const auto answer = client.next();
     if (!answer)

@@ -9,7 +9,20 @@
 #include <cstring>
 #include <utility>
 
+#include "keelctl/interruption.h"
+
 namespace keelctl {
+
+namespace {
+
+constexpr const char *closed = "the host closed the connection";
+
+} // namespace
+
+std::string Client::no_answer() const {
+    return "the host has not answered for " + std::to_string(patience_.count()) +
+           " s: it hangs, or waits for a command of its own";
+}
 
 void Client::connect() {
     if (socket_ >= 0)
@@ -17,14 +30,27 @@ void Client::connect() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     name_.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fresh = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fresh < 0 || ::connect(fresh, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0) {
-        const std::string reason = std::strerror(errno);
-        if (fresh >= 0)
-            close(fresh);
-        throw Unreachable(name_ + ": " + reason + "; is keelhost running, and is this its socket (--socket)?");
-    }
-    socket_ = fresh;
+    socket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (socket_ < 0)
+        lost(std::strerror(errno));
+    apply_patience();
+    if (::connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0)
+        return;
+    if (errno == EAGAIN) /* it takes no connections, so that they have come to stand in a queue */
+        lost(no_answer());
+    lost(std::strerror(errno) + std::string("; is keelhost running, and is this its socket (--socket)?"));
+}
+
+void Client::apply_patience() const {
+    const timeval patience{patience_.count(), 0};
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+}
+
+void Client::set_patience(std::chrono::seconds patience) {
+    patience_ = patience;
+    if (socket_ >= 0)
+        apply_patience();
 }
 
 Client::~Client() {
@@ -32,10 +58,11 @@ Client::~Client() {
         close(socket_);
 }
 
-void Client::lost() {
-    close(std::exchange(socket_, -1));
+void Client::lost(const std::string &reason) {
+    if (socket_ >= 0)
+        close(std::exchange(socket_, -1));
     input_.clear();
-    throw Unreachable(name_ + ": the host closed the connection");
+    throw Unreachable(name_ + ": " + reason);
 }
 
 int Client::host_process() {
@@ -51,15 +78,23 @@ void Client::send(const Json &message) {
     std::size_t sent = 0;
     while (sent < line.size()) {
         const ssize_t count = ::send(socket_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR && !Interruption::wanted())
             continue;
         if (count <= 0)
-            lost();
+            lost(count < 0 && errno == EAGAIN ? no_answer() : closed);
         sent += static_cast<std::size_t>(count);
     }
 }
 
 std::optional<Json> Client::next() {
+    return next_line(false);
+}
+
+std::optional<Json> Client::next_event() {
+    return next_line(true);
+}
+
+std::optional<Json> Client::next_line(bool whenever) {
     for (;;) {
         const auto end = input_.find('\n');
         if (end != std::string::npos) {
@@ -69,8 +104,12 @@ std::optional<Json> Client::next() {
         }
         char buffer[65536];
         const ssize_t count = recv(socket_, buffer, sizeof buffer, 0);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR && !Interruption::wanted())
             continue;
+        if (count < 0 && errno == EAGAIN && whenever)
+            continue;
+        if (count < 0 && errno == EAGAIN)
+            lost(no_answer());
         if (count <= 0)
             return std::nullopt;
         input_.append(buffer, static_cast<std::size_t>(count));
@@ -81,7 +120,7 @@ Json Client::ask(const Json &message) {
     send(message);
     const auto answer = next();
     if (!answer)
-        lost();
+        lost(closed);
     if (!answer->value("ok", false)) {
         const std::string path = answer->value("path", "");
         throw Refused((path.empty() ? "" : path + ": ") + answer->value("error", "refused"));

@@ -40,8 +40,11 @@ bool is_let_in(const Device &device, Walk &walk) {
          "plug it into the gateway directly: a repeater sends in its own name, or somebody makes up MAC addresses"},
         {"too many new devices", "too_many_devices",
          "look what is plugged in at that port; it is let in after a minute"},
+        {"its client identifier is that of", "identifier_in_use",
+         "have it send another client identifier (option 61), or none: two devices with the same one are one to "
+         "everybody"},
         {"no address is free", "no_free_address",
-         "make the range of its rule larger: MinAddress and MaxAddress below DHCPv4.Server.Pool"}};
+         "make the range of its kind larger: first and last in keelhost.toml, then reload the service"}};
     for (const Reason &one : reasons)
         if (device.pool.empty() && device.because.starts_with(one.because))
             return walk.broken("class", one.cause, "gets no address", device.waits_since, device.because, one.remedy);
@@ -66,8 +69,9 @@ bool has_pool(Gateway &gateway, const Device &device, Walk &walk) {
                        (device.vendor_class.empty() ? "it asked without a class" : "it asked with class " + told) +
                            "; rules know " + (known.empty() ? "none" : known) +
                            (device.address.empty() ? "" : "; it got a PC's address, " + device.address),
-                       "have it ask with a class that begins so (option 60), or give a rule its class: keelctl set "
-                       "DHCPv4.Server.Pool.zep_stb.Rule.1 VendorClass=...; then restart it");
+                       "have it ask with a class that begins so (option 60), or let vendor-class of [stb] in "
+                       "keelhost.toml be what the classes of all STBs begin with, and reload the service; then restart "
+                       "the STB");
 }
 
 /* ------------------------------------------------------------------------------------------------- routed mode */
@@ -81,23 +85,31 @@ std::string names_of(const Gateway &gateway, const Json &identity) {
     return names.empty() ? text(identity, "Name") : names;
 }
 
-/* When an identity goes: two days after the last lease of its devices. 0 while one of them is there. */
-std::int64_t goes_at(const Gateway &gateway, const Json &identity) {
+/* When an identity goes by itself: two days after the last lease of its devices has ended, and at once where it has the
+ * last slot. */
+struct Going {
+    std::int64_t at = 0;        /* at the latest; 0 while one of its devices is there */
+    bool lease_is_over = false; /* it was over at a time that is not known: the identity may go earlier */
+};
+
+Going going_of(const Gateway &gateway, const Json &identity) {
     constexpr std::int64_t kept_s = 172800; /* 48 h */
-    std::int64_t last = 0;
+    Going going{gateway.now, true};
     for (const Json &stored : children(identity, {"ServerLease"})) {
         const Device *device = gateway.device(text(stored, "Id"));
         if (device && device->is_there())
-            return 0;
-        last = std::max(last, device && device->expires ? device->expires : gateway.now);
+            return {};
+        if (device && device->expires > going.at)
+            going = {device->expires, false};
     }
-    return last + kept_s;
+    going.at += number(identity, "ClientIDOffset") == 3 ? 0 : kept_s;
+    return going;
 }
 
 bool all_slots_taken(Gateway &gateway, const Device &device, Walk &walk) {
     std::string names;
     std::string first_name;
-    std::int64_t first = 0;
+    Going first;
     int taken = 0;
     for (const Json &identity : children(gateway.service, {"ClientLease"})) {
         const std::int64_t slot = number(identity, "ClientIDOffset");
@@ -105,22 +117,24 @@ bool all_slots_taken(Gateway &gateway, const Device &device, Walk &walk) {
             continue;
         ++taken;
         names += (names.empty() ? "" : ", ") + names_of(gateway, identity);
-        const std::int64_t end = goes_at(gateway, identity);
-        if (end != 0 && (first == 0 || end < first)) {
-            first = end;
+        const Going going = going_of(gateway, identity);
+        if (going.at != 0 && (first.at == 0 || going.at < first.at)) {
+            first = going;
             first_name = names_of(gateway, identity);
         }
     }
     if (taken < 4)
         return false;
     walk.evidence("identities", taken);
-    walk.evidence("first_free_at", first);
+    walk.evidence("first_free_at", first.at);
     walk.broken("identity", "slots_taken", "finds all four identities taken", device.waits_since,
                 "4 of 4 identities are in use by " + names +
-                    (first == 0
+                    (first.at == 0
                          ? "; all of them are there"
-                         : "; the one longest absent, " + first_name + ", goes in " + duration(first - gateway.now)),
-                "four STBs are served at a time: it is served once one of them has been away for 48 h after its lease");
+                         : "; the first to go is " + first_name + (first.lease_is_over ? ", within " : ", in ") +
+                               duration(first.at - gateway.now)),
+                "four STBs are served at a time: a slot is free 48 h after the lease of its STB has ended, slot 3 at "
+                "once");
     return true;
 }
 

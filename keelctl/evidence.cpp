@@ -106,12 +106,15 @@ public:
     Evidence(Client &client, std::string folder) : client_(client), folder_(std::move(folder)) {}
 
     void gather() {
-        add("status.txt", [this] { return print_status(gather_status(client_), false); });
-        add("status.json", [this] { return gather_status(client_).dump(2) + "\n"; });
-        add("why.txt", [this] { return why(); });
-        add("model.txt", [this] { return tree_text(client_.tree(""), ""); });
-        add("traces.txt", [this] { return traces(); });
-        add("timeline.html", [this] { return draw_page(gather_story(client_, 0)); });
+        add_told("status.txt", [this] {
+            client_.look(); /* first: all that follows is of this moment */
+            return print_status(gather_status(client_), false);
+        });
+        add_told("status.json", [this] { return gather_status(client_).dump(2) + "\n"; });
+        add_told("why.txt", [this] { return why(); });
+        add_told("model.txt", [this] { return tree_text(client_.tree(""), ""); });
+        add_told("traces.txt", [this] { return traces(); });
+        add_told("timeline.html", [this] { return draw_page(gather_story(client_, 0)); });
         add_daemon();
         for (const Look &look : looks)
             add(look.name, [&look] { return output_of(look.command); });
@@ -144,8 +147,13 @@ private:
         texts_.push_back({folder_ + "/" + name, made});
     }
 
+    /* What the host tells; once it does not answer, it is not waited for again. */
+    void add_told(const std::string &name, const std::function<std::string()> &make) {
+        add(
+            name, reached_ ? make : [] { return std::string("[cannot be had: the host does not answer]\n"); });
+    }
+
     std::string why() {
-        client_.look();
         Gateway gateway(client_, Gateway::Devices::All);
         std::string told;
         for (const Device &device : gateway.devices)

@@ -131,8 +131,17 @@ void Gateway::take_host(const Json &host) {
         text(host, "MACAddress").empty() ? host["name"].get<std::string>() : text(host, "MACAddress");
     if (mac.empty() || host["parameters"].empty())
         return;
-    auto found = std::find_if(devices.begin(), devices.end(),
-                              [&](const Device &one) { return !one.mac.empty() && same_letters(one.mac, mac); });
+    /* A device may have two leases, of its boot loader's identifier and of its system's: it is where it was seen last,
+     * by the address that it has, or by the lease that is longest good. */
+    const std::string seen_at = text(host, "IPAddress");
+    const auto nearness = [&](const Device &one) {
+        return std::pair(!seen_at.empty() && one.address == seen_at, one.expires);
+    };
+    auto found = devices.end();
+    for (auto one = devices.begin(); one != devices.end(); ++one)
+        if (!one->mac.empty() && same_letters(one->mac, mac) &&
+            (found == devices.end() || nearness(*one) > nearness(*found)))
+            found = one;
     if (found == devices.end()) {
         devices.emplace_back();
         found = std::prev(devices.end());
@@ -143,7 +152,7 @@ void Gateway::take_host(const Json &host) {
     found->tagged = has_word(text(host, "Tags"), "stb");
     take_if_told(found->port, text(host, "Port"));
     if (found->address.empty() || simplified()) /* there the rules are for the address at which it was seen */
-        found->address = text(host, "IPAddress");
+        found->address = seen_at;
 }
 
 bool Gateway::is_stb(const Device &one) const {
@@ -183,6 +192,14 @@ std::vector<const Device *> Gateway::named(const std::string &name) const {
         if (same_letters(one.mac, name) || same_letters(one.id, name) || one.address == name ||
             same_letters(one.name(), name))
             found.push_back(&one);
+    /* What a device that is there has left over under another identifier is not what is asked for. */
+    const auto left_over = [&](const Device *one) {
+        return !one->is_there() && !same_letters(one->id, name) &&
+               std::any_of(found.begin(), found.end(), [&](const Device *other) {
+                   return other->is_there() && same_letters(other->mac, one->mac);
+               });
+    };
+    found.erase(std::remove_if(found.begin(), found.end(), left_over), found.end());
     return found;
 }
 

@@ -170,7 +170,7 @@ int del(Client &client, const Options &options) {
 
 int watch(Client &client, const Options &options) {
     client.ask({{"op", "watch"}, {"path", options.path}});
-    while (const auto event = client.next()) {
+    while (const auto event = client.next_event()) {
         if (options.script) {
             print_json(*event);
             continue;
@@ -186,7 +186,7 @@ int watch(Client &client, const Options &options) {
 
 int trace(Client &client, const Options &options) {
     client.send({{"op", "trace"}, {"lines", options.lines}, {"follow", options.follow}});
-    while (const auto line = client.next()) {
+    while (const auto line = options.follow ? client.next_event() : client.next()) {
         if (line->contains("ok")) {
             if (!options.follow)
                 return done;
@@ -228,8 +228,9 @@ int draw(Client &client, const Options &options) {
     const std::int64_t now_ms = std::int64_t{std::time(nullptr)} * 1000;
     const std::int64_t since_ms = options.since.empty() ? 0 : time_since(options.since, now_ms);
     if (options.script && options.file.empty()) {
-        for (const Json &event : timeline_events(client, since_ms))
-            print_json(event);
+        for (const Json &event : timeline_events(client))
+            if (event["time_ms"] >= since_ms)
+                print_json(event);
         return done;
     }
     const std::string file = options.file.empty() ? timed_name("timeline", ".html") : options.file;

@@ -11,12 +11,12 @@ namespace keelctl {
 namespace {
 
 /* "released" once the server has answered with it; "stop-gap" is a short one while the operator does not answer. */
-const char *lease_word(const Device &device, const Json *identity) {
+const char *lease_word(Gateway &gateway, const Device &device, const Json *identity) {
     if (device.pool.empty())
         return "none";
     if (device.held)
         return "held";
-    return identity && text(*identity, "DHCPCStatus") == "Unleased" ? "stop-gap" : "released";
+    return identity && WanClient(gateway, *identity).status == "Unleased" ? "stop-gap" : "released";
 }
 
 /* Held: its request is kept until something is decided. Waiting: it has not even a lease that could be held. */
@@ -65,7 +65,7 @@ void add_groups(const Gateway &gateway, const Device &device, Json &stb) {
 
 Json stb_of(Gateway &gateway, const Device &device) {
     const Json *identity = gateway.identity_of(device);
-    const std::string lease = lease_word(device, identity);
+    const std::string lease = lease_word(gateway, device, identity);
     Json stb{{"name", device.name()}, {"mac", device.mac},
              {"id", device.id},       {"class", device.vendor_class},
              {"port", device.port},   {"address", device.address},

@@ -10,6 +10,7 @@
 #include "keelctl/diagnosis.h"
 #include "keelctl/gateway.h"
 #include "keelctl/stbs.h"
+#include "keelctl/wan_client.h"
 
 namespace keelctl {
 
@@ -25,8 +26,14 @@ bool concerns(const Gateway &gateway, const Device &device) {
     return gateway.is_stb(device) || gateway.looks_like_stb(device);
 }
 
+/* Of a device of which the host has told no change. */
 std::string state_now(Gateway &gateway, const Device &device) {
-    return device.held ? "held" : device.is_there() && diagnose(gateway, device).served() ? "served" : "dark";
+    if (device.held)
+        return "held";
+    const Json *identity = gateway.identity_of(device);
+    if (identity && WanClient(gateway, *identity).status == "Unleased")
+        return "stop-gap";
+    return device.is_there() && diagnose(gateway, device).served() ? "served" : "dark";
 }
 
 /* An identity that is gone by now bore the name of its first device. */
@@ -44,15 +51,21 @@ void name_clients(Gateway &gateway, TimelineStory &story) {
     }
 }
 
-/* Each change tells what was before it, so that also what began before the first event is known. */
-Strip strip_of(Gateway &gateway, const Device &device, const TimelineStory &story) {
+/* Each change tells what was before it, so that also what began before the first event is known; and what began before
+ * the time that is drawn is known by the last change before that. */
+Strip strip_of(Gateway &gateway, const Device &device, const TimelineStory &story, const std::vector<Json> &events) {
     Strip strip{device.name(), {}};
-    for (const Moment &moment : story.moments) {
-        if (moment.kind != "state" || moment.who != device.mac)
+    for (const Json &event : events) {
+        if (event["kind"] != "state" || event["who"] != device.mac)
             continue;
+        const std::int64_t time_ms = event["time_ms"];
+        if (time_ms < story.from_ms) {
+            strip.parts = {{story.from_ms, event["what"]}};
+            continue;
+        }
         if (strip.parts.empty())
-            strip.parts.push_back({story.from_ms, moment.text});
-        strip.parts.push_back({moment.time_ms, moment.what});
+            strip.parts.push_back({story.from_ms, event["text"]});
+        strip.parts.push_back({time_ms, event["what"]});
     }
     if (strip.parts.empty())
         strip.parts.push_back({story.from_ms, state_now(gateway, device)});
@@ -66,18 +79,22 @@ std::optional<int> number_in(std::string_view text) {
                                                                                    : std::nullopt;
 }
 
-void add_rate(TimelineStory &story, const Json &event) {
+/* A rate from before the time that is drawn holds at its beginning. */
+void add_rate(TimelineStory &story, const Json &event, std::int64_t since_ms) {
     const std::string group = event["who"];
     auto found = std::find_if(story.streams.begin(), story.streams.end(),
                               [&](const StreamStrip &one) { return one.group == group; });
     if (found == story.streams.end())
         found = story.streams.insert(found, {group, {}});
-    found->parts.push_back({event["time_ms"], number_in(event["what"].get<std::string>()).value_or(0)});
+    const std::int64_t time_ms = event["time_ms"];
+    if (time_ms <= since_ms)
+        found->parts.clear();
+    found->parts.push_back({std::max(time_ms, since_ms), number_in(event["what"].get<std::string>()).value_or(0)});
 }
 
 } // namespace
 
-std::vector<Json> timeline_events(Client &client, std::int64_t since_ms) {
+std::vector<Json> timeline_events(Client &client) {
     std::vector<Json> events;
     client.send({{"op", "timeline"}});
     for (;;) {
@@ -89,14 +106,13 @@ std::vector<Json> timeline_events(Client &client, std::int64_t since_ms) {
                 throw Refused(line->value("error", "refused"));
             return events;
         }
-        if (line->value("time_ms", std::int64_t{0}) >= since_ms)
-            events.push_back(*line);
+        events.push_back(*line);
     }
 }
 
 TimelineStory gather_story(Client &client, std::int64_t since_ms) {
     TimelineStory story;
-    const std::vector<Json> events = timeline_events(client, since_ms);
+    const std::vector<Json> events = timeline_events(client);
     client.look();
     Gateway gateway(client, Gateway::Devices::All);
     story.headline = headline(stbs_of(gateway));
@@ -113,14 +129,14 @@ TimelineStory gather_story(Client &client, std::int64_t since_ms) {
             others.erase(event["who"].get<std::string>());
     for (const Json &event : events)
         if (event["kind"] == "stream")
-            add_rate(story, event);
-        else if (!others.contains(event["who"].get<std::string>()))
+            add_rate(story, event, since_ms);
+        else if (event["time_ms"] >= since_ms && !others.contains(event["who"].get<std::string>()))
             story.moments.push_back({event["time_ms"], event["kind"], event["who"], event["what"], event["text"],
                                      event.value("options", "")});
     story.from_ms = since_ms ? since_ms : story.moments.empty() ? story.to_ms : story.moments.front().time_ms;
     for (const Device &device : gateway.devices)
         if (!device.mac.empty() && !others.contains(device.mac))
-            story.strips.push_back(strip_of(gateway, device, story));
+            story.strips.push_back(strip_of(gateway, device, story, events));
     return story;
 }
 

@@ -58,9 +58,9 @@ struct TimelineStory {
     }
 };
 
-/* The events as the host has them; from that time on. */
-std::vector<Json> timeline_events(Client &client, std::int64_t since_ms);
-/* The same with names, and with how each STB was served; the DHCP of what is no STB is left out. */
+/* The events as the host has them. */
+std::vector<Json> timeline_events(Client &client);
+/* Those from a time on with names, and with how each STB was served; the DHCP of what is no STB is left out. */
 TimelineStory gather_story(Client &client, std::int64_t since_ms);
 
 /* When "10m" (or s, h, d) ago was, "10:31" or "10:31:07" today, in milliseconds since 1970. Throws Refused for any

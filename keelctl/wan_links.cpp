@@ -1,6 +1,7 @@
 #include "keelctl/wan_links.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "host/base/text_forms.h"
@@ -110,12 +111,32 @@ std::vector<Subnet> subnets_of(const Json &interface) {
     return found;
 }
 
+bool routes_are_leased(Gateway &gateway) {
+    const auto identities = children(gateway.service, {"ClientLease"});
+    return std::any_of(identities.begin(), identities.end(), [&](const Json &identity) {
+        const WanClient client(gateway, identity);
+        return client.is_bound() && !text(descend(client.wan, {"ReqOption", "121"}), "Value").empty();
+    });
+}
+
 /* -------------------------------------------------------------------------------------------------- multicast */
+
+/* Groups for control and discovery (RFC 5771, sections 4 and 5; RFC 2365, section 9: 239.255.255.250 is what most
+ * devices look for each other with), which no operator fills with a picture. */
+bool may_be_picture(const std::string &group) {
+    static constexpr keel::Network others[] = {
+        {0xe0000000, 24} /* 224.0.0.0 */, {0xe0000100, 24} /* 224.0.1.0 */, {0xefffff00, 24} /* 239.255.255.0 */};
+    const std::uint32_t address = keel::ipv4_or_none(group);
+    return std::none_of(std::begin(others), std::end(others), [&](const keel::Network &network) {
+        return (address & keel::mask_of(network.prefix)) == network.address;
+    });
+}
 
 std::string groups_on(const Json &groups, const std::string &port, const char *state) {
     std::string named;
     for (const Json &group : groups["children"])
-        if (text(group, "Port") == port && (!state || text(group, "State") == state))
+        if (text(group, "Port") == port && (!state || text(group, "State") == state) &&
+            may_be_picture(text(group, "Address")))
             named += (named.empty() ? "" : ", ") + text(group, "Address");
     return named;
 }
@@ -181,10 +202,13 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
                     "every minute");
 }
 
-/* The operator's routes are made again and again while the kernel refuses them: so what counts is what it has sent. */
+/* The operator's routes are made again and again while the kernel refuses them: so what counts is what it has sent.
+ * What is stored of it may be older than the leases: it outlives them until another set comes. */
 bool has_routes(Gateway &gateway, Walk &walk) {
     const Json &interface = gateway.interfaces[gateway.interfaces.device_below("iptv", true)];
     const auto made = children(interface, {"IPv4Route"});
+    if (made.empty() && !routes_are_leased(gateway))
+        return walk.ok("routes", "none: the operator sends no option 121");
     std::string in_force;
     for (const Json &sent : children(gateway.service, {"ClasslessStaticRoute"})) {
         const std::string told =
@@ -211,7 +235,7 @@ bool has_routes(Gateway &gateway, Walk &walk) {
                                "; the operator's option 121 is wrong",
                            "tell the operator; the next lease with a good option 121 mends it");
     }
-    return walk.ok("routes", in_force.empty() ? "none: the operator sent no option 121" : in_force);
+    return walk.ok("routes", in_force.empty() ? "none: the operator sends no option 121" : in_force);
 }
 
 bool has_multicast(Gateway &gateway, const Device &device, Walk &walk) {

@@ -253,7 +253,8 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
               in(59) + " Since=" + ago(3)},
          {"broken rules     the SNAT rule for 192.168.1.20 is not in POSTROUTING_zep; keelhost puts it back in 5"}},
         {{"del Firewall.Missing.1",
-          "add Keel.Zephyrin.ClasslessStaticRoute 1 Destination=10.60.0.0 PrefixLength=24 Router=192.0.2.1"},
+          "add Keel.Zephyrin.ClasslessStaticRoute 1 Destination=10.60.0.0 PrefixLength=24 Router=192.0.2.1",
+          "add Weft.Intf.dhcp_zep_0101.ReqOption 121 Value=180a3c00c0000201"},
          {"broken routes    10.60.0.0/24 via 192.0.2.1: the next hop is not on 10.20.0.0/24; the operator's option 121 "
           "is wrong"}},
         {{"set Keel.Zephyrin.ClasslessStaticRoute.1 Router=10.20.0.1",
@@ -279,7 +280,11 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
         }
     }
     EXPECT_TRUE(type("set Keel.Zephyrin Enable=true").ends_with("[0]"));
-    EXPECT_TRUE(type("set TIDE.Group.1 State=Forwarded").ends_with("[0]"));
+    /* Groups in which devices look for each other, and routes of a lease that is long gone, make no STB dark. */
+    for (const char *line :
+         {"set TIDE.Group.1 State=Forwarded", "add TIDE.Group 2 Address=239.255.255.250 Port=lan1 State=NoStream",
+          "del Weft.Intf.dhcp_zep_0101.ReqOption.121", "del Weft.Intf.eth1.20.IPv4Route.zep_0"})
+        EXPECT_TRUE(type(line).ends_with("[0]")) << line;
     EXPECT_NE(type("why 02:00:00:00:00:01").find("is served\n  ok     service"), std::string::npos);
     EXPECT_EQ(type("why"), "all STBs on the LAN are served\n[0]");
     EXPECT_NE(type("").find("\n  1 of 1 STB served\n"), std::string::npos);
@@ -292,14 +297,14 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
 
 TEST_F(ControlTest, WhyTellsWhoTakesTheSlotsAndWhoHasAStrangeClass) {
     const std::string leases = "DHCPv4.Server.Pool.zep_stb.Rule.1.Lease";
-    const std::string in_the_past = std::to_string(std::time(nullptr) - 61200);
+    const std::string in_an_hour = std::to_string(std::time(nullptr) + 3660);
     for (const char number : std::string("12345")) {
         const std::string id = std::string("010") + number;
         const std::string mac = std::string("02:00:00:00:00:0") + number;
         for (const std::string &line :
              {"add " + leases + " " + id + " ClientID=" + id + " IPAddress=192.168.1.2" + number + " HostName=stb" +
                   number,
-              "set " + leases + "." + id + " VendorClass=zep-stb MACAddress=" + mac + " Expires=" + in_the_past,
+              "set " + leases + "." + id + " VendorClass=zep-stb MACAddress=" + mac + " Expires=" + in_an_hour,
               "add Hosts.Host " + mac + " MACAddress=" + mac + " Active=" + (number == '3' ? "false" : "true"),
               "add Keel.Zephyrin.ClientLease " + id + " Name=" + id +
                   " DHCPCStatus=Connected ClientIDOffset=" + static_cast<char>(number - 1),
@@ -309,10 +314,16 @@ TEST_F(ControlTest, WhyTellsWhoTakesTheSlotsAndWhoHasAStrangeClass) {
             }
     }
     const std::string told = type("why stb5");
-    EXPECT_NE(
-        told.find("4 of 4 identities are in use by stb1, stb2, stb3, stb4; the one longest absent, stb3, goes in 3"),
-        std::string::npos)
+    EXPECT_NE(told.find("4 of 4 identities are in use by stb1, stb2, stb3, stb4; the first to go is stb3, in 49 h"),
+              std::string::npos)
         << told;
+    EXPECT_TRUE(type("set " + leases + ".0103 Expires=1700000000").ends_with("[0]"));
+    EXPECT_NE(type("why stb5").find("the first to go is stb3, within 48 h"), std::string::npos)
+        << "since when, who knows";
+    EXPECT_TRUE(type("set Keel.Zephyrin.ClientLease.0103 ClientIDOffset=3").ends_with("[0]"));
+    EXPECT_TRUE(type("set Keel.Zephyrin.ClientLease.0104 ClientIDOffset=2").ends_with("[0]"));
+    EXPECT_TRUE(type("set " + leases + ".0103 Expires=" + in_an_hour).ends_with("[0]"));
+    EXPECT_NE(type("why stb5").find("the first to go is stb3, in 6"), std::string::npos) << type("why stb5");
     const std::string json = type("-S why stb5");
     EXPECT_NE(json.find("\"cause\":\"slots_taken\",\"since\":0,\"evidence\":{\"identities\":4,"), std::string::npos)
         << json;
