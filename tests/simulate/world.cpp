@@ -16,6 +16,8 @@ constexpr const char *pools[] = {"zep_stb", "zep_itf", "lan"};
 constexpr const char *store_file = "simulated-keel.db";
 constexpr const char *gateway_address = "10.20.0.9";
 constexpr std::uint64_t script_ms = 50;
+constexpr std::uint64_t hour_ms = 3600000;
+constexpr unsigned most_leases_an_hour = 1500; /* a tenth of it comes about where leases are short */
 constexpr std::size_t gateway_column = 0;
 constexpr std::size_t operator_column = 1;
 constexpr std::size_t first_device_column = 2;
@@ -247,6 +249,12 @@ void World::tell_operator() {
     const std::string own = life_->model.text("Weft.Intf.dhcp_iptv.SentOption.61", "Value");
     wan.vary = [this, own](const std::string &client_id, SimOperator::Terms &terms) {
         leased_ms_ = loop_.now_ms();
+        if (leased_ms_ >= leases_counted_ms_ + hour_ms) {
+            leases_counted_ms_ = leased_ms_;
+            leases_counted_ = 0;
+        }
+        if (++leases_counted_ > most_leases_an_hour)
+            broken_ = "no WAN client is leased an address over and over";
         std::string &address = address_book_[client_id];
         if (client_id == own)
             address = gateway_address;
