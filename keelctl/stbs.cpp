@@ -49,7 +49,7 @@ void add_wan(Gateway &gateway, const Json &identity, Json &stb) {
     stb["slot"] = number(identity, "ClientIDOffset");
     stb["client_id"] = client.client_id;
     stb["wan_client"] = client.state;
-    const std::int64_t since = number(client.exchange, "Since");
+    const std::int64_t since = past_time(client.exchange, "Since", gateway.now);
     stb["wan_since"] = since;
     stb["wan_age_s"] = since ? gateway.now - since : 0;
     stb["wan_address"] = client.address_now();

@@ -40,6 +40,12 @@ std::int64_t number(const Json &tree, const char *parameter) {
     return value.is_number_integer() ? value.get<std::int64_t>() : 0;
 }
 
+std::int64_t past_time(const Json &tree, const char *parameter, std::int64_t now) {
+    constexpr std::int64_t clock_is_set = 1577836800; /* a gateway without a clock of its own starts in 1970 */
+    const std::int64_t time = number(tree, parameter);
+    return time >= clock_is_set && time <= now ? time : 0;
+}
+
 Json instance(Client &client, const std::string &parent, const std::string &name) {
     return name.empty() ? child({{"children", Json::array()}}, name) : client.tree(parent + "." + name);
 }

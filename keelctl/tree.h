@@ -22,6 +22,8 @@ Json children(const Json &tree, std::initializer_list<const char *> names);
 std::string text(const Json &tree, const char *parameter);
 bool flag(const Json &tree, const char *parameter);
 std::int64_t number(const Json &tree, const char *parameter);
+/* A time in seconds since 1970 that has been; 0, not known, for one of before the clock was set, or of after now. */
+std::int64_t past_time(const Json &tree, const char *parameter, std::int64_t now);
 Json instance(Client &client, const std::string &parent, const std::string &name);
 
 bool has_word(const std::string &words, const std::string &word);

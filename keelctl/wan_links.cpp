@@ -18,7 +18,7 @@ bool line_is_up(Gateway &gateway, const WanClient &client, Walk &walk) {
     if (device.empty())
         return walk.broken("client", "no_device", "has no IPTV device", 0, "there is no network device below \"iptv\"",
                            "describe it in the data model: LowerLayers of Weft.Intf.iptv");
-    return walk.broken("client", "line_down", "waits for the line", number(client.exchange, "Since"),
+    return walk.broken("client", "line_down", "waits for the line", past_time(client.exchange, "Since", gateway.now),
                        device + " has no carrier, or is switched off",
                        "look at the line and at the modem; if it is off, ip link set " + device + " up");
 }
@@ -45,19 +45,19 @@ bool operator_answers(Gateway &gateway, const WanClient &client, const Device &d
     walk.evidence("next_try", client.next_try);
     walk.evidence("stop_gap", client.status == "Unleased" && !device.held);
     if (refusals > 0 && unanswered < 3) { /* else it answers no more */
-        const std::int64_t since = number(client.exchange, "RefusedSince");
+        const std::int64_t since = past_time(client.exchange, "RefusedSince", gateway.now);
         const std::string server = text(client.exchange, "Server");
         walk.evidence("refusals", refusals);
-        return walk.broken("lease", "operator_refuses", "is refused by the operator", since,
-                           (server.empty() ? "the operator" : server) + " refused (NAK) identifier " +
-                               or_none(client.client_id) + ", " + std::to_string(refusals) +
-                               (refusals == 1 ? " time" : " times") + " in " + duration(gateway.now - since) +
-                               stop_gap(gateway, client, device),
-                           "have the operator look whether that identifier is booked, and on this line");
+        return walk.broken(
+            "lease", "operator_refuses", "is refused by the operator", since,
+            (server.empty() ? "the operator" : server) + " refused (NAK) identifier " + or_none(client.client_id) +
+                ", " + std::to_string(refusals) + (refusals == 1 ? " time" : " times") +
+                (since ? " in " + duration(gateway.now - since) : "") + stop_gap(gateway, client, device),
+            "have the operator look whether that identifier is booked, and on this line");
     }
     if (unanswered > 0 || error == "no answer" || error.empty()) {
-        std::int64_t since = number(client.exchange, "UnansweredSince");
-        since = since ? since : number(client.exchange, "Since");
+        std::int64_t since = past_time(client.exchange, "UnansweredSince", gateway.now);
+        since = since ? since : past_time(client.exchange, "Since", gateway.now);
         walk.evidence("unanswered", unanswered);
         return walk.broken("lease", "operator_silent", "waits for the operator", since,
                            "no answer to DISCOVER on " + wire +
@@ -67,8 +67,13 @@ bool operator_answers(Gateway &gateway, const WanClient &client, const Device &d
                            "have the operator look whether its DHCP server sees identifier " +
                                or_none(client.client_id) + "; it is asked again by itself");
     }
-    return walk.broken("client", "client_failed", "has no WAN client that runs", number(client.exchange, "Since"),
-                       error + stop_gap(gateway, client, device),
+    if (error.starts_with("address ") || error.starts_with("mask "))
+        return walk.broken("lease", "lease_unusable", "is leased what it cannot use",
+                           past_time(client.exchange, "Since", gateway.now),
+                           "the operator leases what cannot be: " + error + stop_gap(gateway, client, device),
+                           "have the operator mend its DHCP server; another lease is asked for by itself");
+    return walk.broken("client", "client_failed", "has no WAN client that runs",
+                       past_time(client.exchange, "Since", gateway.now), error + stop_gap(gateway, client, device),
                        "keelctl trace tells more; install udhcpc if it is missing");
 }
 
@@ -181,7 +186,8 @@ bool has_rules(Gateway &gateway, const Device &device, Walk &walk) {
             told = text(one, "What") + " is not in " + text(one, "Chain");
             its_own = !text(one, "Address").empty();
         }
-        since = since == 0 ? number(one, "Since") : std::min(since, number(one, "Since"));
+        since =
+            since == 0 ? past_time(one, "Since", gateway.now) : std::min(since, past_time(one, "Since", gateway.now));
         next = std::max(next, number(one, "NextTry"));
     }
     if (told.empty() && !gateway.rules_error.empty())
@@ -248,7 +254,7 @@ bool has_multicast(Gateway &gateway, const Device &device, Walk &walk) {
     const std::string told = joined.empty() ? "it has joined no group" : "joined " + joined + " on port " + device.port;
     if (status != "Running") {
         const bool switched_off = !flag(daemon, "MRTIIFEnable") || !flag(daemon, "WANEnable");
-        return walk.broken("multicast", "daemon_down", "gets no live picture", number(daemon, "Since"),
+        return walk.broken("multicast", "daemon_down", "gets no live picture", past_time(daemon, "Since", gateway.now),
                            told + "; the daemon does not run: " +
                                (status == "Error" ? "it ends, or cannot be started"
                                 : switched_off    ? "its line is down"

@@ -240,7 +240,10 @@ TEST_F(ControlTest, WhyTellsTheLinkThatIsBroken) {
         {{client +
           "Unanswered=0 Server=10.20.0.1 LastError='refused by 10.20.0.1' Refusals=12 RefusedSince=" + ago(185)},
          {"10.20.0.1 refused (NAK) identifier 01aabb, 12 times in 3 min", "is refused by the operator"}},
-        {{client + "Refusals=0 LastError='udhcpc cannot be started: no such file'"},
+        {{client + "RefusedSince=86400"}, {"identifier 01aabb, 12 times; the STB"}}, /* from before the clock was set */
+        {{client + "Refusals=0 LastError='mask 255.0.255.0 is no mask of a network'"},
+         {"broken lease     the operator leases what cannot be: mask 255.0.255.0", "is leased what it cannot use"}},
+        {{client + "LastError='udhcpc cannot be started: no such file'"},
          {"broken client    udhcpc cannot be started: no such file"}},
         {{"set Weft.Intf.eth1.20 Flags=netdev", client + "Since=" + ago(610)},
          {"broken client    eth1.20 has no carrier", "10 min ago"}},
