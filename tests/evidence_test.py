@@ -303,6 +303,25 @@ class EvidenceTest(unittest.TestCase):
         self.assertLess(len(self.timeline("--since", "0s")), len(events) / 2)
         refused = self.on_gateway("timeline", "--since", "yesterday", check=False)
         self.assertEqual((refused.returncode, "is no time" in refused.stderr), (1, True))
+        # What began before the time that is drawn is drawn as it was.
+        self.on_gateway("timeline", "--since", "0s", "-o", page)
+        with open(page, encoding="utf-8") as file:
+            strips = re.findall(r'class="strip".*', file.read())
+        self.assertFalse([strip for strip in strips if "dark" in strip], strips)
+
+    def test_7_a_host_that_hangs(self):
+        """Nobody waits for it without end: the archive holds all the rest."""
+        host = next(pid for pid, name in self.lab.processes().items() if name == "keelhost")
+        os.kill(host, signal.SIGSTOP)
+        try:
+            done, texts = self.archive(check=False)
+        finally:
+            os.kill(host, signal.SIGCONT)
+        self.assertEqual(done.returncode, 2, done.stderr)
+        self.assertIn("the host has not answered for 10 s", texts["status.txt"])
+        self.assertIn("the host does not answer", texts["model.txt"])
+        self.assertIn("-A PREROUTING_zep_DROP -j DROP", texts["iptables.txt"])
+        self.assertTrue(wait_for(lambda: self.on_gateway(check=False).returncode == 0, 20), "it answers again")
 
 
 if __name__ == "__main__":
