@@ -31,8 +31,13 @@ timeout 10;
 DHCLIENT_SCRIPT = """#!/bin/sh
 case "$reason" in
 BOUND | RENEW | REBIND | REBOOT)
-    ip -4 addr flush dev "$interface"
-    ip addr add "$new_ip_address/24" dev "$interface"
+    case "$(ip -4 -o addr show dev "$interface")" in
+    *" $new_ip_address/24 "*) ;;
+    *)
+        ip -4 addr flush dev "$interface"
+        ip addr add "$new_ip_address/24" dev "$interface"
+        ;;
+    esac
     ;;
 EXPIRE | FAIL | RELEASE | STOP)
     ip -4 addr flush dev "$interface"
