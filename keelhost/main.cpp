@@ -125,7 +125,8 @@ public:
     Host(UvLoop &loop, const Options &options)
         : loop_(loop), model_(loop_), loaded_((model_.load_file(options.model), true)),
           box_settings_(model_, options.settings, !options.settings_given), graph_(model_),
-          store_(loop_, model_, options.store), cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
+          free_((Control::require_free(options.socket), true)), store_(loop_, model_, options.store),
+          cleaned_((box_settings_.after_store(), drop_leftovers(model_), true)),
           control_(loop_, model_, options.socket, control_actions()), chains_((make_chains(options.share), true)),
           settings_(model_), import_(loop_, model_, settings_, "keelhost " KEEL_VERSION, &wan_address),
           history_(loop_, model_), tables_(loop_), kernel_(loop_, graph_, tables_), interface_state_(loop_, graph_),
@@ -194,6 +195,7 @@ private:
     bool loaded_;
     BoxSettings box_settings_;
     InterfaceGraph graph_;
+    bool free_; /* the socket, and so the store */
     Store store_;
     bool cleaned_;
     Control control_;

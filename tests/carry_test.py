@@ -145,6 +145,7 @@ class CarryTest(unittest.TestCase):
                 changed(lambda other: other["identities"][identity].update(devices=[])),
             "options.lan.dns.value: it must be hexadecimal":
                 changed(lambda other: other["options"]["lan"]["dns"].update(value="c0a8010")),
+            "format: this is no file of keelctl export": '{"format":' + "[" * 250000 + "]" * 250000 + "}",
             "tags.x:": changed(lambda other: other["tags"].update(x="lan")),
         }
         for wanted, text in mistakes.items():

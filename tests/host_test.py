@@ -36,11 +36,11 @@ class HostTest(unittest.TestCase):
         return [rule for table in ("raw", "nat", "filter") for rule in self.lab.rules(table)
                 if "192.168.1." in rule or "10.20.0." in rule]
 
-    def start_another(self, socket):
-        """A host of its own on the same gateway, until it ends."""
+    def start_another(self, socket, network="gateway"):
+        """A host of its own, on the same gateway unless told otherwise, until it ends."""
         self.other_store = os.path.join(self.folder, "other.db")
         return subprocess.run(
-            ("nsenter", f"--net={NETNS}/gateway", os.path.join(PROGRAMS, "keelhost"), "--store", self.other_store,
+            ("nsenter", f"--net={NETNS}/{network}", os.path.join(PROGRAMS, "keelhost"), "--store", self.other_store,
              "--socket", socket, "--share", os.path.join(ROOT, "share")),
             capture_output=True, text=True, timeout=20, check=False)
 
@@ -50,6 +50,9 @@ class HostTest(unittest.TestCase):
         self.assertEqual(second.returncode, 2, second.stderr)
         self.assertIn(f"process {self.lab.gateway.pid} (keelhost)", second.stderr)
         self.assertFalse(os.path.exists(self.other_store))
+        elsewhere = self.start_another(self.lab.socket, "operator")
+        self.assertIn("another keelhost listens", elsewhere.stderr)
+        self.assertFalse(os.path.exists(self.other_store), "a store is opened before it is known that it is free")
         self.assertEqual(self.in_force(), before)
         self.assertTrue(self.lab.served_as(STB1))
 

@@ -154,17 +154,20 @@ private:
     void refuse(const std::string &place, const std::string &reason) { errors_.push_back(place + ": " + reason); }
 
     bool is_of_our_form(const Place &top) {
-        const auto member = [&](const char *name) {
-            const auto found = top.json.is_object() ? top.json.find(name) : top.json.end();
-            return found == top.json.end() ? Json() : *found;
+        static const Json none;
+        const auto member = [&](const char *name) -> const Json & { /* a copy of what is nested deeply has no end */
+                                                                    const auto found = top.json.is_object()
+                                                                                           ? top.json.find(name)
+                                                                                           : top.json.end();
+                                                                    return found == top.json.end() ? none : *found;
         };
-        if (member("format") != format_name) {
+        if (!member("format").is_string() || member("format") != format_name) {
             refuse("format",
                    std::string("this is no file of keelctl export: \"format\" must be \"") + format_name + "\"");
             return false;
         }
-        const Json version = member("version");
-        if (version == form_version)
+        const Json &version = member("version");
+        if (version.is_number_integer() && version == form_version)
             return true;
         refuse("version", version.is_number_integer()
                               ? "the file has form " + version.dump() + ", and this keelhost reads form " +

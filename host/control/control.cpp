@@ -38,9 +38,21 @@ bool removable(const std::string &path) {
     return lstat(path.c_str(), &found) != 0 || S_ISSOCK(found.st_mode);
 }
 
+sockaddr_un address_of(const std::string &path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error(path + ": too long for a socket's path");
+    std::copy(path.begin(), path.end(), address.sun_path);
+    return address;
+}
+
+/* One that takes no connections just now listens as well. */
 bool somebody_listens(const sockaddr_un &address) {
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool alive = probe >= 0 && connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool alive =
+        probe >= 0 &&
+        (connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN);
     if (probe >= 0)
         close(probe);
     return alive;
@@ -92,6 +104,11 @@ Control::Control(UvLoop &loop, Model &model, std::string socket_path, ControlAct
     looking_ = loop_.start_timer(look_ms, [this] { look_at_socket(); });
 }
 
+void Control::require_free(const std::string &path) {
+    if (somebody_listens(address_of(path)))
+        throw std::runtime_error(path + ": another keelhost listens on this socket");
+}
+
 Control::~Control() {
     loop_.cancel_timer(looking_);
     while (!clients_.empty())
@@ -102,13 +119,8 @@ Control::~Control() {
 }
 
 void Control::listen() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path_.size() >= sizeof address.sun_path)
-        throw std::runtime_error(path_ + ": too long for a socket's path");
-    std::copy(path_.begin(), path_.end(), address.sun_path);
-    if (somebody_listens(address))
-        throw std::runtime_error(path_ + ": another keelhost listens on this socket");
+    sockaddr_un address = address_of(path_);
+    require_free(path_);
     make_folder(std::filesystem::path(path_).parent_path());
     if (!removable(path_)) /* it is somebody's, perhaps by a slip in the options */
         throw std::runtime_error(path_ + " is no socket, and is left as it is: move it away, or choose another path");

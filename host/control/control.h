@@ -26,6 +26,9 @@ public:
     Control &operator=(const Control &) = delete;
     ~Control();
 
+    /* Throws when another process listens there: for who is about to write what that process holds. */
+    static void require_free(const std::string &path);
+
 private:
     struct Client;
     struct Listener;

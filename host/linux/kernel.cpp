@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <utility>
 
 #include "host/base/text_forms.h"
 #include "host/base/trace.h"
@@ -11,9 +12,26 @@ namespace keel {
 
 namespace {
 
-/* Without it, deleting the first of several addresses of a subnet takes the others along. */
+std::string promote_secondaries_of(const std::string &link) {
+    return "/proc/sys/net/ipv4/conf/" + link + "/promote_secondaries";
+}
+
+bool is_set(const std::string &file) {
+    char value = '0';
+    return std::ifstream(file) >> value && value != '0';
+}
+
+/* Without it, deleting the first of several addresses of a subnet takes the others along. Where /proc/sys is read only,
+ * somebody else has to have set it for all. */
 void keep_secondaries(const std::string &link) {
-    std::ofstream("/proc/sys/net/ipv4/conf/" + link + "/promote_secondaries") << "1";
+    std::ofstream(promote_secondaries_of(link)) << "1";
+    static bool told = false;
+    if (is_set(promote_secondaries_of("all")) || is_set(promote_secondaries_of(link)) || std::exchange(told, true))
+        return;
+    trace(Level::Warning, "kernel",
+          "%s cannot be set: when the address of an STB goes, the others of its subnet go for a moment; set "
+          "net.ipv4.conf.all.promote_secondaries to 1",
+          promote_secondaries_of(link).c_str());
 }
 
 void report(const Outcome &refusal) {
@@ -71,7 +89,7 @@ Kernel::~Kernel() {
             tables_.delete_route(route);
         for (const KernelAddress &address : tables_.addresses(index))
             if (address.own)
-                tables_.delete_address(address);
+                delete_address(link.name, address);
     }
 }
 

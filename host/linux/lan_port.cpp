@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::uint64_t first_pause_ms = 100;
 constexpr std::uint64_t longest_pause_ms = 1000;
+constexpr std::uint64_t port_again_ms = 10000;
 constexpr std::uint16_t server_port = 67;
 constexpr std::uint16_t client_port = 68;
 
@@ -46,7 +47,7 @@ constexpr HardwareAddress to_all = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 
 PacketLanPort::PacketLanPort(UvLoop &loop, KernelTables &tables, std::string interface, Receiver receiver,
                              OnOwner on_owner)
-    : interface_(std::move(interface)), receiver_(std::move(receiver)), tables_(tables),
+    : loop_(loop), interface_(std::move(interface)), receiver_(std::move(receiver)), tables_(tables),
       socket_(
           loop, interface_, {filter_code, ETH_P_IP, GrowingPause(first_pause_ms, longest_pause_ms), longest_pause_ms},
           [this](const std::uint8_t *data, std::size_t size, bool) {
@@ -64,6 +65,10 @@ PacketLanPort::PacketLanPort(UvLoop &loop, KernelTables &tables, std::string int
           [](int) { /* it is lost and found together with the other, which tells */ }) {
     if (socket_.is_open())
         take_port();
+}
+
+PacketLanPort::~PacketLanPort() {
+    loop_.cancel_timer(port_again_);
 }
 
 void PacketLanPort::state_changed(int error) {
@@ -105,8 +110,17 @@ void PacketLanPort::send_routed(const Bytes &message, const DhcpDestination &des
 
 /* Of a device that is not there the packet socket tells. */
 void PacketLanPort::take_port() {
+    loop_.cancel_timer(port_again_);
+    port_again_ = 0;
     const int error = port_.open(interface_, server_port);
-    if (error && error != ENODEV)
+    const bool taken = error && error != ENODEV;
+    if (taken)
+        port_again_ = loop_.start_timer(port_again_ms, [this] { take_port(); });
+    if (taken == std::exchange(port_is_taken_, taken))
+        return;
+    if (!taken)
+        trace(Level::Info, "lan", "%s: UDP port %u is ours", interface_.c_str(), server_port);
+    else
         trace(Level::Warning, "lan",
               "%s: UDP port %u cannot be had: %s; with another DHCP server on this machine devices get two answers "
               "(ss -ulpn tells who has it)",

@@ -27,6 +27,7 @@ public:
     PacketLanPort(UvLoop &loop, KernelTables &tables, std::string interface, Receiver receiver, OnOwner on_owner);
     PacketLanPort(const PacketLanPort &) = delete;
     PacketLanPort &operator=(const PacketLanPort &) = delete;
+    ~PacketLanPort() override;
 
     bool is_open() const { return socket_.is_open(); }
     /* Called once, the next time that the interface is open again. */
@@ -44,11 +45,14 @@ private:
     std::string learned_behind(const HardwareAddress &device) const;
     void send_routed(const Bytes &message, const DhcpDestination &destination) const;
 
+    UvLoop &loop_;
     std::string interface_;
     Receiver receiver_;
     std::function<void()> opened_;
     KernelTables &tables_;
-    UdpPort port_; /* so that the kernel refuses nobody what the packet socket takes */
+    UdpPort port_;               /* so that the kernel refuses nobody what the packet socket takes */
+    bool port_is_taken_ = false; /* by another program */
+    Loop::TimerId port_again_ = 0;
     PacketSocket socket_;
     PacketSocket arp_;
 };

@@ -79,11 +79,16 @@ int PacketSocket::bind_to_device() {
     if (socket_ < 0 || setsockopt(socket_, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) < 0 ||
         bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) < 0)
         return errno;
-    socklen_t size = sizeof address;
-    if (getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &size) < 0)
-        return errno;
-    std::copy_n(address.sll_addr, own_address_.size(), own_address_.begin());
     return socket_error(0); /* a device that is down can be bound to all the same */
+}
+
+HardwareAddress PacketSocket::own_address() const {
+    HardwareAddress own{};
+    sockaddr_ll address{};
+    socklen_t size = sizeof address;
+    if (getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &size) == 0)
+        std::copy_n(address.sll_addr, own.size(), own.begin());
+    return own;
 }
 
 int PacketSocket::watch() {

@@ -41,7 +41,8 @@ public:
 
     bool is_open() const { return poll_ != nullptr; }
     /* The device's; of one that is open. */
-    const HardwareAddress &own_address() const { return own_address_; }
+    /* As the device has it now: a bridge takes that of its first port. */
+    HardwareAddress own_address() const;
     /* Hands over what has come up to now, without waiting for the loop. */
     void take_now();
     /* To a hardware address on the device. 0, or an errno. */
@@ -68,7 +69,6 @@ private:
     OnState on_state_;
     int socket_ = -1; /* while it is open, or being opened */
     int index_ = 0;
-    HardwareAddress own_address_{};
     Poll *poll_ = nullptr;
     Loop::TimerId retry_ = 0;
     std::uint64_t opened_ms_ = 0; /* 0: it is not open */
