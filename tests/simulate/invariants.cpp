@@ -242,7 +242,7 @@ bool has_free_slot(const RoutedState &state) {
 std::map<std::string, std::string> slots_of(const RoutedState &state) {
     std::map<std::string, std::string> all;
     for (const Client_lease *lease : identities_of(state))
-        if (lease->client_id_offset >= 0)
+        if (lease->client_id_offset >= 0 && lease->client_id_offset < client_slots)
             for (const Server_lease *device : devices_of(lease))
                 all[lease->name] = device->id;
     return all;
@@ -341,7 +341,7 @@ std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb
     for (const Client_lease *lease : identities_of(sight.state)) {
         if (lease->name != (itf ? "itf" : device.id()))
             continue;
-        if (lease->status == LeaseStatus::Unleased && sight.restarting &&
+        if (lease->status == LeaseStatus::Unleased && sight.restarting && !any_in_force(sight.state) &&
             (answer.lease_s != unleased_lease_time_s || answer.servers != " "))
             return "while the operator answers nobody, an answer is short and has no servers: " + device.id() +
                    " is told " + std::to_string(answer.lease_s) + " s, \"" + answer.servers + "\"";
