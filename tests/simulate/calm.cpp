@@ -67,7 +67,7 @@ void World::look_at_ends() {
     std::set<std::string> leased;
     for (const std::string &lease : leases())
         leased.insert(lease.substr(lease.rfind('.') + 1));
-    for (const auto &[name, device] : slots_of(*state_)) {
+    for (const auto &[name, device] : only_devices_of(*state_)) {
         const auto ended = lease_ended_ms_.find(device);
         const std::uint64_t since_ms = ended == lease_ended_ms_.end() ? started_ms_ : ended->second;
         if (!leased.contains(device) && loop_.now_ms() > since_ms + kept_ms + leeway_ms)

@@ -239,12 +239,11 @@ bool has_free_slot(const RoutedState &state) {
     return taken < client_slots;
 }
 
-std::map<std::string, std::string> slots_of(const RoutedState &state) {
+std::map<std::string, std::string> only_devices_of(const RoutedState &state) {
     std::map<std::string, std::string> all;
     for (const Client_lease *lease : identities_of(state))
-        if (lease->client_id_offset >= 0 && lease->client_id_offset < client_slots)
-            for (const Server_lease *device : devices_of(lease))
-                all[lease->name] = device->id;
+        if (const auto devices = devices_of(lease); devices.size() == 1)
+            all[lease->name] = devices.front()->id;
     return all;
 }
 

@@ -45,8 +45,8 @@ std::string broken_terms(const Sight &sight, const std::string &mask, const std:
 std::string broken_answer(const Sight &sight, const SimStb &device, const SimStb::Answer &answer);
 bool any_in_force(const RoutedState &state);
 bool has_free_slot(const RoutedState &state);
-/* The identities that have a slot, each with its device's identifier. */
-std::map<std::string, std::string> slots_of(const RoutedState &state);
+/* The identities that have one device, each with its identifier. */
+std::map<std::string, std::string> only_devices_of(const RoutedState &state);
 bool is_leased(const Model &model, const SimStb &device);
 /* The rules that stand for one mapped device. */
 std::vector<std::string> rules_of(const std::string &lan, const std::string &wan);
