@@ -23,7 +23,7 @@ bool is_of_mapped_device(const Event &event) {
 
 std::string record_in_another(const Model &model, const std::string &identity, const std::string &device) {
     for (const std::string &other : model.instances(identities_path)) {
-        const std::string record = join_path(join_path(identities_path, other) + ".ServerLease", device);
+        std::string record = join_path(join_path(identities_path, other) + ".ServerLease", device);
         if (other != identity && model.find(record))
             return record;
     }
