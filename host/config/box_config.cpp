@@ -221,6 +221,8 @@ BoxConfig read_box_config(const std::string &file, const BoxDefaults &defaults) 
     ConfigReader reader(config, defaults);
     reader.read();
     Together(config, defaults, reader.refused()).check();
+    for (std::string &error : config.errors) /* it names what stands in the file, for a terminal */
+        error = printable_text(error, error.size());
     return config;
 }
 

@@ -7,8 +7,14 @@
 #include <fstream>
 #include <sstream>
 
+/* What the library takes for granted of a file that is no TOML ("[a"b"), and looks at all the same right after: with
+ * NDEBUG it has the compiler believe it and leave that look out, without it ends the process. */
+#pragma push_macro("NDEBUG")
+#undef NDEBUG
+#define TOML_ASSERT(expr) static_cast<void>(0)
 #define TOML_ENABLE_FORMATTERS 0 /* the file is read, and never written */
 #include <toml++/toml.h>
+#pragma pop_macro("NDEBUG")
 
 #include "host/model/node.h"
 
@@ -35,6 +41,17 @@ std::string in_words(const TomlEntry &entry) {
         words += (words.empty() ? "" : ", ") + (text ? '"' + to_text(value) + '"' : to_text(value));
     }
     return entry.list ? "[" + words + "]" : words;
+}
+
+/* The library takes some characters beyond ASCII for spaces, and cannot tell all of them. No value that the host takes
+ * has any: what stands in a comment may be anything, and elsewhere a mistake is told all the same. */
+std::string in_ascii(std::string text) {
+    constexpr std::string_view byte_order_mark = "\xef\xbb\xbf";
+    if (text.starts_with(byte_order_mark))
+        text.erase(0, byte_order_mark.size());
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char byte) { return byte >= 0x80; }, '?');
+    return text;
 }
 
 void flatten(const toml::table &table, const std::string &path, std::vector<TomlEntry> &entries) {
@@ -79,7 +96,7 @@ TomlFile read_toml(const std::string &file) {
     std::ostringstream text;
     text << stream.rdbuf();
     try {
-        flatten(toml::parse(text.str()), "", read.entries);
+        flatten(toml::parse(in_ascii(text.str())), "", read.entries);
     } catch (const toml::parse_error &mistake) {
         read.error =
             file + ":" + std::to_string(mistake.source().begin.line) + ": " + std::string(mistake.description());
