@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +61,9 @@ Json values_of(const std::vector<std::string> &words) {
     }
     return values;
 }
+
+/* What is written may have the plug-in run its commands, which wait for others'. */
+constexpr std::chrono::seconds write_patience{60};
 
 int status(Client &client, const Options &options) {
     client.look();
@@ -143,6 +147,7 @@ int get(Client &client, const Options &told) {
 }
 
 int set(Client &client, const Options &options) {
+    client.set_patience(write_patience);
     client.ask({{"op", "set"}, {"path", options.path}, {"values", values_of(options.words)}});
     return done;
 }
@@ -155,6 +160,7 @@ int add(Client &client, const Options &options) {
         words.erase(words.begin());
     }
     message["values"] = values_of(words);
+    client.set_patience(write_patience);
     const std::string name = client.ask(message)["name"];
     if (options.script)
         print_json({{"name", name}});
@@ -164,6 +170,7 @@ int add(Client &client, const Options &options) {
 }
 
 int del(Client &client, const Options &options) {
+    client.set_patience(write_patience);
     client.ask({{"op", "del"}, {"path", options.path}});
     return done;
 }
