@@ -46,6 +46,11 @@ TEST_F(TimelineTest, AnStbsLifeIsToldInOrder) {
     wan->online = true;
     loop->advance(150 * second);
     EXPECT_EQ(told("state").back(), "state served stop-gap");
+    wan->online = false;
+    loop->advance(3700 * second); /* its lease ends, and its address stays in force */
+    EXPECT_EQ(told("state").back(), "state served dark");
+    wan->online = true;
+    loop->advance(1900 * second); /* it is asked again */
     EXPECT_EQ(told("route"),
               (Lines{"route Enabled 10.60.0.0/24 via 10.20.0.1", "route Enabled 10.61.0.0/16 via 10.20.0.1"}));
 
