@@ -6,7 +6,6 @@ namespace keel {
 namespace {
 
 constexpr const char *sound_mask = "255.255.255.0";
-constexpr const char *rubbish_mask = "255.0.255.0";
 constexpr std::uint64_t routes_are_made_ms = 3000; /* after a lease; until then there are none */
 
 } // namespace
@@ -27,7 +26,7 @@ void World::make_well() {
     Ground::instance().failing_allocation = 0;
     life_->kernel->lose_events(0);
     for (const auto &[number, value] : sound_options())
-        if (options_[number].size() < value.size() && !options_[number].empty())
+        if (options_[number] == rubbish_routes || options_[number] == rubbish_server)
             options_[number] = value;
     if (mask_ == rubbish_mask)
         mask_ = sound_mask;

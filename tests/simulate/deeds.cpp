@@ -69,11 +69,10 @@ void World::carry_out_on_device(const Step &step, SimStb &device) {
 }
 
 void World::carry_out_as_operator(const Step &step) {
-    /* The last of each are rubbish, and no routes at all. */
-    static const char *const masks[] = {"255.255.255.0", "255.255.0.0", "255.255.252.0", "255.0.255.0"};
+    static const char *const masks[] = {"255.255.255.0", "255.255.0.0", "255.255.252.0", rubbish_mask};
     static const char *const routes[] = {"180a3c000a140001", "180a3c000a140001100a3d0a140001", "100a460a140001", "",
-                                         "210a3c"};
-    static const char *const servers[] = {"0a140002", "0a1400ff", "0a140102", "0a1400"};
+                                         rubbish_routes};
+    static const char *const servers[] = {"0a140002", "0a1400ff", "0a140102", rubbish_server};
     static const std::uint64_t lease_times[] = {86400, 3600, 600, 43200};
     const std::vector<std::string> all = clients();
     const std::string client = all.empty() ? "" : pick(all, step.subject);

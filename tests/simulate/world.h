@@ -34,6 +34,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/* What an operator may send, and no gateway can use. */
+constexpr const char *rubbish_mask = "255.0.255.0";
+constexpr const char *rubbish_routes = "210a3c";
+constexpr const char *rubbish_server = "0a1400";
+
 class World {
 public:
     World(std::uint64_t seed, const std::string &plugin, const std::string &model_file);
