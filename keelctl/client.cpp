@@ -81,7 +81,7 @@ void Client::send(const Json &message) {
         if (count < 0 && errno == EINTR && !Interruption::wanted())
             continue;
         if (count <= 0)
-            lost(count < 0 && errno == EAGAIN ? no_answer() : closed);
+            lost(count < 0 && errno == EAGAIN ? no_answer() : count < 0 && errno == EINTR ? "interrupted" : closed);
         sent += static_cast<std::size_t>(count);
     }
 }
@@ -110,6 +110,8 @@ std::optional<Json> Client::next_line(bool whenever) {
             continue;
         if (count < 0 && errno == EAGAIN)
             lost(no_answer());
+        if (count < 0 && errno == EINTR)
+            lost("interrupted");
         if (count <= 0)
             return std::nullopt;
         input_.append(buffer, static_cast<std::size_t>(count));

@@ -155,11 +155,10 @@ private:
 
     bool is_of_our_form(const Place &top) {
         static const Json none;
-        const auto member = [&](const char *name) -> const Json & { /* a copy of what is nested deeply has no end */
-                                                                    const auto found = top.json.is_object()
-                                                                                           ? top.json.find(name)
-                                                                                           : top.json.end();
-                                                                    return found == top.json.end() ? none : *found;
+        /* Not a copy: that of what is nested deeply has no end. */
+        const auto member = [&](const char *name) -> const Json & {
+            const auto found = top.json.is_object() ? top.json.find(name) : top.json.end();
+            return found == top.json.end() ? none : *found;
         };
         if (!member("format").is_string() || member("format") != format_name) {
             refuse("format",

@@ -16,8 +16,8 @@ constexpr const char *zone = "import";
 constexpr std::uint64_t look_every_ms = 50;
 constexpr std::uint64_t leaves_within_ms = 20000; /* its shell commands may have to wait for others */
 
-/* The leases by address, of the whole LAN. */
-/* Of every lease that there is now, also of one on hold: who asked for it may have it by the next message. */
+/* By the address of every lease that there is now, also of one on hold: who asked for it may have it by the next
+ * message. */
 std::map<std::string, std::string> owners_of_addresses(const Model &model) {
     std::map<std::string, std::string> owners;
     for (const std::string &pool : model.instances(lan_pools_path)) {
