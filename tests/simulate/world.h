@@ -131,9 +131,9 @@ private:
     std::map<int, std::string> options_ = sound_options();
     std::map<std::string, std::string> address_book_;
     unsigned next_address_ = 0;
+    unsigned leases_counted_ = 0;
     std::uint64_t leased_ms_ = 0;         /* the latest one */
     std::uint64_t leases_counted_ms_ = 0; /* since when they are counted */
-    unsigned leases_counted_ = 0;
     std::map<std::string, bool> lines_{{"eth1.20", true}, {"eth1.30", false}, {"eth1.10", true}};
 
     std::uint64_t clock_set_ms_ = 0;
